@@ -1,0 +1,69 @@
+/* Names for people: return codes and operations.
+ *
+ * The codes stand in one list, ZAN_RCODES in zan_rcodes.h: a new code gets its words and its
+ * constant name there, and both functions below know it at once.
+ */
+#include "../zan_rcodes.h"
+#include "../zan_table_base.h"
+
+const char *rcd_strerror(zan_rcode rc)
+{
+    switch (rc) {
+    case EOK:
+        return "success";
+#define ZAN_RC_WORDS(name, value, words)                                                           \
+    case value:                                                                                    \
+        return words;
+        ZAN_RCODES(ZAN_RC_WORDS)
+#undef ZAN_RC_WORDS
+    default:
+        return "unknown code";
+    }
+}
+
+const char *zan_rcode_name(zan_rcode rc)
+{
+    switch (rc) {
+    case EOK:
+        return "EOK";
+#define ZAN_RC_NAME(name, value, words)                                                            \
+    case value:                                                                                    \
+        return #name;
+        ZAN_RCODES(ZAN_RC_NAME)
+#undef ZAN_RC_NAME
+    default:
+        return "";
+    }
+}
+
+const char *zan_table_operation_str(uint8_t operation)
+{
+    switch (operation) {
+    case ZAN_TABLE_RESERVE:
+        return "reserve";
+    case ZAN_TABLE_CREATE:
+        return "create";
+    case ZAN_TABLE_DELETE:
+        return "delete";
+    case ZAN_TABLE_EVENT:
+        return "event";
+    case ZAN_TABLE_UPDATE:
+        return "update";
+    case ZAN_TABLE_GET:
+        return "get";
+    case ZAN_TABLE_GET_FIRST:
+        return "get_first";
+    case ZAN_TABLE_GET_GT_EQ:
+        return "get_gt_eq";
+    case ZAN_TABLE_GET_NEXT:
+        return "get_next";
+    case ZAN_TABLE_REPLAY_START:
+        return "replay_start";
+    case ZAN_TABLE_REPLAY_END:
+        return "replay_end";
+    case ZAN_TABLE_EOD:
+        return "eod";
+    default:
+        return "unknown";
+    }
+}
