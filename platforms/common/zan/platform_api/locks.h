@@ -1,0 +1,37 @@
+/* The locks that the server shares with its platform.
+ *
+ * Order, outermost first. Nobody takes one while holding one below it.
+ *
+ *   1 dispatch lock      held by who holds the dispatcher; dropped in the in-flight wait only
+ *   2 programming lock   held by the dispatcher thread while it runs flows; dropped while it waits
+ *                        for the NPU threads
+ *   3 fec id lock        identifier allocation; around the hook loops only, never across a
+ *                        hardware step
+ *   4 notification mutex one per table, in the server
+ *   5 database locks     writes of database objects in the statistics tables, against the
+ *                        statistics thread; never with another lock inside
+ *
+ * All return 0, or an errno number when the lock is broken.
+ */
+#ifndef ZAN_PLATFORM_LOCKS_H
+#define ZAN_PLATFORM_LOCKS_H
+
+#include "zan_types.h"
+
+ZAN_EXTERN_C_BEGIN
+ZAN_EXPORT int kor_core_lock_dispatch_lock(void);
+ZAN_EXPORT int kor_core_unlock_dispatch_lock(void);
+ZAN_EXPORT int zan_threads_server_programming_lock(void);
+ZAN_EXPORT int zan_threads_server_programming_unlock(void);
+ZAN_EXPORT int kor_core_fec_id_lock(void);
+ZAN_EXPORT int kor_core_fec_id_unlock(void);
+ZAN_EXPORT int kor_db_lock(void);
+ZAN_EXPORT int kor_db_unlock(void);
+ZAN_EXPORT int kor_db_stats_lock(void);
+ZAN_EXPORT int kor_db_stats_unlock(void);
+/* Hardware access of the dispatcher thread is closed and reopened around the in-flight wait. */
+ZAN_EXPORT int kor_hw_access_complete(void);
+ZAN_EXPORT int kor_hw_access_in_progress(void);
+ZAN_EXTERN_C_END
+
+#endif

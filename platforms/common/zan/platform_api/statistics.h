@@ -1,0 +1,62 @@
+/* Statistics of operations: per table first and last operation, durations, the slow ones.
+ *
+ * Called on every object, so each call is a handful of stores; no lock. Durations are timespecs.
+ */
+#ifndef ZAN_PLATFORM_STATISTICS_H
+#define ZAN_PLATFORM_STATISTICS_H
+
+#include "zan_table_base.h"
+
+/* Durations of one kind of work. */
+typedef struct zan_perf_stat_st {
+    uint64_t count;
+    uint64_t total_ns;
+    uint64_t max_ns;
+} zan_perf_stat_st;
+
+/* What the service keeps for one table. */
+typedef struct zan_table_perf_st {
+    uint64_t first_op_ns, last_op_ns; /* CLOCK_REALTIME */
+    uint32_t first_trans_id, last_trans_id;
+    uint64_t num_ops;
+    uint64_t num_slow_ops;
+    zan_perf_stat_st dispatch;     /* an object on the dispatcher thread */
+    zan_perf_stat_st ipc;          /* from the client's stamp to the batch's entry */
+    zan_perf_stat_st dummy;        /* stopping the NPU queues */
+    zan_perf_stat_st npu[ZAN_MAX_NPUS]; /* hook calls */
+} zan_table_perf_st;
+
+ZAN_EXTERN_C_BEGIN
+ZAN_EXPORT void table_update_first_op(uint32_t table_id, const struct timespec *when,
+                                      uint32_t trans_id, uint32_t count);
+ZAN_EXPORT void table_update_last_op(uint32_t table_id, const struct timespec *when,
+                                     uint32_t trans_id, uint32_t count);
+ZAN_EXPORT void table_dispatch_perf_update(uint32_t table_id, const struct timespec *duration,
+                                           uint32_t count);
+/* Keeps the operation when it was slow: in the history of the calling NPU thread, or of the table. */
+ZAN_EXPORT void table_record_slow_op(uint32_t table_id, const struct timespec *duration,
+                                     uint32_t trans_id, uint32_t operation);
+ZAN_EXPORT void table_ipc_perf_update(uint32_t table_id, const struct timespec *avg_delay);
+ZAN_EXPORT void table_dispatch_dummy_update(uint32_t table_id, const struct timespec *duration);
+/* A hook call on the dispatcher thread: for one NPU, or for the first num_npus of a mask. */
+ZAN_EXPORT void table_dispatch_npu_perf_update(uint32_t table_id, const struct timespec *duration,
+                                               uint32_t npu);
+ZAN_EXPORT void table_dispatch_npu_perf_update_with_mask(uint32_t table_id,
+                                                         const struct timespec *duration,
+                                                         kor_npu_mask_t mask, uint32_t num_npus);
+/* A message on an NPU thread. */
+ZAN_EXPORT void table_npu_perf_update(uint32_t table_id, const struct timespec *duration,
+                                      uint32_t npu);
+/* The record of a table; it lives as long as the process. Any thread reads it without a lock. */
+ZAN_EXPORT const zan_table_perf_st *zan_table_perf_get(uint32_t table_id);
+
+/* Register a table (low word 1, high word its id) or an adjacency table (2, its index) with the
+ * periodic statistics walk. */
+typedef struct zan_periodic_stats_key_st {
+    uint32_t kind;
+    uint32_t id;
+} zan_periodic_stats_key_st;
+ZAN_EXPORT void zan_periodic_stats_add_active_table(zan_periodic_stats_key_st key, uint32_t one);
+ZAN_EXTERN_C_END
+
+#endif

@@ -1,0 +1,100 @@
+/* The trace ring and messages to the operator.
+ *
+ * A trace stores a message id and integers: no formatting, no lock, no clock call. A class handle
+ * says where a trace belongs and whether it is on. Any thread.
+ *
+ * Message id: bits 31 to 0 the message number, 39 to 32 the number of arguments, 47 to 40 a mask of
+ * the arguments that are strings.
+ */
+#ifndef ZAN_PLATFORM_TRACE_H
+#define ZAN_PLATFORM_TRACE_H
+
+#include "zan_types.h"
+
+/* Handle of a trace class: table_id * 3 + level - 1 for a table's, then the shared ones. */
+typedef uint32_t zan_trace_class_t;
+
+#define ZAN_TRACE_LEVEL_ERROR 1u
+#define ZAN_TRACE_LEVEL_EVENT 2u
+#define ZAN_TRACE_LEVEL_VERBOSE 3u
+
+/* The shared classes, X(name). */
+#define ZAN_SHARED_TRACE_CLASSES(X)                                                                \
+    X(ZAN_TRANSACTION_HISTORY_EVENT__)                                                             \
+    X(ZAN_TRANSACTION_HISTORY_EVENT_RETRY__)                                                       \
+    X(ZAN_TRANSACTION_HISTORY_STATS_EVENT__)                                                       \
+    X(ZAN_TRANSACTION_HISTORY_STATS_EVENT_RETRY__)                                                 \
+    X(ZAN_QUEUE_ERROR__)                                                                           \
+    X(ZAN_QUEUE_EVENT__)                                                                           \
+    X(ZAN_BATCH_CRUD_ERROR__)                                                                      \
+    X(ZAN_BATCH_CRUD_VERBOSE__)                                                                    \
+    X(ZAN_DB_EVENT__)                                                                              \
+    X(ZAN_FILE_A_BUGTRK_ERROR__)                                                                   \
+    X(ZAN_BWALK_ERROR__)                                                                           \
+    X(ZAN_BWALK_EVENT__)                                                                           \
+    X(ZAN_BWALK_PUSH_EVENT__)                                                                      \
+    X(ZAN_BWALK_COLORUNBIND_EVENT__)                                                               \
+    X(ZAN_RETRY_ERROR__)                                                                           \
+    X(ZAN_RETRY_EVENT__)                                                                           \
+    X(ZAN_RETRY_VERBOSE__)
+
+enum {
+    ZAN_SHARED_TRACE_CLASS_BASE = ZAN_NUM_TABLES * 3,
+#define ZAN_TRACE_CLASS_ENUM(name) ZAN_CLASS_##name,
+    ZAN_TRACE_CLASS_BEFORE_FIRST = ZAN_SHARED_TRACE_CLASS_BASE - 1,
+    ZAN_SHARED_TRACE_CLASSES(ZAN_TRACE_CLASS_ENUM)
+#undef ZAN_TRACE_CLASS_ENUM
+        ZAN_NUM_TRACE_CLASSES
+};
+
+/* A table's three enumerators, one per level, as its properties record keeps them. */
+typedef struct zan_ringlog_enums_st {
+    uint64_t level[3];
+} zan_ringlog_enums_st;
+ZAN_STATIC_ASSERT(sizeof(zan_ringlog_enums_st) == 24, "trace enumerations");
+
+/* One record of the ring, as the reader gets it. */
+typedef struct zan_trace_record_st {
+    uint64_t sequence; /* ascending over all threads */
+    uint64_t cycles;
+    uint64_t msg;
+    zan_trace_class_t trace_class;
+    uint32_t trans_id;
+    uint64_t arg[7];
+    char text[48]; /* of the string arguments, blank-separated; cut */
+} zan_trace_record_st;
+
+ZAN_EXTERN_C_BEGIN
+/* One byte per class: whether its traces are on. Errors and events are on at start. */
+ZAN_EXPORT extern uint8_t zan_trace_enabled[ZAN_NUM_TRACE_CLASSES];
+
+ZAN_EXPORT void _ringlog_1(zan_trace_class_t c, uint64_t msg, uint64_t a);
+ZAN_EXPORT void _ringlog_2(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b);
+ZAN_EXPORT void _ringlog_3(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d);
+ZAN_EXPORT void _ringlog_4(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d,
+                           uint64_t e);
+ZAN_EXPORT void _ringlog_5(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d,
+                           uint64_t e, uint64_t f);
+ZAN_EXPORT void _ringlog_6(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d,
+                           uint64_t e, uint64_t f, uint64_t g);
+ZAN_EXPORT void _ringlog_7(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d,
+                           uint64_t e, uint64_t f, uint64_t g, uint64_t h);
+/* With strings: as many further arguments as the id says, each a uint64_t or a const char *. */
+ZAN_EXPORT void _ringlogs(zan_trace_class_t c, uint64_t msg, ...);
+
+/* The class for an enumeration record at a level; with retry the shared retry class of the level. */
+ZAN_EXPORT zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums,
+                                                       uint32_t level, bool retry);
+
+/* The newest records, oldest first: at most `max` of those with a sequence above `after`. Returns
+ * how many were copied. Any thread; records being written meanwhile are left out. */
+ZAN_EXPORT uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max);
+
+/* A message to the operator: severity as syslog(3), 0 emergency to 7 debug. */
+typedef struct plat_msg_rec_t plat_msg_rec_t;
+ZAN_EXPORT const plat_msg_rec_t *plat_msg_rec_zan_warn_err_getfn(void);
+ZAN_EXPORT const plat_msg_rec_t *plat_msg_rec_zan_auto_recovery_getfn(void);
+ZAN_EXPORT void plat_errmsg(const plat_msg_rec_t *record, int severity, const char *text);
+ZAN_EXTERN_C_END
+
+#endif

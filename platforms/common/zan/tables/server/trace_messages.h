@@ -1,0 +1,190 @@
+/* Every trace message of the server, with its text, in one list.
+ *
+ * To add one: a line below, and ZAN_TRACE at the place. The text is for the reader of the ring; %x
+ * and %u take the arguments in order, %s those that are strings.
+ *
+ * Numbers: the common sources count from ZAN_MSG_COMMON_BASE. A table's flows have a block of their
+ * own for each table, so that the table can be told by the number.
+ */
+#ifndef ZAN_TRACE_MESSAGES_H
+#define ZAN_TRACE_MESSAGES_H
+
+#include "trace.h"
+
+/* X(name, text) */
+#define ZAN_COMMON_MESSAGES(X)                                                                     \
+    X(BATCH_CUT, "batch cut: rc %x, table %u, trans %u, client %u")                                \
+    X(BATCH_FORGIVEN, "failure forgiven: rc %x, table %u, trans %u")                               \
+    X(BATCH_FAILED, "batch failed: rc %x, table %u, keep_going %u, trans %u, client %u")           \
+    X(BATCH_NOT_DISPATCHED, "object not dispatched: client %u, rc %x, table %u, trans %u")         \
+    X(QUEUE_SKIP, "%s")                                                                            \
+    X(QUEUE_FAILED, "internal queue: rc %x %s")                                                    \
+    X(QUEUE_DRAINED, "internal async queue drained: %u objects")                                   \
+    X(QUEUE_HAS_CHILDREN, "queued delete left alone, it has children: %x, children %u")            \
+    X(QUEUE_OBJ_FAILED, "queued object failed: rc %x, delay_delete %u, handle %x, trans %u")       \
+    X(QUEUE_OBJ_DONE, "queued object done: trans %u, operation %u, handle %x")                     \
+    X(DELAY_DELETES_DONE, "delay-delete queue: %u objects")                                        \
+    X(SYNC_ALLOW_REFUSED, "queues left stopped: table %u, operation %u, trans %u")                 \
+    X(DUMMY_WAIT_WRONG_THREAD, "%s")                                                               \
+    X(BCAST_REFUSED, "broadcast from a thread that may not control the queues: table %u")          \
+    X(BCAST_STRAY_DELTA, "delta on something else than an update: table %u, trans %u")             \
+    X(BCAST_UNDO_INSANE, "no undo, the create was not plain: table %u, trans %u")                  \
+    X(BCAST_UNDO, "partial create undone: table %u, obj %x, trans %u, record %x, rc %x, send %x")  \
+    X(SYNC_ERR_DEFAULT, "sync error: trans %u, rc %x, keep %u")                                    \
+    X(BWALK_BIND_COLORS, "bound: child %x, colours %x, parent %x, colours %x")                     \
+    X(HISTORY_CREATE, "created: table %u, obj %x, trans %u")                                       \
+    X(HISTORY_REPLACE, "replaced: table %u, obj %x, trans %u, was %u")                             \
+    X(RETRY_MESSAGE, "in retry mode")
+
+#define ZAN_TABLE_MESSAGES(X)                                                                      \
+    X(INIT_BIND_FAILED, "no global context: rc %x, context %x")                                    \
+    X(INIT_NULL_ARCH_CBS, "%s")                                                                    \
+    X(STATS_REGISTERED, "%s")                                                                      \
+    X(STATS_WALKED, "statistics walk: %u s, %u ns, %u objects")                                     \
+    X(EVENT_HOOK_ABSENT, "event without a hook: walk %x, obj %x")                                  \
+    X(GET_DB_OBJ_MISS, "no stored object of that identity: trans %u, obj_id %u")                   \
+    X(FINAL_RC, "failed: trans %u, rdesc %x, err %x, post %x, hw %x, result %x")                   \
+    X(FINAL_RC_REST, "failed: trans %u, bwalk %x, reserve %x")                                     \
+    X(KEY_NOT_FOUND, "not found: trans %u, %s")                                                    \
+    X(KEY_PRINT, "key: trans %u, %s")                                                              \
+    X(KEY_PRINT_OLD, "key of the old object: trans %u, %s")                                        \
+    X(PARENT_KEY_NOT_FOUND, "parent not found: trans %u, %s")                                      \
+    X(OPERATION_DIFFERS, "operation of stored object %u and of request %u: trans %u, obj %x")      \
+    X(CREATE_EXISTING, "create meets stored object %x: trans %u, write_kind %u, first change %u")  \
+    X(CREATE_REVIVED, "create revives %x, which waited for its delete: trans %u")                  \
+    X(CREATE_REJECTED, "create refused on %x, which waits for its delete: trans %u")               \
+    X(CREATE_ALLOC_FAILED, "no memory for the dynamic part: trans %u, rc %x")                      \
+    X(CREATE_RDESC_FAILED, "pre_create_rdesc failed: trans %u, rc %x")                             \
+    X(CREATE_POST_FAILED, "post_create_rdesc failed: trans %u, rc %x")                             \
+    X(CREATE_STORE_FAILED, "not stored: trans %u, obj %x, rc %x")                                  \
+    X(CREATE_ROLLED_BACK, "create rolled back: trans %u, obj %x, rc %x")                           \
+    X(CREATE_ROLLBACK_DELETE, "roll-back: obj %x was not in the database: trans %u, rc %x")        \
+    X(FREE_RDESC, "descriptor freed after a hardware failure: trans %u, rc %x")                    \
+    X(REF_CNT_LIMIT, "obj_ref_cnt of %x stays at its limit %u")                                    \
+    X(REF_CNT_ZERO, "obj_ref_cnt of %x is 0 already")                                              \
+    X(REF_CNT, "obj_ref_cnt of %x is %u")                                                          \
+    X(RESERVE_FAILED, "reserve_id failed: obj %x, rc %x, npu %u")                                  \
+    X(RELEASE_FAILED, "release_id failed: obj %x, rc %x, npu %u")                                  \
+    X(HW_CODE_MAPPED, "hardware failed: table %u, trans %u, raw %x, client %x, held %x")           \
+    X(HW_STEP_FAILED, "hardware step: operation %u, rc %x, trans %u, obj_id %u, new %x, old %x")   \
+    X(HW_UNDO_FAILED, "undo of a create failed: npu %u, rc %x, trans %u")                          \
+    X(HW_UNDONE, "create undone: npu %u, trans %u")                                                \
+    X(DUMMY_WAIT, "queues stopped: trans %u, %u s, %u ns, result %u")                              \
+    X(RESOLVE_OLD_DROPPED, "reference dropped: trans %u, old object %x, old handle %x")            \
+    X(RESOLVE_MISMATCH, "handle %x and key lead to different parents (%x): trans %u")              \
+    X(RESOLVE_CHANGED, "reference changes from %x to %x: trans %u, parent trans %u")               \
+    X(RESOLVE_FAILED, "reference not resolved: trans %u, parent table %u, rc %x")                  \
+    X(UNION_CLEARED, "union cleared: trans %u")                                                    \
+    X(UNION_CLEARED_OLD, "union cleared: old object %x, old handle %x")                            \
+    X(UNION_FAILED, "union not resolved: trans %u, rc %x")                                         \
+    X(QUARANTINE_DEPTH, "long quarantine search: %u entries, was %u, table %u")                    \
+    X(BIND_FAILED, "bind failed: trans %u, obj %x, parent trans %u, parent %x")                    \
+    X(BOUND, "bound: trans %u, obj %x, parent trans %u, parent %x")                                \
+    X(SEND_FAILED, "broadcast failed: rc %x, obj %x, old %x, trans %u, operation %u, walk %x")     \
+    X(SEND_FAILED_WALK, "broadcast failed: trans of the walk %u")                                  \
+    X(QUEUE_REFUSED, "the queue refused a message: rc %x, trans %u")                               \
+    X(NPU_RESPONSE_FAILED, "NPUs failed: first %x, client %x, ok mask %x, trans %u")               \
+    X(NPU_SKIPPED, "not for this NPU: trans %u, mask %x, npu %u")                                  \
+    X(WAIT_TIMEOUT, "no answer: trans %u, retries %u, progress %u, depth %u")                      \
+    X(READ_HOOK_FAILED, "read hook failed: rc %x, trans %u, obj %x")                               \
+    X(READ_SHOW_CUT, "show text cut: %u of %u bytes")                                              \
+    X(READ_SHOW_FAILED, "show buffer failed: rc %x, trans %u")                                     \
+    X(READ_SHOW_DONE, "show buffer: %u bytes, trans %u")                                           \
+    X(READ_NO_PAYLOAD, "text asked without room for it: trans %u")                                 \
+    X(READ_TEXT_FAILED, "object text failed: rc %x, trans %u")                                     \
+    X(INFLIGHT_WAITED, "write in flight: operation %u, obj_id %u, %u, %u turns, %u s, %u us")        \
+    X(NPD_DELAY_DELETE, "postponed delete failed: rc %x")                                          \
+    X(EOD_DONE, "end of download: trans %u, npu %u, rc %x")                                         \
+    X(EVENT_CHAIN, "%s reaches %s")
+
+#define ZAN_MSG_COMMON_BASE 0x18000u
+#define ZAN_MSG_TABLE_BASE 0x20000u
+#define ZAN_MSG_TABLE_STRIDE 0x80u
+
+typedef enum zan_msg_et {
+    ZAN_MSG_COMMON_BEFORE_FIRST = ZAN_MSG_COMMON_BASE - 1,
+#define ZAN_MSG_ENUM(name, text) ZAN_MSG_##name,
+    ZAN_COMMON_MESSAGES(ZAN_MSG_ENUM)
+#undef ZAN_MSG_ENUM
+} zan_msg_et;
+
+/* Index of a message in its table's block. */
+typedef enum zan_table_msg_et {
+#define ZAN_MSG_ENUM(name, text) ZAN_TMSG_##name,
+    ZAN_TABLE_MESSAGES(ZAN_MSG_ENUM)
+#undef ZAN_MSG_ENUM
+        ZAN_TMSG_COUNT
+} zan_table_msg_et;
+
+ZAN_EXTERN_C_BEGIN
+/* Text of a message number; null for a number that is none. Any thread. */
+ZAN_EXPORT const char *zan_trace_message_text(uint32_t number);
+ZAN_EXTERN_C_END
+
+#ifdef __cplusplus
+ZAN_STATIC_ASSERT((unsigned)ZAN_TMSG_COUNT <= ZAN_MSG_TABLE_STRIDE, "a table's block is full");
+
+/* The id of a message with n arguments, of which those in string_mask are strings. */
+constexpr uint64_t zan_msg_id(uint32_t number, uint32_t n, uint32_t string_mask = 0)
+{
+    return number | ((uint64_t)n << 32) | ((uint64_t)string_mask << 40);
+}
+
+constexpr uint32_t zan_table_msg(uint32_t table_id, zan_table_msg_et index)
+{
+    return ZAN_MSG_TABLE_BASE + table_id * ZAN_MSG_TABLE_STRIDE + index;
+}
+
+template <class T> constexpr uint64_t zan_trace_arg(T value)
+{
+    if constexpr (__is_enum(T))
+        return (uint64_t)value;
+    else
+        return (uint64_t)value;
+}
+template <class T> inline uint64_t zan_trace_arg(T *value)
+{
+    return (uint64_t)(uintptr_t)value;
+}
+
+template <class... A> inline void zan_trace_write(zan_trace_class_t c, uint32_t number, A... args)
+{
+    constexpr size_t n = sizeof...(A);
+    static_assert(n >= 1 && n <= 7, "a trace takes one to seven integers");
+    const uint64_t id = zan_msg_id(number, n);
+    const uint64_t a[] = {zan_trace_arg(args)...};
+    if constexpr (n == 1)
+        _ringlog_1(c, id, a[0]);
+    else if constexpr (n == 2)
+        _ringlog_2(c, id, a[0], a[1]);
+    else if constexpr (n == 3)
+        _ringlog_3(c, id, a[0], a[1], a[2]);
+    else if constexpr (n == 4)
+        _ringlog_4(c, id, a[0], a[1], a[2], a[3]);
+    else if constexpr (n == 5)
+        _ringlog_5(c, id, a[0], a[1], a[2], a[3], a[4]);
+    else if constexpr (n == 6)
+        _ringlog_6(c, id, a[0], a[1], a[2], a[3], a[4], a[5]);
+    else
+        _ringlog_7(c, id, a[0], a[1], a[2], a[3], a[4], a[5], a[6]);
+}
+
+/* Trace to a shared class. */
+#define ZAN_TRACE(trace_class, message, ...)                                                       \
+    do {                                                                                           \
+        const zan_trace_class_t zan_trace_c = (trace_class);                                       \
+        if (zan_trace_enabled[zan_trace_c])                                                        \
+            zan_trace_write(zan_trace_c, ZAN_MSG_##message, __VA_ARGS__);                          \
+    } while (0)
+
+/* Trace a table's message; the class is any, the number tells the table. */
+#define ZAN_TRACE_TABLE(trace_class, table_id, message, ...)                                       \
+    do {                                                                                           \
+        const zan_trace_class_t zan_trace_c = (trace_class);                                       \
+        if (zan_trace_enabled[zan_trace_c])                                                        \
+            zan_trace_write(zan_trace_c, zan_table_msg((table_id), ZAN_TMSG_##message),            \
+                            __VA_ARGS__);                                                          \
+    } while (0)
+#endif
+
+#endif
