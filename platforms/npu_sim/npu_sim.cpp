@@ -1,0 +1,362 @@
+/* Simulated NPUs: a platform like any other, made of hooks.
+ *
+ * Each NPU keeps, by table and key, what its hardware would hold of an object: the bytes from the key to
+ * the end of the fixed part, without pointers, and the dynamic part. An NPU is named by the thread that
+ * calls; on the dispatcher thread by npu_id of the object in a table that is written NPU by NPU, and by
+ * npu_mask_req where one call is for the whole object.
+ *
+ * The maps of one NPU are under one lock: its own thread writes, tools compare.
+ */
+#include "npu_sim_control.h"
+#include "npu_sim_hooks.h"
+#include "global_context.h"
+#include "zan_tables_private.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <dlfcn.h>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace
+{
+
+using image_t = std::string; /* bytes of an object as the hardware holds them */
+
+struct npu_t {
+    std::mutex lock;
+    std::unordered_map<std::string, image_t> objects[ZAN_NUM_TABLES];
+    uint64_t capacity[ZAN_NUM_TABLES] = {};
+    uint64_t bytes = 0;
+    npu_sim_counts_t counts = {};
+    std::atomic<uint64_t> latency_us = 0;
+};
+
+npu_t npus[ZAN_MAX_NPUS];
+
+struct failure_t {
+    npu_sim_failure_t what;
+    uint32_t seen; /* matching calls so far */
+};
+
+std::mutex failures_lock;
+std::vector<failure_t> failures;
+std::atomic<bool> any_failure;
+
+/* ---- The agent's side, bound at the first call: this library is loaded before it ---- */
+
+uint32_t calling_npu(const zan_table_base_st *obj)
+{
+    using get_t = uint32_t (*)(const zan_table_base_st *);
+    static const get_t get = (get_t)dlsym(RTLD_DEFAULT, "kor_core_get_npu_id");
+    return (get ? get(obj) : obj->npu_id) % ZAN_MAX_NPUS;
+}
+
+kor_npu_mask_t node_npus()
+{
+    using get_t = zan_global_ctx_st *(*)(void);
+    static const get_t get = (get_t)dlsym(RTLD_DEFAULT, "zan_get_global_ctx");
+    const zan_global_ctx_st *ctx = get ? get() : nullptr;
+    return ctx ? ctx->npu_mask_all : 1;
+}
+
+/* The NPUs that one call is for. */
+kor_npu_mask_t called_for(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    if (def->npu_threads || def->table_class == 0)
+        return (kor_npu_mask_t)1 << calling_npu(obj);
+    const kor_npu_mask_t mask =
+        *zan_obj_npu_mask_req_set(def, obj) ? *zan_obj_npu_mask_req(def, obj) : 0;
+    return mask ? mask & node_npus() : node_npus();
+}
+
+/* ---- Images ---- */
+
+std::string key_of(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    uint8_t bytes[ZAN_KEY_BYTES_MAX];
+    zan_key_encode(def, zan_obj_key(def, obj), bytes);
+    return std::string((const char *)bytes, def->key_bytes);
+}
+
+void blank(image_t *image, const zan_table_def_t *def, uint32_t offset, size_t size)
+{
+    memset(image->data() + (offset - def->key_offset), 0, size);
+}
+
+image_t image_of(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    image_t image((const char *)zan_obj_key(def, obj), def->obj_size - def->key_offset);
+    if (def->obj_ref_cnt_offset)
+        blank(&image, def, def->obj_ref_cnt_offset, sizeof(uint32_t));
+    if (!def->num_elements_offset)
+        return image;
+    const uint32_t members = zan_obj_num_elements(def, obj);
+    const void *dyn = nullptr;
+    uint32_t first = UINT32_MAX;
+    auto pointer = [&](uint32_t offset) {
+        if (offset < first) {
+            first = offset;
+            dyn = *(void **)zan_obj_at(obj, offset);
+        }
+        blank(&image, def, offset, sizeof(void *));
+    };
+    for (uint32_t i = 0; i < def->num_attrs; i++)
+        if (def->attrs[i].shape == ZAN_SHAPE_REPEATED)
+            pointer(def->attrs[i].offset);
+    for (uint32_t i = 0; i < def->num_refs; i++)
+        if (def->refs[i].repeated)
+            pointer(def->refs[i].offset);
+    for (uint32_t i = 0; i < def->num_unions; i++)
+        if (def->unions[i].repeated && !def->unions[i].nested_in)
+            pointer(def->unions[i].offset);
+    if (members)
+        image.append((const char *)dyn, zan_obj_dyn_size(def, members));
+    return image;
+}
+
+/* ---- Told to fail ---- */
+
+bool matches(const npu_sim_failure_t &f, uint32_t table_id, uint32_t npu, uint32_t operation)
+{
+    return (f.table_id == NPU_SIM_ANY || f.table_id == table_id) &&
+           (f.npu == NPU_SIM_ANY || f.npu == npu) &&
+           (f.operation == NPU_SIM_ANY || f.operation == operation);
+}
+
+zan_rcode told_to_fail(uint32_t table_id, uint32_t npu, uint32_t operation)
+{
+    if (!any_failure.load(std::memory_order_relaxed))
+        return EOK;
+    const std::lock_guard guard(failures_lock);
+    zan_rcode rc = EOK;
+    for (failure_t &f : failures) {
+        if (!matches(f.what, table_id, npu, operation))
+            continue;
+        f.seen++;
+        if (rc == EOK && f.seen >= f.what.nth &&
+            (f.what.count == 0 || f.seen < f.what.nth + f.what.count))
+            rc = f.what.rc;
+    }
+    return rc;
+}
+
+void take_time(const npu_t &npu)
+{
+    const uint64_t us = npu.latency_us.load(std::memory_order_relaxed);
+    if (us == 0)
+        return;
+    timespec left = {(time_t)(us / 1'000'000), (long)(us % 1'000'000 * 1000)};
+    while (nanosleep(&left, &left) != 0) {
+    }
+}
+
+/* Run `work` on each NPU that the call is for, as far as none fails. */
+template <class Work>
+zan_rcode on_each(const zan_table_base_st *obj, uint32_t operation, uint64_t npu_sim_counts_t::*count,
+                  Work work)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    for (kor_npu_mask_t left = called_for(def, obj); left; left &= left - 1) {
+        const uint32_t n = (uint32_t)__builtin_ctzll(left) % ZAN_MAX_NPUS;
+        npu_t &npu = npus[n];
+        take_time(npu);
+        zan_rcode rc = told_to_fail(def->id, n, operation);
+        const std::lock_guard guard(npu.lock);
+        npu.counts.*count += 1;
+        if (rc == EOK)
+            rc = work(def, &npu);
+        if (rc != EOK) {
+            npu.counts.failures++;
+            return rc;
+        }
+    }
+    return EOK;
+}
+
+/* A repeat of a create is what a retry looks like: the hardware takes it. */
+zan_rcode store(const zan_table_def_t *def, npu_t *npu, const zan_table_base_st *obj)
+{
+    auto &objects = npu->objects[def->id];
+    std::string key = key_of(def, obj);
+    const auto found = objects.find(key);
+    if (found == objects.end() && npu->capacity[def->id] &&
+        objects.size() >= npu->capacity[def->id])
+        return NPU_SIM_RC_FULL;
+    image_t image = image_of(def, obj);
+    npu->bytes += image.size();
+    if (found != objects.end()) {
+        npu->bytes -= found->second.size();
+        found->second = std::move(image);
+    } else {
+        objects.emplace(std::move(key), std::move(image));
+    }
+    return EOK;
+}
+
+} // namespace
+
+/* ---- Hooks ---- */
+
+zan_rcode npu_sim_create(const zan_table_base_st *obj)
+{
+    return on_each(obj, ZAN_TABLE_CREATE, &npu_sim_counts_t::creates,
+                   [&](const zan_table_def_t *def, npu_t *npu) { return store(def, npu, obj); });
+}
+
+zan_rcode npu_sim_update(const zan_delta_lists_t *delta)
+{
+    const zan_table_base_st *obj = delta->new_obj;
+    return on_each(obj, ZAN_TABLE_UPDATE, &npu_sim_counts_t::updates,
+                   [&](const zan_table_def_t *def, npu_t *npu) { return store(def, npu, obj); });
+}
+
+zan_rcode npu_sim_delete(const zan_table_base_st *obj)
+{
+    return on_each(obj, ZAN_TABLE_DELETE, &npu_sim_counts_t::deletes,
+                   [&](const zan_table_def_t *def, npu_t *npu) -> zan_rcode {
+                       auto &objects = npu->objects[def->id];
+                       const auto found = objects.find(key_of(def, obj));
+                       if (found == objects.end())
+                           return NPU_SIM_RC_UNKNOWN;
+                       npu->bytes -= found->second.size();
+                       objects.erase(found);
+                       return EOK;
+                   });
+}
+
+zan_rcode npu_sim_event(const zan_table_base_st *obj)
+{
+    return on_each(obj, ZAN_TABLE_EVENT, &npu_sim_counts_t::events,
+                   [](const zan_table_def_t *, npu_t *) -> zan_rcode { return EOK; });
+}
+
+zan_rcode npu_sim_eod(const zan_table_base_st *obj)
+{
+    const zan_rcode rc = told_to_fail(obj->table_id, obj->npu_id, ZAN_TABLE_EOD);
+    npu_t &npu = npus[obj->npu_id % ZAN_MAX_NPUS];
+    const std::lock_guard guard(npu.lock);
+    npu.counts.eods++;
+    npu.counts.failures += rc != EOK;
+    return rc;
+}
+
+/* The NPU has nothing to add to what the database holds: a read only asks whether it answers. */
+zan_rcode npu_sim_get(zan_table_base_st *obj)
+{
+    const zan_rcode rc = told_to_fail(obj->table_id, obj->npu_id, ZAN_TABLE_GET);
+    npu_t &npu = npus[obj->npu_id % ZAN_MAX_NPUS];
+    const std::lock_guard guard(npu.lock);
+    npu.counts.gets++;
+    npu.counts.failures += rc != EOK;
+    return rc;
+}
+
+/* ---- Control ---- */
+
+uint64_t npu_sim_count(uint32_t npu, uint32_t table_id)
+{
+    npu_t &n = npus[npu % ZAN_MAX_NPUS];
+    const std::lock_guard guard(n.lock);
+    return n.objects[table_id].size();
+}
+
+uint64_t npu_sim_bytes(uint32_t npu)
+{
+    npu_t &n = npus[npu % ZAN_MAX_NPUS];
+    const std::lock_guard guard(n.lock);
+    return n.bytes;
+}
+
+void npu_sim_counts(uint32_t npu, npu_sim_counts_t *out)
+{
+    npu_t &n = npus[npu % ZAN_MAX_NPUS];
+    const std::lock_guard guard(n.lock);
+    *out = n.counts;
+}
+
+/* The name of the field in which byte `at` of an image lies. */
+static const char *field_at(const zan_table_def_t *def, size_t at)
+{
+    const size_t offset = at + def->key_offset;
+    const char *name = "key";
+    uint32_t best = def->key_offset;
+    auto candidate = [&](uint32_t field_offset, const char *field_name) {
+        if (field_offset <= offset && field_offset >= best) {
+            best = field_offset;
+            name = field_name;
+        }
+    };
+    if (offset >= def->obj_size)
+        return "a member";
+    for (uint32_t i = 0; i < def->num_attrs; i++)
+        candidate(def->attrs[i].offset, def->attrs[i].name);
+    for (uint32_t i = 0; i < def->num_refs; i++)
+        candidate(def->refs[i].offset, def->refs[i].stem);
+    for (uint32_t i = 0; i < def->num_unions; i++)
+        candidate(def->unions[i].offset, def->unions[i].attr);
+    return name;
+}
+
+int npu_sim_compare(uint32_t npu, const zan_table_base_st *obj, char *why, size_t why_size)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const std::string key = key_of(def, obj);
+    const image_t image = image_of(def, obj);
+    npu_t &n = npus[npu % ZAN_MAX_NPUS];
+    const std::lock_guard guard(n.lock);
+    const auto found = n.objects[def->id].find(key);
+    if (found == n.objects[def->id].end()) {
+        snprintf(why, why_size, "NPU %u does not hold it", npu);
+        return 1;
+    }
+    if (found->second == image)
+        return 0;
+    if (found->second.size() != image.size()) {
+        snprintf(why, why_size, "NPU %u holds another number of members", npu);
+        return 2;
+    }
+    size_t at = 0;
+    while (found->second[at] == image[at])
+        at++;
+    snprintf(why, why_size, "NPU %u holds another %s", npu, field_at(def, at));
+    return 2;
+}
+
+void npu_sim_fail(const npu_sim_failure_t *failure)
+{
+    const std::lock_guard guard(failures_lock);
+    failures.push_back({*failure, 0});
+    any_failure = true;
+}
+
+void npu_sim_set_capacity(uint32_t npu, uint32_t table_id, uint64_t capacity)
+{
+    npu_t &n = npus[npu % ZAN_MAX_NPUS];
+    const std::lock_guard guard(n.lock);
+    n.capacity[table_id] = capacity;
+}
+
+void npu_sim_set_latency(uint32_t npu, uint64_t microseconds)
+{
+    npus[npu % ZAN_MAX_NPUS].latency_us = microseconds;
+}
+
+void npu_sim_reset(void)
+{
+    const std::lock_guard guard(failures_lock);
+    failures.clear();
+    any_failure = false;
+    for (npu_t &npu : npus) {
+        const std::lock_guard npu_guard(npu.lock);
+        for (auto &objects : npu.objects)
+            objects.clear();
+        memset(npu.capacity, 0, sizeof npu.capacity);
+        npu.bytes = 0;
+        npu.counts = {};
+        npu.latency_us = 0;
+    }
+}

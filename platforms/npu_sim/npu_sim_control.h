@@ -1,0 +1,53 @@
+/* Control of the simulated NPUs: what each holds, and how it is told to fail, to be slow, to be full.
+ *
+ * Found by name in the running process, so that a tool can work with any platform: a platform that
+ * lacks these functions cannot tell. All of them may be called by any thread.
+ */
+#ifndef NPU_SIM_CONTROL_H
+#define NPU_SIM_CONTROL_H
+
+#include "zan_table_base.h"
+
+/* The simulated hardware's own codes. */
+#define NPU_SIM_RC_FULL 0x4fa0c01cu    /* the NPU's table is full */
+#define NPU_SIM_RC_UNKNOWN 0x4fa0c002u /* update or delete of what the NPU does not hold */
+
+/* A write of any operation, for npu_sim_fail. */
+#define NPU_SIM_ANY 0xffffffffu
+
+typedef struct npu_sim_failure_t {
+    uint32_t table_id;  /* or NPU_SIM_ANY */
+    uint32_t npu;       /* or NPU_SIM_ANY */
+    uint32_t operation; /* ZAN_TABLE_CREATE, _UPDATE, _DELETE, _EVENT, _EOD, _GET, or NPU_SIM_ANY */
+    uint32_t nth;       /* the first matching call that fails, counted from 1 */
+    uint32_t count;     /* how many fail from there on; 0: all */
+    zan_rcode rc;
+} npu_sim_failure_t;
+
+/* Counts of an NPU since the start. */
+typedef struct npu_sim_counts_t {
+    uint64_t creates, updates, deletes, events, eods, gets;
+    uint64_t failures; /* told to fail, full, or unknown */
+} npu_sim_counts_t;
+
+ZAN_EXTERN_C_BEGIN
+/* Objects that an NPU holds in a table. */
+ZAN_EXPORT uint64_t npu_sim_count(uint32_t npu, uint32_t table_id);
+/* Bytes of the objects that an NPU holds, over all tables. */
+ZAN_EXPORT uint64_t npu_sim_bytes(uint32_t npu);
+ZAN_EXPORT void npu_sim_counts(uint32_t npu, npu_sim_counts_t *out);
+/* Compare an object with what the NPU holds under its key: 0 equal, 1 not held, 2 different, and then
+ * `why` names the first field that differs. */
+ZAN_EXPORT int npu_sim_compare(uint32_t npu, const zan_table_base_st *obj, char *why,
+                               size_t why_size);
+/* Add a failure to those in force. */
+ZAN_EXPORT void npu_sim_fail(const npu_sim_failure_t *failure);
+/* Objects that an NPU takes in a table; 0 is without limit. */
+ZAN_EXPORT void npu_sim_set_capacity(uint32_t npu, uint32_t table_id, uint64_t capacity);
+/* How long each call on an NPU takes, in microseconds; the caller's thread sleeps. */
+ZAN_EXPORT void npu_sim_set_latency(uint32_t npu, uint64_t microseconds);
+/* Forget all objects, failures, limits and counts. No hook may run meanwhile. */
+ZAN_EXPORT void npu_sim_reset(void);
+ZAN_EXTERN_C_END
+
+#endif
