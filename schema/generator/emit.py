@@ -170,7 +170,8 @@ def accessor(t, f, suffix=""):
 def source(t, schema):
     out = [made_from(t), f'#include "{t.name}.h"', "",
            "/* What an initialiser leaves out is 0. */",
-           '#pragma GCC diagnostic ignored "-Wmissing-field-initializers"']
+           '#pragma GCC diagnostic ignored "-Wmissing-field-initializers"',
+           f"namespace zan_data_{t.name} {{"]
     out += definition(t, schema)
     out += ["", 'extern "C" {', f"ZAN_TABLE_ACCESSORS({t.name})"]
     if not t.attr("npu_bmap"):
@@ -189,7 +190,7 @@ def source(t, schema):
             stem = outer.variants[selector - 1].stem
             out.append(f"ZAN_UNION_NESTED({t.name}, {u.attr}, {outer.attr}, {stem}, "
                        f"{u.variants[0].stem}, {selector})")
-    return out + ["}"]
+    return out + ["}", "} // namespace"]
 
 
 def nesting(t, u):
@@ -200,7 +201,7 @@ def nesting(t, u):
 
 def definition(t, schema):
     """The constant zan_table_def_t with its arrays."""
-    out = ["namespace {"]
+    out = []
     for f in t.keys + t.attrs:
         if f.values:
             pairs = ", ".join(f'{{"{v}", {enumerator(t, f, v)}}}' for v in f.values)
@@ -217,7 +218,7 @@ def definition(t, schema):
     out += numbers("adjacencies", sorted(a.index for a in t.adjacencies))
     if t.elements:
         out.append(f"const char *const elements[] = {{{', '.join(map(quoted, t.elements))}}};")
-    return out + ["} // namespace", ""] + table_record(t, schema)
+    return out + [""] + table_record(t, schema)
 
 
 def numbers(name, values):

@@ -35,15 +35,15 @@
     X(ZAN_RC_BAD_ARGUMENT, 0xcf90d00e, "bad argument")
 
 #ifdef __cplusplus
-enum : uint32_t {
-#define ZAN_RC_ENUM(name, value, words) name = (value),
+#define ZAN_RC_CONSTANT(name, value, words) inline constexpr zan_rcode name = (value);
+ZAN_RCODES(ZAN_RC_CONSTANT)
 #else
 enum {
-#define ZAN_RC_ENUM(name, value, words) name = (int)(value),
-#endif
-    ZAN_RCODES(ZAN_RC_ENUM)
-#undef ZAN_RC_ENUM
+#define ZAN_RC_CONSTANT(name, value, words) name = (int)(value),
+    ZAN_RCODES(ZAN_RC_CONSTANT)
 };
+#endif
+#undef ZAN_RC_CONSTANT
 
 #define EOK 0
 #define RCD_IS_OK(rc) ((rc) == 0)

@@ -1,0 +1,78 @@
+/* The execution queue without threads.
+ *
+ * Messages run on the caller's thread, under the NPU's identity and under no lock, at the points where
+ * with threads they might have run by then: at a send, in the post-NPU step, at a yield and in a sleep
+ * a random number of them, never surely all; at the wait and at a full ring as many as it takes. A seed
+ * decides how many, and whose turn it is. Each NPU's messages stay in order.
+ */
+#include "exec_rings.h"
+#include "host_threads.h"
+
+bool host_stepped;
+
+namespace
+{
+
+uint64_t state;
+bool inside; /* a message runs: what it calls must not run another */
+
+/* splitmix64 */
+uint32_t random_below(uint32_t bound)
+{
+    state += 0x9e3779b97f4a7c15u;
+    uint64_t z = state;
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9u;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebu;
+    z ^= z >> 31;
+    return (uint32_t)((z >> 32) * bound >> 32);
+}
+
+void run_as(uint32_t npu)
+{
+    const uint32_t locks = host_locks_drop();
+    const host_identity_t self = host_self();
+    host_become({ZAN_THREAD_NPU, (int)npu, 0, false});
+    inside = true;
+    host_ring_run_one(npu);
+    inside = false;
+    host_become(self);
+    host_locks_retake(locks);
+}
+
+} // namespace
+
+void host_stepped_start(uint64_t seed)
+{
+    state = seed;
+    host_stepped = true;
+    host_yield_attention(HOST_YIELD_STEPPED);
+}
+
+void host_stepped_stop(void)
+{
+    host_stepped = false;
+    host_yield_attention(-HOST_YIELD_STEPPED);
+}
+
+bool host_stepped_run_one(void)
+{
+    if (inside)
+        return false;
+    uint32_t ready[ZAN_MAX_NPUS], count = 0;
+    for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
+        if (host_ring_can_run(npu))
+            ready[count++] = npu;
+    if (count == 0)
+        return false;
+    run_as(ready[random_below(count)]);
+    return true;
+}
+
+void host_exec_q_step(void)
+{
+    if (!host_stepped || inside || !host_holds_dispatcher())
+        return;
+    uint32_t left = random_below(kor_exec_q_get_depth(get_global_exec_q()) + 1);
+    while (left-- && host_stepped_run_one()) {
+    }
+}

@@ -1,0 +1,112 @@
+/* The graph's own layout of the unnamed bytes of an object's graph area, and what the walk service
+ * needs of it.
+ *
+ * A heap copy has its source's area, byte by byte: its links lead nowhere that concerns it and are never
+ * followed. What lives on a heap copy is `post_proc` alone; whoever copies a heap copy clears it
+ * (zan_dpd_clear_freed_by_post_proc_flag). In a database object it is never set.
+ */
+#ifndef ZAN_HOST_GRAPH_AREA_H
+#define ZAN_HOST_GRAPH_AREA_H
+
+#include "dependency_graph.h"
+
+#define HOST_COLORS 3 /* green, red, brown: bits 0 to 2 of a colour mask */
+
+/* A child on its parent's list. Children of one table are a group; the first and the last of a group
+ * know each other, so that a search skips whole groups, and both ends keep their marks through any
+ * unbind without a look at their neighbours' headers. */
+typedef struct host_link_t {
+    zan_dpd_link_st ends;
+    host_link_t *next, *prev; /* on the parent's list */
+    uintptr_t group; /* other end of the group | HOST_GROUP_FIRST | HOST_GROUP_LAST; 0 between them */
+} host_link_t;
+
+#define HOST_GROUP_FIRST ((uintptr_t)1)
+#define HOST_GROUP_LAST ((uintptr_t)2)
+#define HOST_GROUP_MARKS (HOST_GROUP_FIRST | HOST_GROUP_LAST)
+
+/* Parent slots of an object that has room for more than one. */
+typedef struct host_parent_slots_t {
+    uint32_t capacity;
+    host_link_t links[];
+} host_parent_slots_t;
+
+typedef struct host_graph_area_t {
+    uint64_t rank; /* above all its parents' */
+    host_parent_slots_t *slots; /* null: the one slot is `link` */
+    uint16_t color_count[HOST_COLORS]; /* parents and sources that paint it, by colour */
+    uint8_t color_mask;                /* the colours it carries */
+    uint8_t post_proc;                 /* heap copies only: post-processing frees it */
+    zan_dpd_link_st *dpd_child_list;
+    uint32_t evt_pushed_count;
+    uint8_t repair; /* inside a repair of ranks: already taken up */
+    uint8_t reserved[3];
+    uint32_t dpd_child_cnt;
+    uint16_t num_parents;
+    uint16_t max_parents;
+    host_link_t link;
+    uint8_t graph_d[4];
+    uint8_t del_flag;
+    uint8_t graph_e[3];
+    uint32_t bwalk_id_stamp;
+    uint16_t bwalk_update_count;
+    uint16_t bwalk_skip_count;
+} host_graph_area_t;
+
+#define HOST_SAME_OFFSET(field)                                                                    \
+    static_assert(offsetof(host_graph_area_t, field) == offsetof(zan_dpd_area_st, field), #field)
+HOST_SAME_OFFSET(dpd_child_list);
+HOST_SAME_OFFSET(dpd_child_cnt);
+HOST_SAME_OFFSET(num_parents);
+HOST_SAME_OFFSET(max_parents);
+HOST_SAME_OFFSET(del_flag);
+HOST_SAME_OFFSET(bwalk_id_stamp);
+HOST_SAME_OFFSET(bwalk_update_count);
+HOST_SAME_OFFSET(bwalk_skip_count);
+static_assert(sizeof(host_graph_area_t) == sizeof(zan_dpd_area_st), "graph area");
+static_assert(offsetof(host_link_t, ends) == 0, "a link begins with child and parent");
+
+static inline host_graph_area_t *host_area(const zan_table_base_st *obj)
+{
+    return (host_graph_area_t *)(void *)&((zan_table_base_st *)obj)->dpd;
+}
+
+static inline host_link_t *host_first_child(const zan_table_base_st *obj)
+{
+    return (host_link_t *)host_area(obj)->dpd_child_list;
+}
+
+/* The first link of the next group, or null; `first` is the first of a group. */
+static inline host_link_t *host_next_group(const host_link_t *first)
+{
+    return ((host_link_t *)(first->group & ~HOST_GROUP_MARKS))->next;
+}
+
+/* The first child of a table, or null. */
+static inline host_link_t *host_children_of_table(const zan_table_base_st *parent,
+                                                  uint32_t table_id)
+{
+    host_link_t *link = host_first_child(parent);
+    while (link && link->ends.child->table_id != table_id)
+        link = host_next_group(link);
+    return link;
+}
+
+static inline host_link_t *host_parent_slot(const zan_table_base_st *obj, uint32_t index)
+{
+    host_graph_area_t *area = host_area(obj);
+    return area->slots ? &area->slots->links[index] : &area->link;
+}
+
+/* ---- Ranks (graph_ranks.cpp) ---- */
+
+/* Raise the rank of `child`, and of what is below it, so that the bind keeps every rank above its
+ * parents'. 0, ZAN_RC_BIND_REFUSED when a path leads from the child to the parent, ZAN_RC_NO_MEMORY;
+ * nothing has changed then. */
+zan_rcode host_ranks_make_room(const zan_table_base_st *parent, zan_table_base_st *child);
+/* Whether a path leads down from `from` to `to`; without memory the answer is true. */
+bool host_ranks_path_exists(zan_table_base_st *from, const zan_table_base_st *to);
+/* Give the work space back. */
+void host_ranks_release(void);
+
+#endif

@@ -1,0 +1,34 @@
+/* What the host's sources offer to each other, to the agent and to tests, beside the services that the
+ * server imports. */
+#ifndef ZAN_HOST_SERVICES_H
+#define ZAN_HOST_SERVICES_H
+
+#include "zan_table_base.h"
+
+/* No identifier is left for the table on an NPU. */
+#define ZAN_HOST_RC_NO_IDENTIFIER 0xcf90c01cu
+
+ZAN_EXTERN_C_BEGIN
+/* Make the properties record of every table. Once per start. */
+void zan_host_fill_table_properties(void);
+
+/* ---- Identifiers: per table and NPU index, -1 for those of the object as a whole ---- */
+
+#define ZAN_IDENTIFIER_NONE UINT32_MAX
+/* The identifier that an object holds, by its key, or ZAN_IDENTIFIER_NONE. Any thread. */
+ZAN_EXPORT uint32_t zan_host_identifier_of(const zan_table_base_st *obj, int32_t npu);
+/* Identifiers held in a table, over all NPUs. Any thread. */
+ZAN_EXPORT uint64_t zan_host_identifiers_held(uint32_t table_id);
+/* How many a table has on each NPU; dispatcher thread, before the first reserve counts. */
+ZAN_EXPORT void zan_host_identifiers_set_capacity(uint32_t table_id, uint32_t capacity);
+/* Forget all identifiers and capacities. */
+ZAN_EXPORT void zan_host_identifiers_reset(void);
+
+/* ---- Notifications asked for, by type, since the start ---- */
+ZAN_EXPORT uint64_t zan_host_notifications(uint32_t type);
+
+/* ---- Tables registered for periodic statistics ---- */
+ZAN_EXPORT uint32_t zan_host_active_stats_tables(void);
+ZAN_EXTERN_C_END
+
+#endif

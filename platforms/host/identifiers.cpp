@@ -1,0 +1,271 @@
+/* Identifier allocators: one per table and NPU, and one per table for objects that hold a single
+ * identifier.
+ *
+ * An allocator maps the byte form of a key to a number: an open-addressing hash table of entries
+ * {number, key}, whose size is the table's own, so that no entry is larger than its key asks. Freed
+ * numbers are given out again, the last one first. The last NPU thread releases the identifiers of an
+ * asynchronous delete, so each allocator has a spin lock; it is held for a probe, never across a call.
+ */
+#include "host_identifier_hooks.h"
+#include "host_services.h"
+#include "zan_tables_private.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+constexpr uint32_t default_capacity = 1u << 22;
+constexpr uint32_t allocators_per_table = ZAN_MAX_NPUS + 1; /* index 0: the object as a whole */
+constexpr uint32_t no_entry = UINT32_MAX;
+
+struct allocator_t {
+    uint32_t lock;
+    uint32_t used;     /* entries */
+    uint32_t slots;    /* a power of two, or 0 */
+    uint32_t next;     /* the first number never given out */
+    uint32_t num_free; /* numbers given back */
+    uint32_t free_room;
+    uint32_t *free_numbers;
+    uint8_t *entries; /* slots * stride; a number of ZAN_IDENTIFIER_NONE marks an empty slot */
+};
+
+allocator_t allocators[ZAN_NUM_TABLES][allocators_per_table];
+uint32_t capacities[ZAN_NUM_TABLES]; /* 0: default_capacity */
+
+class spin_guard
+{
+  public:
+    explicit spin_guard(uint32_t *word) : word_(word)
+    {
+        while (__atomic_exchange_n(word_, 1, __ATOMIC_ACQUIRE))
+            __builtin_ia32_pause();
+    }
+    ~spin_guard()
+    {
+        __atomic_store_n(word_, 0, __ATOMIC_RELEASE);
+    }
+    spin_guard(const spin_guard &) = delete;
+    spin_guard &operator=(const spin_guard &) = delete;
+
+  private:
+    uint32_t *word_;
+};
+
+struct holder_key_t {
+    uint8_t bytes[ZAN_KEY_BYTES_MAX];
+    uint32_t size;
+    uint64_t hash;
+};
+
+uint64_t mix(uint64_t h, uint64_t word)
+{
+    const auto product = (unsigned __int128)(h ^ word) * 0x9e3779b97f4a7c15ull;
+    return (uint64_t)product ^ (uint64_t)(product >> 64);
+}
+
+uint64_t hash_of(const uint8_t *bytes, uint32_t size)
+{
+    uint64_t h = 0x2545f4914f6cdd1dull;
+    uint32_t at = 0;
+    for (; at + 8 <= size; at += 8) {
+        uint64_t word;
+        memcpy(&word, bytes + at, 8);
+        h = mix(h, word);
+    }
+    uint64_t rest = 0;
+    memcpy(&rest, bytes + at, size - at);
+    return mix(h, rest);
+}
+
+holder_key_t key_of(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    holder_key_t key;
+    key.size = def->key_bytes;
+    zan_key_encode(def, zan_obj_key(def, obj), key.bytes);
+    key.hash = hash_of(key.bytes, key.size);
+    return key;
+}
+
+uint32_t stride_of(uint32_t key_size)
+{
+    return (4 + key_size + 3) & ~3u;
+}
+
+uint32_t *entry_at(const allocator_t *a, uint32_t stride, uint32_t slot)
+{
+    return (uint32_t *)(a->entries + (size_t)slot * stride);
+}
+
+/* The slot of a key, or the empty slot where it would stand. */
+uint32_t probe(const allocator_t *a, const holder_key_t &key)
+{
+    const uint32_t stride = stride_of(key.size);
+    uint32_t slot = (uint32_t)key.hash & (a->slots - 1);
+    for (;; slot = (slot + 1) & (a->slots - 1)) {
+        const uint32_t *entry = entry_at(a, stride, slot);
+        if (*entry == ZAN_IDENTIFIER_NONE || memcmp(entry + 1, key.bytes, key.size) == 0)
+            return slot;
+    }
+}
+
+uint64_t hash_of_entry(const uint32_t *entry, uint32_t key_size)
+{
+    return hash_of((const uint8_t *)(entry + 1), key_size);
+}
+
+bool grow(allocator_t *a, uint32_t key_size)
+{
+    const uint32_t stride = stride_of(key_size);
+    allocator_t bigger = *a;
+    bigger.slots = a->slots ? a->slots * 2 : 64;
+    bigger.entries = (uint8_t *)malloc((size_t)bigger.slots * stride);
+    if (!bigger.entries)
+        return false;
+    memset(bigger.entries, 0xff, (size_t)bigger.slots * stride);
+    for (uint32_t slot = 0; slot < a->slots; slot++) {
+        const uint32_t *entry = entry_at(a, stride, slot);
+        if (*entry == ZAN_IDENTIFIER_NONE)
+            continue;
+        uint32_t to = (uint32_t)hash_of_entry(entry, key_size) & (bigger.slots - 1);
+        while (*entry_at(&bigger, stride, to) != ZAN_IDENTIFIER_NONE)
+            to = (to + 1) & (bigger.slots - 1);
+        memcpy(entry_at(&bigger, stride, to), entry, stride);
+    }
+    free(a->entries);
+    a->slots = bigger.slots;
+    a->entries = bigger.entries;
+    return true;
+}
+
+uint32_t take_number(allocator_t *a, uint32_t capacity)
+{
+    if (a->num_free)
+        return a->free_numbers[--a->num_free];
+    return a->next < capacity ? a->next++ : ZAN_IDENTIFIER_NONE;
+}
+
+bool give_number(allocator_t *a, uint32_t number)
+{
+    if (a->num_free == a->free_room) {
+        const uint32_t room = a->free_room ? a->free_room * 2 : 64;
+        auto *bigger = (uint32_t *)realloc(a->free_numbers, room * sizeof(uint32_t));
+        if (!bigger)
+            return false;
+        a->free_numbers = bigger;
+        a->free_room = room;
+    }
+    a->free_numbers[a->num_free++] = number;
+    return true;
+}
+
+/* Take an entry out and close the gap: later entries of the run move up. */
+void remove_slot(allocator_t *a, uint32_t key_size, uint32_t hole)
+{
+    const uint32_t stride = stride_of(key_size);
+    const uint32_t mask = a->slots - 1;
+    for (uint32_t at = (hole + 1) & mask;; at = (at + 1) & mask) {
+        const uint32_t *entry = entry_at(a, stride, at);
+        if (*entry == ZAN_IDENTIFIER_NONE)
+            break;
+        const uint32_t home = (uint32_t)hash_of_entry(entry, key_size) & mask;
+        if (((at - home) & mask) >= ((at - hole) & mask)) {
+            memcpy(entry_at(a, stride, hole), entry, stride);
+            hole = at;
+        }
+    }
+    *entry_at(a, stride, hole) = ZAN_IDENTIFIER_NONE;
+    a->used--;
+}
+
+allocator_t *allocator_of(const zan_table_def_t *def, int32_t npu)
+{
+    return &allocators[def->id][(uint32_t)(npu + 1) % allocators_per_table];
+}
+
+} // namespace
+
+zan_rcode zan_host_reserve_id(int32_t npu, const zan_table_base_st *obj)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const holder_key_t key = key_of(def, obj);
+    allocator_t *a = allocator_of(def, npu);
+    const spin_guard guard(&a->lock);
+    if (a->used * 4 >= a->slots * 3 && !grow(a, key.size))
+        return ZAN_RC_NO_MEMORY;
+    const uint32_t slot = probe(a, key);
+    uint32_t *entry = entry_at(a, stride_of(key.size), slot);
+    if (*entry != ZAN_IDENTIFIER_NONE)
+        return EOK;
+    const uint32_t capacity = capacities[def->id] ? capacities[def->id] : default_capacity;
+    const uint32_t number = take_number(a, capacity);
+    if (number == ZAN_IDENTIFIER_NONE)
+        return ZAN_HOST_RC_NO_IDENTIFIER;
+    *entry = number;
+    memcpy(entry + 1, key.bytes, key.size);
+    a->used++;
+    return EOK;
+}
+
+zan_rcode zan_host_release_id(int32_t npu, const zan_table_base_st *obj)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const holder_key_t key = key_of(def, obj);
+    allocator_t *a = allocator_of(def, npu);
+    const spin_guard guard(&a->lock);
+    if (!a->slots)
+        return EOK;
+    const uint32_t slot = probe(a, key);
+    const uint32_t number = *entry_at(a, stride_of(key.size), slot);
+    if (number == ZAN_IDENTIFIER_NONE)
+        return EOK;
+    if (!give_number(a, number))
+        return ZAN_RC_NO_MEMORY;
+    remove_slot(a, key.size, slot);
+    return EOK;
+}
+
+zan_rcode zan_host_update_release_id(int32_t npu, const zan_table_base_st *new_obj,
+                                     const zan_table_base_st *old_obj)
+{
+    const zan_table_def_t *def = zan_table_defs[new_obj->table_id];
+    if (zan_key_cmp(def, zan_obj_key(def, new_obj), zan_obj_key(def, old_obj)) == 0)
+        return EOK;
+    return zan_host_release_id(npu, old_obj);
+}
+
+uint32_t zan_host_identifier_of(const zan_table_base_st *obj, int32_t npu)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const holder_key_t key = key_of(def, obj);
+    allocator_t *a = allocator_of(def, npu);
+    const spin_guard guard(&a->lock);
+    return a->slots ? *entry_at(a, stride_of(key.size), probe(a, key)) : ZAN_IDENTIFIER_NONE;
+}
+
+uint64_t zan_host_identifiers_held(uint32_t table_id)
+{
+    uint64_t held = 0;
+    for (allocator_t &a : allocators[table_id]) {
+        const spin_guard guard(&a.lock);
+        held += a.used;
+    }
+    return held;
+}
+
+void zan_host_identifiers_set_capacity(uint32_t table_id, uint32_t capacity)
+{
+    capacities[table_id] = capacity;
+}
+
+void zan_host_identifiers_reset(void)
+{
+    for (auto &table : allocators)
+        for (allocator_t &a : table) {
+            free(a.entries);
+            free(a.free_numbers);
+            a = {};
+        }
+    memset(capacities, 0, sizeof capacities);
+}

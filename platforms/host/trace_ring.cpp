@@ -1,0 +1,276 @@
+/* The trace ring.
+ *
+ * Each thread writes to a ring of its own, claimed at its first trace and given back when the thread
+ * ends, so that a trace needs neither lock nor atomic read-modify-write. Records are ordered over all
+ * rings by the cycle counter. A reader copies a record and looks at its sequence before and after: one
+ * that is being written meanwhile is left out. A thread that finds no ring free does not trace, and
+ * that is counted.
+ */
+#include "trace.h"
+#include "clock.h"
+#include "thread_control.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+#include <syslog.h>
+
+uint8_t zan_trace_enabled[ZAN_NUM_TRACE_CLASSES];
+
+namespace
+{
+
+constexpr uint32_t max_rings = 32;
+constexpr uint32_t records_per_ring = 16384; /* a power of two */
+constexpr uint32_t text_words = 5;
+
+struct record_t {
+    uint64_t sequence; /* 0 while it is written */
+    uint64_t msg;
+    uint64_t class_and_trans;
+    uint64_t arg[7];
+    uint64_t text[text_words];
+    uint64_t unused;
+};
+static_assert(sizeof(record_t) == 128, "a record is two cache lines");
+
+struct ring_t {
+    uint32_t taken;
+    uint64_t next; /* records ever written; its thread's alone */
+    record_t *records;
+};
+
+ring_t rings[max_rings];
+uint64_t traces_without_ring;
+
+struct claim_t {
+    ring_t *ring = nullptr;
+    bool tried = false;
+    ~claim_t()
+    {
+        if (ring)
+            __atomic_store_n(&ring->taken, 0, __ATOMIC_RELEASE);
+    }
+};
+thread_local claim_t claim;
+
+void put(uint64_t *at, uint64_t value)
+{
+    __atomic_store_n(at, value, __ATOMIC_RELAXED);
+}
+
+ring_t *claim_ring()
+{
+    claim.tried = true;
+    for (ring_t &ring : rings) {
+        uint32_t free_mark = 0;
+        if (!__atomic_compare_exchange_n(&ring.taken, &free_mark, 1, false, __ATOMIC_ACQUIRE,
+                                         __ATOMIC_RELAXED))
+            continue;
+        if (!ring.records) {
+            void *memory = mmap(nullptr, records_per_ring * sizeof(record_t),
+                                PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (memory == MAP_FAILED) {
+                __atomic_store_n(&ring.taken, 0, __ATOMIC_RELEASE);
+                return nullptr;
+            }
+            __atomic_store_n(&ring.records, (record_t *)memory, __ATOMIC_RELEASE);
+        }
+        claim.ring = &ring;
+        return &ring;
+    }
+    return nullptr;
+}
+
+record_t *open_record(zan_trace_class_t c, uint64_t msg)
+{
+    ring_t *ring = claim.ring;
+    if (!ring && (claim.tried || !(ring = claim_ring()))) {
+        __atomic_fetch_add(&traces_without_ring, 1, __ATOMIC_RELAXED);
+        return nullptr;
+    }
+    record_t *r = &ring->records[ring->next++ & (records_per_ring - 1)];
+    put(&r->sequence, 0);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    put(&r->msg, msg);
+    put(&r->class_and_trans, (uint64_t)c << 32 | zan_get_trans_id());
+    return r;
+}
+
+void close_record(record_t *r)
+{
+    __atomic_store_n(&r->sequence, zan_clock_cycles(), __ATOMIC_RELEASE);
+}
+
+template <class... A> void write(zan_trace_class_t c, uint64_t msg, A... args)
+{
+    record_t *r = open_record(c, msg);
+    if (!r)
+        return;
+    uint32_t i = 0;
+    (put(&r->arg[i++], args), ...);
+    put(&r->text[0], 0);
+    close_record(r);
+}
+
+bool read_record(const record_t *r, zan_trace_record_st *out)
+{
+    const uint64_t before = __atomic_load_n(&r->sequence, __ATOMIC_ACQUIRE);
+    if (before == 0)
+        return false;
+    out->sequence = out->cycles = before;
+    out->msg = __atomic_load_n(&r->msg, __ATOMIC_RELAXED);
+    const uint64_t both = __atomic_load_n(&r->class_and_trans, __ATOMIC_RELAXED);
+    out->trace_class = (zan_trace_class_t)(both >> 32);
+    out->trans_id = (uint32_t)both;
+    for (uint32_t i = 0; i < 7; i++)
+        out->arg[i] = __atomic_load_n(&r->arg[i], __ATOMIC_RELAXED);
+    uint64_t text[text_words];
+    for (uint32_t i = 0; i < text_words; i++)
+        text[i] = __atomic_load_n(&r->text[i], __ATOMIC_RELAXED);
+    memcpy(out->text, text, sizeof text);
+    out->text[sizeof text - 1] = 0;
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    return __atomic_load_n(&r->sequence, __ATOMIC_RELAXED) == before;
+}
+
+/* Errors and events are on at start; what a class is for is told by its place. */
+struct enable_at_start_t {
+    enable_at_start_t()
+    {
+        for (uint32_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++)
+            zan_trace_enabled[c] = c >= ZAN_SHARED_TRACE_CLASS_BASE || c % 3 == 0;
+        zan_trace_enabled[ZAN_CLASS_ZAN_BATCH_CRUD_VERBOSE__] = 0;
+        zan_trace_enabled[ZAN_CLASS_ZAN_RETRY_VERBOSE__] = 0;
+        zan_trace_enabled[ZAN_CLASS_ZAN_BWALK_EVENT__] = 0;
+        zan_trace_enabled[ZAN_CLASS_ZAN_BWALK_PUSH_EVENT__] = 0;
+    }
+} enable_at_start;
+
+} // namespace
+
+void _ringlog_1(zan_trace_class_t c, uint64_t msg, uint64_t a)
+{
+    write(c, msg, a);
+}
+
+void _ringlog_2(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b)
+{
+    write(c, msg, a, b);
+}
+
+void _ringlog_3(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d)
+{
+    write(c, msg, a, b, d);
+}
+
+void _ringlog_4(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d, uint64_t e)
+{
+    write(c, msg, a, b, d, e);
+}
+
+void _ringlog_5(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d, uint64_t e,
+                uint64_t f)
+{
+    write(c, msg, a, b, d, e, f);
+}
+
+void _ringlog_6(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d, uint64_t e,
+                uint64_t f, uint64_t g)
+{
+    write(c, msg, a, b, d, e, f, g);
+}
+
+void _ringlog_7(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b, uint64_t d, uint64_t e,
+                uint64_t f, uint64_t g, uint64_t h)
+{
+    write(c, msg, a, b, d, e, f, g, h);
+}
+
+void _ringlogs(zan_trace_class_t c, uint64_t msg, ...)
+{
+    record_t *r = open_record(c, msg);
+    if (!r)
+        return;
+    const uint32_t n = (uint32_t)(msg >> 32 & 0xff);
+    const uint32_t strings = (uint32_t)(msg >> 40 & 0xff);
+    char text[text_words * 8] = "";
+    size_t used = 0;
+    va_list args;
+    va_start(args, msg);
+    for (uint32_t i = 0; i < n && i < 7; i++) {
+        const uint64_t value = va_arg(args, uint64_t);
+        put(&r->arg[i], strings >> i & 1 ? 0 : value);
+        if (!(strings >> i & 1) || used + 1 >= sizeof text)
+            continue;
+        const auto *string = (const char *)(uintptr_t)value;
+        const size_t length = std::min(strlen(string), sizeof text - used - 1);
+        memcpy(text + used, string, length);
+        used += length;
+        if (used + 1 < sizeof text)
+            text[used++] = ' ';
+    }
+    va_end(args);
+    uint64_t words[text_words];
+    memcpy(words, text, sizeof words);
+    for (uint32_t i = 0; i < text_words; i++)
+        put(&r->text[i], words[i]);
+    close_record(r);
+}
+
+zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums, uint32_t level,
+                                            bool retry)
+{
+    if (ZAN_UNLIKELY(retry))
+        return ZAN_CLASS_ZAN_RETRY_ERROR__ + level - ZAN_TRACE_LEVEL_ERROR;
+    return (zan_trace_class_t)enums->level[level - 1];
+}
+
+uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
+{
+    auto *found = (zan_trace_record_st *)malloc(sizeof(zan_trace_record_st) * max_rings *
+                                                records_per_ring);
+    if (!found)
+        return 0;
+    uint32_t n = 0;
+    for (const ring_t &ring : rings) {
+        const record_t *records = __atomic_load_n(&ring.records, __ATOMIC_ACQUIRE);
+        for (uint32_t i = 0; records && i < records_per_ring; i++)
+            if (read_record(&records[i], &found[n]) && found[n].sequence > after)
+                n++;
+    }
+    std::sort(found, found + n, [](const zan_trace_record_st &a, const zan_trace_record_st &b) {
+        return a.sequence < b.sequence;
+    });
+    const uint32_t count = std::min(n, max);
+    memcpy(out, found + (n - count), count * sizeof *out);
+    free(found);
+    return count;
+}
+
+/* ---- Messages to the operator: standard error, and the system's log ---- */
+
+struct plat_msg_rec_t {
+    const char *facility;
+};
+
+const plat_msg_rec_t *plat_msg_rec_zan_warn_err_getfn(void)
+{
+    static const plat_msg_rec_t record = {"ZAN-WARN_ERR"};
+    return &record;
+}
+
+const plat_msg_rec_t *plat_msg_rec_zan_auto_recovery_getfn(void)
+{
+    static const plat_msg_rec_t record = {"ZAN-AUTO_RECOVERY"};
+    return &record;
+}
+
+void plat_errmsg(const plat_msg_rec_t *record, int severity, const char *text)
+{
+    fprintf(stderr, "%%%s-%d: %s\n", record->facility, severity, text);
+    syslog(severity, "%s: %s", record->facility, text);
+}

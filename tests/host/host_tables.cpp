@@ -1,0 +1,148 @@
+/* The definitions and stand-ins behind host_tables.h. */
+#include "host_tables.h"
+
+#include <cstring>
+#include <map>
+
+#include "table_database.h"
+
+std::function<zan_rcode(kor_core_srv_dispatch_t *, int32_t)> npu_work;
+std::function<void(uint32_t, uint32_t)> batch_end_work;
+std::vector<zan_table_base_st *> delete_notified;
+
+namespace
+{
+
+zan_field_def_t key_field(zan_type_et type, uint16_t width, uint32_t offset)
+{
+    zan_field_def_t f = {};
+    f.name = "id";
+    f.type = type;
+    f.width = width;
+    f.count = 1;
+    f.offset = offset;
+    return f;
+}
+
+const zan_field_def_t node_keys[] = {key_field(ZAN_TYPE_U32, 4, 0)};
+
+zan_table_def_t make_table(const char *name, uint16_t id)
+{
+    zan_table_def_t def = {};
+    def.name = name;
+    def.id = id;
+    def.obj_size = sizeof(node_obj_t);
+    def.trans_id_offset = offsetof(node_obj_t, trans_id);
+    def.key_offset = offsetof(node_obj_t, key);
+    def.key_size = sizeof(node_key_t);
+    def.key_bytes = 4;
+    def.num_keys = 1;
+    def.keys = node_keys;
+    def.db_lock = id == STAT_ID ? ZAN_DB_LOCK_DB : ZAN_DB_LOCK_NONE;
+    return def;
+}
+
+const zan_table_def_t defs[NUM_TEST_TABLES] = {
+    make_table("node", NODE_ID), make_table("leaf", LEAF_ID), make_table("stat", STAT_ID)};
+
+zan_rcode batch_end(uint32_t table_id, uint32_t npu)
+{
+    batch_end_work(table_id, npu);
+    return EOK;
+}
+
+void notify_delete(zan_table_base_st *obj)
+{
+    delete_notified.push_back(obj);
+}
+
+void free_copy(zan_table_base_st *copy)
+{
+    zan_heap_free(copy);
+}
+
+} // namespace
+
+const zan_table_def_t *bytes_def(uint32_t length)
+{
+    static std::map<uint32_t, zan_table_def_t> made;
+    zan_table_def_t &def = made[length];
+    if (!def.keys) {
+        auto *keys = new zan_field_def_t[length];
+        for (uint32_t i = 0; i < length; i++)
+            keys[i] = key_field(ZAN_TYPE_U8, 1, i);
+        def.keys = keys;
+        def.num_keys = (uint16_t)length;
+        def.key_bytes = def.key_size = (uint16_t)length;
+        def.key_offset = sizeof(zan_table_base_st);
+    }
+    return &def;
+}
+
+node_obj_t node_record(uint32_t table_id, uint32_t id)
+{
+    node_obj_t record;
+    memset(&record, 0, sizeof record);
+    record.base.table_id = (uint16_t)table_id;
+    record.base.total_obj_size = sizeof record;
+    record.base.key_len = sizeof(node_key_t);
+    record.key.id = id;
+    return record;
+}
+
+zan_table_base_st *node_block(uint32_t table_id, uint32_t id)
+{
+    auto *obj = (zan_table_base_st *)zan_shm_table_pool_calloc(table_id, sizeof(node_obj_t));
+    const node_obj_t record = node_record(table_id, id);
+    memcpy(obj, &record, sizeof record);
+    obj->obj_handle = (uint64_t)(uintptr_t)obj;
+    return obj;
+}
+
+zan_table_base_st *node_stored(uint32_t table_id, uint32_t id)
+{
+    zan_table_base_st *obj = node_block(table_id, id);
+    if (zan_db_insert(obj) == EOK)
+        return obj;
+    zan_shm_free(obj);
+    return nullptr;
+}
+
+void node_delete(zan_table_base_st *obj)
+{
+    zan_db_del_ctx_t ctx = {obj, EOK, 1};
+    zan_db_delete(&ctx);
+    if (!ctx.free_obj)
+        return;
+    kor_dpd_reset(obj, 0);
+    zan_shm_free(obj);
+}
+
+/* ---- Stand-ins ---- */
+
+const zan_table_def_t *zan_table_def_get(uint32_t table_id)
+{
+    return table_id < NUM_TEST_TABLES ? &defs[table_id] : nullptr;
+}
+
+const zan_table_def_t *zan_table_def_find(const char *name)
+{
+    for (const zan_table_def_t &def : defs)
+        if (strcmp(def.name, name) == 0)
+            return &def;
+    return nullptr;
+}
+
+srv_zan_table_props_t *zan_srv_table_props_get(uint32_t table_id)
+{
+    static srv_zan_table_props_t props[NUM_TEST_TABLES];
+    props[table_id].copy_dtor = free_copy;
+    props[table_id].async_batch_end_npu_cb = batch_end;
+    props[table_id].delete_notify = notify_delete;
+    return &props[table_id];
+}
+
+zan_rcode kor_core_npu_dispatcher(kor_core_srv_dispatch_t *srv_obj, int32_t npu_id)
+{
+    return npu_work(srv_obj, npu_id);
+}
