@@ -1,7 +1,7 @@
 /* Clock and sleep: the system's, or a virtual clock that stands but for sleeps.
  *
- * Under the virtual clock every clock reads what it read when it was stopped, plus what has been slept
- * and advanced since; a sleep costs nothing.
+ * Under the virtual clock every clock reads what it read when it was stopped, plus what has been
+ * slept and advanced since; a sleep costs nothing.
  */
 #include "clock.h"
 #include "host_control.h"

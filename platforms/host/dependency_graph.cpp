@@ -1,7 +1,7 @@
 /* The dependency graph: binding, unbinding, and the marks of an object.
  *
- * A link is in the child's memory, in its graph area or its array of parent slots, and stands on the
- * parent's list: both ends are found from either, and a bind allocates nothing.
+ * A link is in the child's memory, in its graph area or its array of parent slots, and stands on
+ * the parent's list: both ends are found from either, and a bind allocates nothing.
  */
 #include "dependency_graph.h"
 #include "graph_area.h"

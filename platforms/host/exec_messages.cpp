@@ -1,12 +1,12 @@
 /* Messages and records of the execution queue, and their way home.
  *
- * A message that its last NPU is done with is put on a list that any thread can push to without a lock;
- * the dispatcher takes the whole list at once in zan_dsp_q_process_post_npu, which costs one load when
- * it is empty. Only there is anything freed: NPU threads free nothing.
+ * A message that its last NPU is done with is put on a list that any thread can push to without a
+ * lock; the dispatcher takes the whole list at once in zan_dsp_q_process_post_npu, which costs one
+ * load when it is empty. Only there is anything freed: NPU threads free nothing.
  *
- * Who owns what: until the send the record, the copies and the delta are the flow's. A message of an
- * asynchronous write brings them home and they are freed here. A message of a synchronous write brings
- * home itself alone: its record is the server's.
+ * Who owns what: until the send the record, the copies and the delta are the flow's. A message of
+ * an asynchronous write brings them home and they are freed here. A message of a synchronous write
+ * brings home itself alone: its record is the server's.
  */
 #include "exec_rings.h"
 #include "host_assert.h"
@@ -24,8 +24,8 @@ namespace
 
 std::atomic<host_exec_msg_t *> home;
 
-/* The block whose record was handed out last and whose message was not: the next message is that one,
- * so that an asynchronous write needs one block. */
+/* The block whose record was handed out last and whose message was not: the next message is that
+ * one, so that an asynchronous write needs one block. */
 host_exec_msg_t *half_taken;
 
 host_exec_msg_t *new_block(void)

@@ -1,12 +1,12 @@
 /* The execution queue, as the server sees it.
  *
- * Positions do most of it. A wait is a position for each ring that its NPU must reach: behind the last
- * broadcast, or, for a stop, behind all that was sent. A stop is that position as the ring's limit,
- * which the NPU does not pass until it is lifted: no message is needed, and when the rings are empty the
- * NPUs stand still at once.
+ * Positions do most of it. A wait is a position for each ring that its NPU must reach: behind the
+ * last broadcast, or, for a stop, behind all that was sent. A stop is that position as the ring's
+ * limit, which the NPU does not pass until it is lifted: no message is needed, and when the rings
+ * are empty the NPUs stand still at once.
  *
- * A barrier message is followed by a gate in every ring, which opens when all NPUs of the message are
- * done with it.
+ * A barrier message is followed by a gate in every ring, which opens when all NPUs of the message
+ * are done with it.
  */
 #include "exec_queue.h"
 #include "exec_rings.h"
@@ -54,9 +54,9 @@ kor_npu_mask_t full_rings(kor_npu_mask_t mask, uint32_t messages)
     return full;
 }
 
-/* Make room for so many messages in every ring of the mask, with the programming lock dropped while the
- * NPUs work on it: for some more than asked, so that the next send does not wait again. False when
- * there is none after a period. */
+/* Make room for so many messages in every ring of the mask, with the programming lock dropped while
+ * the NPUs work on it: for some more than asked, so that the next send does not wait again. False
+ * when there is none after a period. */
 bool make_room(kor_npu_mask_t mask, uint32_t messages)
 {
     const kor_npu_mask_t full = full_rings(mask, messages);

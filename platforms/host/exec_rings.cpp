@@ -1,7 +1,7 @@
 /* Rings, and the NPU threads.
  *
- * A push costs a store and a load while the NPU's thread is awake; a futex wake when it is parked. A
- * thread spins before it parks only if the machine has cores for all of the threads here.
+ * A push costs a store and a load while the NPU's thread is awake; a futex wake when it is parked.
+ * A thread spins before it parks only if the machine has cores for all of the threads here.
  */
 #include "exec_rings.h"
 #include "clock.h"

@@ -1,8 +1,8 @@
 /* The rings of the execution queue, and what takes messages from them: inside the host only.
  *
  *   exec_queue.cpp     what the server calls: broadcast, wait, stop and go
- *   exec_rings.cpp     the rings; which message may run now; the NPU threads, their parking and waking
- *   exec_messages.cpp  messages and records, their way home, and who frees what
+ *   exec_rings.cpp     the rings; which message may run now; the NPU threads, their parking and
+ * waking exec_messages.cpp  messages and records, their way home, and who frees what
  *   exec_stepped.cpp   the run without threads
  */
 #ifndef ZAN_HOST_EXEC_RINGS_H
@@ -23,11 +23,11 @@ typedef enum host_exec_kind_et {
     HOST_EXEC_GATE,      /* no NPU passes before all NPUs of the barrier message are done with it */
 } host_exec_kind_et;
 
-/* One block: a queue message, and room for the record of an asynchronous write, which the server asks
- * for separately. The block is free when neither part is out. */
+/* One block: a queue message, and room for the record of an asynchronous write, which the server
+ * asks for separately. The block is free when neither part is out. */
 typedef struct host_exec_msg_t {
     zan_exec_q_msg_st head;
-    uint8_t kind; /* host_exec_kind_et */
+    uint8_t kind;       /* host_exec_kind_et */
     uint8_t comes_home; /* the record, with its copies, is freed when the message comes home */
     uint8_t message_out, record_out; /* with the server or the queue */
     uint32_t table_id;               /* HOST_EXEC_BATCH_END */
@@ -41,9 +41,10 @@ typedef struct host_exec_msg_t {
 /* One NPU. Positions count messages since the start; the slot is the position modulo the ring. The
  * producer is the thread that controls the queue, the consumer the NPU's thread.
  *
- * A message is taken at position `done`, if it is below `sent` and below `limit`. Who changes what the
- * other side waits for does so with a sequentially consistent store and then reads `parked` or
- * `wake_at`; who goes to sleep writes that first and then looks again: one of the two sees the other. */
+ * A message is taken at position `done`, if it is below `sent` and below `limit`. Who changes what
+ * the other side waits for does so with a sequentially consistent store and then reads `parked` or
+ * `wake_at`; who goes to sleep writes that first and then looks again: one of the two sees the
+ * other. */
 typedef struct host_ring_t {
     alignas(64) std::atomic<uint64_t> sent;
     std::atomic<uint64_t> limit;   /* stopped here; UINT64_MAX: runs */
@@ -84,8 +85,8 @@ void host_ring_push(uint32_t npu, host_exec_msg_t *msg);
 void host_ring_wake(uint32_t npu);
 /* All rings have done what target[npu] says. */
 bool host_rings_reached(const uint64_t *target);
-/* Block the producer until then, for `microseconds` at most; false when they have passed. Stepped: run
- * messages instead. */
+/* Block the producer until then, for `microseconds` at most; false when they have passed. Stepped:
+ * run messages instead. */
 bool host_rings_wait(const uint64_t *target, uint64_t microseconds);
 
 /* ---- exec_messages.cpp ---- */

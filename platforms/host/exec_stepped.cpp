@@ -1,9 +1,9 @@
 /* The execution queue without threads.
  *
- * Messages run on the caller's thread, under the NPU's identity and under no lock, at the points where
- * with threads they might have run by then: at a send, in the post-NPU step, at a yield and in a sleep
- * a random number of them, never surely all; at the wait and at a full ring as many as it takes. A seed
- * decides how many, and whose turn it is. Each NPU's messages stay in order.
+ * Messages run on the caller's thread, under the NPU's identity and under no lock, at the points
+ * where with threads they might have run by then: at a send, in the post-NPU step, at a yield and
+ * in a sleep a random number of them, never surely all; at the wait and at a full ring as many as
+ * it takes. A seed decides how many, and whose turn it is. Each NPU's messages stay in order.
  */
 #include "exec_rings.h"
 #include "host_threads.h"

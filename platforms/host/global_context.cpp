@@ -1,4 +1,5 @@
-/* The global context and the facts of the node: one static record, bound once the host has started. */
+/* The global context and the facts of the node: one static record, bound once the host has started.
+ */
 #include "global_context.h"
 #include "host_control.h"
 #include "host_services.h"

@@ -1,9 +1,9 @@
 /* The graph's own layout of the unnamed bytes of an object's graph area, and what the walk service
  * needs of it.
  *
- * A heap copy has its source's area, byte by byte: its links lead nowhere that concerns it and are never
- * followed. What lives on a heap copy is `post_proc` alone; whoever copies a heap copy clears it
- * (zan_dpd_clear_freed_by_post_proc_flag). In a database object it is never set.
+ * A heap copy has its source's area, byte by byte: its links lead nowhere that concerns it and are
+ * never followed. What lives on a heap copy is `post_proc` alone; whoever copies a heap copy clears
+ * it (zan_dpd_clear_freed_by_post_proc_flag). In a database object it is never set.
  */
 #ifndef ZAN_HOST_GRAPH_AREA_H
 #define ZAN_HOST_GRAPH_AREA_H
@@ -12,17 +12,18 @@
 
 #define HOST_COLORS 3 /* green, red, brown: bits 0 to 2 of a colour mask */
 
-/* A child on its parent's list. Children of one table are a group; the first and the last of a group
- * know each other, so that a search skips whole groups, and both ends keep their marks through any
- * unbind without a look at their neighbours' headers. */
+/* A child on its parent's list. Children of one table are a group; the first and the last of a
+ * group know each other, so that a search skips whole groups, and both ends keep their marks
+ * through any unbind without a look at their neighbours' headers. */
 typedef struct host_link_t {
     zan_dpd_link_st ends;
     host_link_t *next, *prev; /* on the parent's list */
-    uintptr_t group; /* other end of the group | HOST_GROUP_FIRST | HOST_GROUP_LAST; 0 between them */
+    uintptr_t
+        group; /* other end of the group | HOST_GROUP_FIRST | HOST_GROUP_LAST; 0 between them */
 } host_link_t;
 
 #define HOST_GROUP_FIRST ((uintptr_t)1)
-#define HOST_GROUP_LAST ((uintptr_t)2)
+#define HOST_GROUP_LAST  ((uintptr_t)2)
 #define HOST_GROUP_MARKS (HOST_GROUP_FIRST | HOST_GROUP_LAST)
 
 /* Parent slots of an object that has room for more than one. */
@@ -32,8 +33,8 @@ typedef struct host_parent_slots_t {
 } host_parent_slots_t;
 
 typedef struct host_graph_area_t {
-    uint64_t rank; /* above all its parents' */
-    host_parent_slots_t *slots; /* null: the one slot is `link` */
+    uint64_t rank;                     /* above all its parents' */
+    host_parent_slots_t *slots;        /* null: the one slot is `link` */
     uint16_t color_count[HOST_COLORS]; /* parents and sources that paint it, by colour */
     uint8_t color_mask;                /* the colours it carries */
     uint8_t post_proc;                 /* heap copies only: post-processing frees it */
@@ -101,8 +102,8 @@ static inline host_link_t *host_parent_slot(const zan_table_base_st *obj, uint32
 /* ---- Ranks (graph_ranks.cpp) ---- */
 
 /* Raise the rank of `child`, and of what is below it, so that the bind keeps every rank above its
- * parents'. 0, ZAN_RC_BIND_REFUSED when a path leads from the child to the parent, ZAN_RC_NO_MEMORY;
- * nothing has changed then. */
+ * parents'. 0, ZAN_RC_BIND_REFUSED when a path leads from the child to the parent,
+ * ZAN_RC_NO_MEMORY; nothing has changed then. */
 zan_rcode host_ranks_make_room(const zan_table_base_st *parent, zan_table_base_st *child);
 /* Whether a path leads down from `from` to `to`; without memory the answer is true. */
 bool host_ranks_path_exists(zan_table_base_st *from, const zan_table_base_st *to);

@@ -1,11 +1,12 @@
-/* Ranks: every object's is above all its parents', so that no path leads from an object to one of equal
- * or lower rank. A bind of a child without children just sets its rank; nearly all others find the
- * child's rank high enough already, which is one comparison.
+/* Ranks: every object's is above all its parents', so that no path leads from an object to one of
+ * equal or lower rank. A bind of a child without children just sets its rank; nearly all others
+ * find the child's rank high enough already, which is one comparison.
  *
- * Otherwise the child must rise above its new parent, and perhaps some of what is below it. The objects
- * that rise are taken up in the order of their former ranks: that order is a topological one, so that
- * each is taken up once, after all parents that rise. A path from the child to the new parent leads
- * through objects that rise, and would make the parent rise: that is the cycle, and all is put back.
+ * Otherwise the child must rise above its new parent, and perhaps some of what is below it. The
+ * objects that rise are taken up in the order of their former ranks: that order is a topological
+ * one, so that each is taken up once, after all parents that rise. A path from the child to the new
+ * parent leads through objects that rise, and would make the parent rise: that is the cycle, and
+ * all is put back.
  *
  * No recursion; the work space is kept from one repair to the next.
  */
@@ -154,8 +155,8 @@ bool host_ranks_path_exists(zan_table_base_st *from, const zan_table_base_st *to
         const zan_table_base_st *obj = heap_pop(&pending).obj;
         for (const host_link_t *link = host_first_child(obj); link && !found; link = link->next) {
             zan_table_base_st *child = link->ends.child;
-            found = child == to ||
-                    (host_area(child)->rank < host_area(to)->rank && !take_up(child));
+            found =
+                child == to || (host_area(child)->rank < host_area(to)->rank && !take_up(child));
         }
     }
     finish(false);

@@ -1,4 +1,5 @@
-/* What every source of the host platform needs: the assertion, and whether this is a sanitizer build.
+/* What every source of the host platform needs: the assertion, and whether this is a sanitizer
+ * build.
  *
  * A broken invariant ends the process and says what to look at; a refusal is a return code.
  */

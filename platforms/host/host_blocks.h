@@ -1,5 +1,5 @@
-/* Recycled private memory for the services of the host: as object_memory.h, but not counted among the
- * blocks that the server has out. */
+/* Recycled private memory for the services of the host: as object_memory.h, but not counted among
+ * the blocks that the server has out. */
 #ifndef ZAN_HOST_BLOCKS_H
 #define ZAN_HOST_BLOCKS_H
 

@@ -15,9 +15,9 @@ ZAN_EXTERN_C_BEGIN
 
 /* ---- Execution queue ---- */
 
-/* Make the rings of NPUs 0 to num_npus - 1 and start their threads; stepped: no threads, and an order
- * that the seed decides. False without memory or threads, or when it runs already. The thread that
- * controls the queue is the one with ZAN_EXEC_Q_CONTROL_OPS_ALLOWED. */
+/* Make the rings of NPUs 0 to num_npus - 1 and start their threads; stepped: no threads, and an
+ * order that the seed decides. False without memory or threads, or when it runs already. The thread
+ * that controls the queue is the one with ZAN_EXEC_Q_CONTROL_OPS_ALLOWED. */
 ZAN_EXPORT bool zan_host_exec_q_start(uint32_t num_npus, bool stepped, uint64_t seed);
 /* Run what is queued, stopped or held or not, join the threads, take home what is done. */
 ZAN_EXPORT void zan_host_exec_q_stop(void);
@@ -33,8 +33,8 @@ ZAN_EXPORT void zan_host_set_perf_exercise(zan_host_perf_exercise_f exercise);
 
 /* ---- Clock ---- */
 
-/* Let all clocks stand but for sleeps and zan_host_clock_advance, from now on; or let them run again.
- * Any thread. */
+/* Let all clocks stand but for sleeps and zan_host_clock_advance, from now on; or let them run
+ * again. Any thread. */
 ZAN_EXPORT void zan_host_clock_set_virtual(bool on);
 ZAN_EXPORT void zan_host_clock_advance(uint64_t microseconds);
 
@@ -44,8 +44,8 @@ ZAN_EXPORT void zan_host_clock_advance(uint64_t microseconds);
  * memory. */
 typedef void (*zan_host_east_west_f)(void *arg);
 ZAN_EXPORT bool zan_host_east_west_inject(zan_host_east_west_f function, void *arg);
-/* Forget what stands in the internal queues; objects of queue 2 are freed by their table's copy_dtor,
- * so that the properties must still be there. */
+/* Forget what stands in the internal queues; objects of queue 2 are freed by their table's
+ * copy_dtor, so that the properties must still be there. */
 ZAN_EXPORT void zan_host_internal_queues_clear(void);
 
 /* ---- Table database ---- */

@@ -1,5 +1,6 @@
-/* The host's identifier hooks, as the defaults of the tables that have them: HOST_IDENTIFIER_HOOKS(T)
- * supplies the four of a table, so that a platform need not have an allocator of its own. */
+/* The host's identifier hooks, as the defaults of the tables that have them:
+ * HOST_IDENTIFIER_HOOKS(T) supplies the four of a table, so that a platform need not have an
+ * allocator of its own. */
 #ifndef ZAN_HOST_IDENTIFIER_HOOKS_H
 #define ZAN_HOST_IDENTIFIER_HOOKS_H
 

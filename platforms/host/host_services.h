@@ -1,5 +1,5 @@
-/* What the host's sources offer to each other, to the agent and to tests, beside the services that the
- * server imports. */
+/* What the host's sources offer to each other, to the agent and to tests, beside the services that
+ * the server imports. */
 #ifndef ZAN_HOST_SERVICES_H
 #define ZAN_HOST_SERVICES_H
 

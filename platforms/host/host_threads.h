@@ -1,13 +1,13 @@
-/* What the services of the host tell each other about the calling thread: its identity, the locks it
- * holds, and how time passes for it.
+/* What the services of the host tell each other about the calling thread: its identity, the locks
+ * it holds, and how time passes for it.
  */
 #ifndef ZAN_HOST_THREADS_H
 #define ZAN_HOST_THREADS_H
 
 #include "thread_control.h"
 
-/* Whether the calling thread is the dispatcher, or the FRR thread while it holds the dispatcher: the
- * thread for which the database, the graph and the recycled memory are. */
+/* Whether the calling thread is the dispatcher, or the FRR thread while it holds the dispatcher:
+ * the thread for which the database, the graph and the recycled memory are. */
 bool host_holds_dispatcher(void);
 bool host_is_npu_thread(void);
 
@@ -36,8 +36,8 @@ void host_let_time_pass(uint64_t microseconds);
 extern bool host_stepped;
 void host_exec_q_step(void);
 
-/* What makes the dispatcher's yield point look closer: not 0 when an FRR thread waits, or in stepped
- * mode. So that a yield costs one load. */
+/* What makes the dispatcher's yield point look closer: not 0 when an FRR thread waits, or in
+ * stepped mode. So that a yield costs one load. */
 enum {
     HOST_YIELD_STEPPED = 1,
     HOST_YIELD_FRR = 2, /* added for each waiting FRR thread */

@@ -3,8 +3,9 @@
  *
  * An allocator maps the byte form of a key to a number: an open-addressing hash table of entries
  * {number, key}, whose size is the table's own, so that no entry is larger than its key asks. Freed
- * numbers are given out again, the last one first. The last NPU thread releases the identifiers of an
- * asynchronous delete, so each allocator has a spin lock; it is held for a probe, never across a call.
+ * numbers are given out again, the last one first. The last NPU thread releases the identifiers of
+ * an asynchronous delete, so each allocator has a spin lock; it is held for a probe, never across a
+ * call.
  */
 #include "host_identifier_hooks.h"
 #include "host_services.h"
@@ -36,7 +37,7 @@ uint32_t capacities[ZAN_NUM_TABLES]; /* 0: default_capacity */
 
 class spin_guard
 {
-  public:
+public:
     explicit spin_guard(uint32_t *word) : word_(word)
     {
         while (__atomic_exchange_n(word_, 1, __ATOMIC_ACQUIRE))
@@ -49,7 +50,7 @@ class spin_guard
     spin_guard(const spin_guard &) = delete;
     spin_guard &operator=(const spin_guard &) = delete;
 
-  private:
+private:
     uint32_t *word_;
 };
 
@@ -208,22 +209,32 @@ zan_rcode zan_host_reserve_id(int32_t npu, const zan_table_base_st *obj)
     return EOK;
 }
 
+/* Give back what the key holds in an allocator; false when it holds nothing there. */
+static bool release_from(allocator_t *a, const holder_key_t &key, zan_rcode *rc)
+{
+    const spin_guard guard(&a->lock);
+    if (!a->slots)
+        return false;
+    const uint32_t slot = probe(a, key);
+    const uint32_t number = *entry_at(a, stride_of(key.size), slot);
+    if (number == ZAN_IDENTIFIER_NONE)
+        return false;
+    if (give_number(a, number))
+        remove_slot(a, key.size, slot);
+    else
+        *rc = ZAN_RC_NO_MEMORY;
+    return true;
+}
+
+/* One table reserves once for the object and releases NPU by NPU. */
 zan_rcode zan_host_release_id(int32_t npu, const zan_table_base_st *obj)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
     const holder_key_t key = key_of(def, obj);
-    allocator_t *a = allocator_of(def, npu);
-    const spin_guard guard(&a->lock);
-    if (!a->slots)
-        return EOK;
-    const uint32_t slot = probe(a, key);
-    const uint32_t number = *entry_at(a, stride_of(key.size), slot);
-    if (number == ZAN_IDENTIFIER_NONE)
-        return EOK;
-    if (!give_number(a, number))
-        return ZAN_RC_NO_MEMORY;
-    remove_slot(a, key.size, slot);
-    return EOK;
+    zan_rcode rc = EOK;
+    if (!release_from(allocator_of(def, npu), key, &rc) && npu >= 0)
+        release_from(allocator_of(def, -1), key, &rc);
+    return rc;
 }
 
 zan_rcode zan_host_update_release_id(int32_t npu, const zan_table_base_st *new_obj,

@@ -1,8 +1,8 @@
 /* The internal queues, and the small services around the post-step.
  *
- * Both queues are rings of pointers outside the objects. That an object stands in queue 1 is a mark that
- * the pool keeps for its block: an entry whose object has gone meanwhile is passed over when it comes
- * up, and until then covers a new object in the same block.
+ * Both queues are rings of pointers outside the objects. That an object stands in queue 1 is a mark
+ * that the pool keeps for its block: an entry whose object has gone meanwhile is passed over when
+ * it comes up, and until then covers a new object in the same block.
  */
 #include "internal_queues.h"
 #include "host_control.h"

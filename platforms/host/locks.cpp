@@ -1,8 +1,8 @@
 /* The locks of locks.h.
  *
- * Error-checking mutexes, so that a thread that takes one twice, or gives back what it has not, gets an
- * errno number instead of standing still. Each thread knows which it holds: stepped mode, where an
- * NPU's work runs on the dispatcher's thread, drops them for that long.
+ * Error-checking mutexes, so that a thread that takes one twice, or gives back what it has not,
+ * gets an errno number instead of standing still. Each thread knows which it holds: stepped mode,
+ * where an NPU's work runs on the dispatcher's thread, drops them for that long.
  */
 #include "locks.h"
 #include "host_threads.h"

@@ -1,9 +1,10 @@
 /* Recycled memory: heap copies, records, messages, side arrays.
  *
- * A write allocates some blocks, and they come back to the same thread a little later. So the thread
- * that holds the dispatcher keeps what is freed, by size, and gives it out again: no lock, no search,
- * and the block is often still in the cache. A block carries its class in front of it. Any other thread
- * allocates from the system, and its blocks join the lists when the dispatcher frees them.
+ * A write allocates some blocks, and they come back to the same thread a little later. So the
+ * thread that holds the dispatcher keeps what is freed, by size, and gives it out again: no lock,
+ * no search, and the block is often still in the cache. A block carries its class in front of it.
+ * Any other thread allocates from the system, and its blocks join the lists when the dispatcher
+ * frees them.
  *
  * In sanitizer builds every block comes from the system and goes back to it.
  */

@@ -32,8 +32,8 @@ zan_table_base_st *zan_db_quarantine_add(const zan_table_base_st *obj)
     const zan_table_def_t *def = zan_table_def_get(obj->table_id);
     const uint32_t private_size = kor_npd_get_table_size(def->id);
     const uint32_t dynamic = zan_obj_dyn_size(def, zan_obj_num_elements(def, obj));
-    auto *entry = (entry_t *)calloc(1, offsetof(entry_t, copy) + def->obj_size + private_size +
-                                           dynamic);
+    auto *entry =
+        (entry_t *)calloc(1, offsetof(entry_t, copy) + def->obj_size + private_size + dynamic);
     if (!entry)
         return nullptr;
     zan_obj_copy_to(def, private_size, obj, false, &entry->copy);

@@ -62,8 +62,8 @@ inline int find4(const radix_node4_t *node, uint8_t byte)
 inline int find16(const radix_node16_t *node, uint8_t byte)
 {
 #ifdef __SSE2__
-    const __m128i equal = _mm_cmpeq_epi8(_mm_set1_epi8((char)byte),
-                                         _mm_loadu_si128((const __m128i *)node->keys));
+    const __m128i equal =
+        _mm_cmpeq_epi8(_mm_set1_epi8((char)byte), _mm_loadu_si128((const __m128i *)node->keys));
     const unsigned bits = (unsigned)_mm_movemask_epi8(equal) & ((1u << node->head.count) - 1);
     return bits ? __builtin_ctz(bits) : -1;
 #else
@@ -138,13 +138,11 @@ uint32_t list_children(const radix_node_t *node, uint8_t *bytes, uintptr_t *chil
     switch (node->kind) {
     case RADIX_NODE4:
         memcpy(bytes, ((const radix_node4_t *)node)->keys, node->count);
-        memcpy(children, ((const radix_node4_t *)node)->children,
-               node->count * sizeof *children);
+        memcpy(children, ((const radix_node4_t *)node)->children, node->count * sizeof *children);
         return node->count;
     case RADIX_NODE16:
         memcpy(bytes, ((const radix_node16_t *)node)->keys, node->count);
-        memcpy(children, ((const radix_node16_t *)node)->children,
-               node->count * sizeof *children);
+        memcpy(children, ((const radix_node16_t *)node)->children, node->count * sizeof *children);
         return node->count;
     default:
         for (int b = 0; b < 256; b++) {

@@ -1,11 +1,12 @@
 /* The adaptive radix tree.
  *
- * A node stands for all keys that begin alike; its prefix is what they share behind the byte that led
- * to it (path compression), and a key without company stands as a leaf right where it parts from its
- * neighbours (lazy expansion). So the depth is that of the branchings, not of the key.
+ * A node stands for all keys that begin alike; its prefix is what they share behind the byte that
+ * led to it (path compression), and a key without company stands as a leaf right where it parts
+ * from its neighbours (lazy expansion). So the depth is that of the branchings, not of the key.
  *
- * A search for one key skips what is not stored of a prefix and proves the key at the leaf. An insert
- * or an ordered search needs the prefix itself, and takes the unstored rest from any leaf below.
+ * A search for one key skips what is not stored of a prefix and proves the key at the leaf. An
+ * insert or an ordered search needs the prefix itself, and takes the unstored rest from any leaf
+ * below.
  *
  * A full node moves to the next larger kind; one that has shrunk well below the next smaller kind's
  * room moves back. A node with one child left gives way to the child.
@@ -20,8 +21,8 @@
 namespace
 {
 
-/* Fewer children than this, and the node moves to the next smaller kind: some way below its room, so
- * that a delete and an insert in turn do not move it each time. */
+/* Fewer children than this, and the node moves to the next smaller kind: some way below its room,
+ * so that a delete and an insert in turn do not move it each time. */
 const uint16_t shrink_below[RADIX_KINDS] = {0, 4, 13, 37};
 
 inline bool is_leaf(uintptr_t child)
@@ -71,7 +72,8 @@ inline void set_prefix(radix_node_t *node, const uint8_t *bytes, uint32_t length
     memcpy(node->prefix, bytes, length < RADIX_PREFIX_STORED ? length : RADIX_PREFIX_STORED);
 }
 
-/* The whole prefix of a node at this depth: its own bytes, or a leaf's key encoded into `buffer`. */
+/* The whole prefix of a node at this depth: its own bytes, or a leaf's key encoded into `buffer`.
+ */
 const uint8_t *whole_prefix(const host_radix_tree_t *tree, const radix_node_t *node, uint32_t depth,
                             uint8_t *buffer)
 {

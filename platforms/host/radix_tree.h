@@ -1,8 +1,8 @@
 /* The index of a table: an adaptive radix tree over the order-preserving byte form of the key.
  *
- * A leaf is the object itself; its key is not stored a second time but encoded again from the object
- * when a leaf has to be compared. All keys of a tree have the same length, so that no key is the
- * beginning of another. Exact and ordered.
+ * A leaf is the object itself; its key is not stored a second time but encoded again from the
+ * object when a leaf has to be compared. All keys of a tree have the same length, so that no key is
+ * the beginning of another. Exact and ordered.
  *
  * One writer at a time, and no reader beside it.
  */
@@ -31,8 +31,8 @@ typedef enum host_radix_bound_et {
 
 host_radix_result_et host_radix_insert(host_radix_tree_t *tree, const uint8_t *key,
                                        zan_table_base_st *obj);
-/* False when the object does not stand under the key; nothing has changed then. Never fails for want
- * of memory. */
+/* False when the object does not stand under the key; nothing has changed then. Never fails for
+ * want of memory. */
 bool host_radix_delete(host_radix_tree_t *tree, const uint8_t *key, const zan_table_base_st *obj);
 
 zan_table_base_st *host_radix_find(const host_radix_tree_t *tree, const uint8_t *key);

@@ -1,15 +1,16 @@
 /* The shared-memory pool.
  *
- * A class is one table, kind and block size; it owns slabs, and lists those that have room. A slab's
- * record, outside the pool, holds what the slab is and a few bitmaps with a bit for each of its slots.
- * Slots follow each other without a gap and are as large as the block, rounded up to 8 bytes: objects
- * come in some 300 sizes, and rounding to powers of two would cost a third of the memory.
+ * A class is one table, kind and block size; it owns slabs, and lists those that have room. A
+ * slab's record, outside the pool, holds what the slab is and a few bitmaps with a bit for each of
+ * its slots. Slots follow each other without a gap and are as large as the block, rounded up to 8
+ * bytes: objects come in some 300 sizes, and rounding to powers of two would cost a third of the
+ * memory.
  *
- * Whether an address is a stored object is thus: its slab's record (one cache line: table, size), the
- * slot by a multiplication with the reciprocal of the size, and the slot's bit.
+ * Whether an address is a stored object is thus: its slab's record (one cache line: table, size),
+ * the slot by a multiplication with the reciprocal of the size, and the slot's bit.
  *
- * A slab whose last block goes is given back at once. A block above 64 KiB has a run of slabs of its
- * own, whose first record stands for all.
+ * A slab whose last block goes is given back at once. A block above 64 KiB has a run of slabs of
+ * its own, whose first record stands for all.
  */
 #include "shared_pool.h"
 #include "host_assert.h"
@@ -261,8 +262,7 @@ bool map_pool(void)
          size /= 2) {
         if (ftruncate(fd, (off_t)size) != 0)
             continue;
-        void *map =
-            mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
+        void *map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
         if (map == MAP_FAILED)
             continue;
         close(fd);
@@ -314,8 +314,8 @@ void *host_pool_alloc(uint32_t table_id, host_block_kind_et kind, size_t size)
         pool_class_t *owner = find_class(table_id, kind, slot_size);
         if (!owner)
             return nullptr;
-        slab_t *slab = owner->room != HOST_NO_SLAB ? &slabs[owner->room]
-                                                   : make_class_slab(table_id, owner);
+        slab_t *slab =
+            owner->room != HOST_NO_SLAB ? &slabs[owner->room] : make_class_slab(table_id, owner);
         if (!slab)
             return nullptr;
         block = slot_address(slab, take_slot(slab));
@@ -399,8 +399,7 @@ int host_pool_stored_table(uint64_t address)
 bool host_pool_is_stored(uint32_t table_id, uint64_t address)
 {
     const place_t at = find(address);
-    return at.slab && at.slab->table_id == table_id &&
-           mark_of(at.slab, HOST_MARK_STORED, at.slot);
+    return at.slab && at.slab->table_id == table_id && mark_of(at.slab, HOST_MARK_STORED, at.slot);
 }
 
 bool host_pool_set_mark(uint64_t address, host_mark_et mark, bool on)

@@ -1,8 +1,9 @@
 /* Free runs of slabs.
  *
  * Everything above `fresh` was never used. Below it a free run is known by its two ends: the first
- * slab has the length and stands in a list, the last has the length too, so that a run that is given
- * back finds both neighbours in one step. The records are an array beside the pool, sparse as it is.
+ * slab has the length and stands in a list, the last has the length too, so that a run that is
+ * given back finds both neighbours in one step. The records are an array beside the pool, sparse as
+ * it is.
  */
 #include "slab_runs.h"
 #include "host_assert.h"
@@ -13,7 +14,7 @@ namespace
 {
 
 struct run_end_t {
-    uint32_t length; /* of the free run that begins or ends here; 0: in use or inside a run */
+    uint32_t length;     /* of the free run that begins or ends here; 0: in use or inside a run */
     uint32_t next, prev; /* other free runs; on the first slab only */
 };
 

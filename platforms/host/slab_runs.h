@@ -10,8 +10,8 @@
 #include <cstdint>
 
 #define HOST_SLAB_SHIFT 16
-#define HOST_SLAB_SIZE (1u << HOST_SLAB_SHIFT)
-#define HOST_NO_SLAB UINT32_MAX
+#define HOST_SLAB_SIZE  (1u << HOST_SLAB_SHIFT)
+#define HOST_NO_SLAB    UINT32_MAX
 
 /* Start over with `num_slabs` slabs at `base`, none in use. False without memory. */
 bool host_slab_runs_open(uint8_t *base, uint32_t num_slabs);

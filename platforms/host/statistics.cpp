@@ -1,6 +1,6 @@
-/* Statistics of operations. The counts of a table are the dispatcher's, those of an NPU its thread's;
- * `last_op` has both as writers. Relaxed loads and stores, no read-modify-write: a count lost under a
- * race is accepted, a torn one is not.
+/* Statistics of operations. The counts of a table are the dispatcher's, those of an NPU its
+ * thread's; `last_op` has both as writers. Relaxed loads and stores, no read-modify-write: a count
+ * lost under a race is accepted, a torn one is not.
  */
 #include "statistics.h"
 #include "exec_queue.h"

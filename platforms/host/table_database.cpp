@@ -1,11 +1,11 @@
 /* The table database: an index over the objects in the pool, for each table.
  *
- * The pool knows where objects are and which of them are stored, the radix tree knows their order; this
- * file joins the two, and holds what else belongs to a table: its count and limit, the time of its last
- * change.
+ * The pool knows where objects are and which of them are stored, the radix tree knows their order;
+ * this file joins the two, and holds what else belongs to a table: its count and limit, the time of
+ * its last change.
  *
- * A block that an insert refused and that nobody frees needs no list of its own: it is a block in use
- * of one of the table's slabs, and goes with them.
+ * A block that an insert refused and that nobody frees needs no list of its own: it is a block in
+ * use of one of the table's slabs, and goes with them.
  */
 #include "table_database.h"
 #include "clock.h"
@@ -58,9 +58,9 @@ inline void change_count(table_t *table, int change)
                        std::memory_order_relaxed);
 }
 
-/* The object whose key an ordered search starts from: the one that the handle leads to; else the record
- * itself, if it has a key or is a database object that has just been deleted. Null: nothing to start
- * from. */
+/* The object whose key an ordered search starts from: the one that the handle leads to; else the
+ * record itself, if it has a key or is a database object that has just been deleted. Null: nothing
+ * to start from. */
 const zan_table_base_st *start_of_search(const zan_table_base_st *lookup)
 {
     const uint64_t handle = lookup->obj_handle;
@@ -84,9 +84,9 @@ zan_table_base_st *search(const zan_table_base_st *lookup, host_radix_bound_et b
 
 /* ---- The walk ---- */
 
-/* The locks under which the dispatcher writes objects of a table, for a walk on another thread. A table
- * of kind BOTH is indexed under one and updated under the other, so that a walk takes the two; nobody
- * else holds both. */
+/* The locks under which the dispatcher writes objects of a table, for a walk on another thread. A
+ * table of kind BOTH is indexed under one and updated under the other, so that a walk takes the
+ * two; nobody else holds both. */
 void lock_for_walk(const zan_table_def_t *def)
 {
     if (def->db_lock == ZAN_DB_LOCK_DB || def->db_lock == ZAN_DB_LOCK_BOTH)

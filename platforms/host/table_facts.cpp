@@ -1,5 +1,5 @@
-/* Facts of a table that the database answers by its id: the size of the private area, and how to compare
- * two keys. */
+/* Facts of a table that the database answers by its id: the size of the private area, and how to
+ * compare two keys. */
 #include "host_assert.h"
 #include "host_control.h"
 #include "table_database.h"
@@ -10,8 +10,8 @@
 namespace
 {
 
-/* The host keeps a few words of its own in some objects, as a hardware platform would; the server must
- * carry them along. */
+/* The host keeps a few words of its own in some objects, as a hardware platform would; the server
+ * must carry them along. */
 const struct {
     const char *table;
     uint32_t size;

@@ -1,9 +1,9 @@
-/* The properties service: keeps the 361 records, and fills the slots that the tables' own functions do
- * not.
+/* The properties service: keeps the 361 records, and fills the slots that the tables' own functions
+ * do not.
  *
- * Side data of an object is the platform's private area, which follows the fixed part in every form of
- * an object of a table that has one. A hook may keep what it likes there; these slots see to it that it
- * follows the object from form to form.
+ * Side data of an object is the platform's private area, which follows the fixed part in every form
+ * of an object of a table that has one. A hook may keep what it likes there; these slots see to it
+ * that it follows the object from form to form.
  */
 #include "table_properties.h"
 #include "host_services.h"
@@ -23,7 +23,8 @@ uint8_t *private_area(const srv_zan_table_props_t *props, const zan_table_base_s
     return (uint8_t *)obj + props->obj_size;
 }
 
-/* A request comes with a private area of nobody's; one about to be stored gets its own by the copy. */
+/* A request comes with a private area of nobody's; one about to be stored gets its own by the copy.
+ */
 void side_data_init(zan_table_base_st *obj, bool persistent)
 {
     const srv_zan_table_props_t *props = &records[obj->table_id];

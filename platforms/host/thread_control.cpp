@@ -2,8 +2,9 @@
  *
  * The dispatcher's place has one holder: the dispatcher thread from zan_dispatcher_enter to
  * zan_dispatcher_leave, or an FRR thread from zan_frr_enter to zan_frr_leave. FRR threads that wait
- * stand in line by ticket. At a yield the dispatcher lets all tickets pass that were given out before
- * it, and then goes on; one that comes later has the next yield, so that neither side starves.
+ * stand in line by ticket. At a yield the dispatcher lets all tickets pass that were given out
+ * before it, and then goes on; one that comes later has the next yield, so that neither side
+ * starves.
  *
  * The mutex below is this file's own: held for the bookkeeping only, with no other lock inside.
  */

@@ -1,14 +1,14 @@
 /* The trace ring.
  *
- * Each thread writes to a ring of its own, claimed at its first trace and given back when the thread
- * ends, so that a trace needs neither lock nor atomic read-modify-write. Records are ordered over all
- * rings by the cycle counter. A reader copies a record and looks at its sequence before and after: one
- * that is being written meanwhile is left out. A thread that finds no ring free does not trace, and
- * that is counted.
+ * Each thread writes to a ring of its own, claimed at its first trace and given back when the
+ * thread ends, so that a trace needs neither lock nor atomic read-modify-write. Records are ordered
+ * over all rings by the cycle counter. A reader copies a record and looks at its sequence before
+ * and after: one that is being written meanwhile is left out. A thread that finds no ring free does
+ * not trace, and that is counted.
  */
-#include "trace.h"
 #include "clock.h"
 #include "thread_control.h"
+#include "trace.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -231,8 +231,8 @@ zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums, u
 
 uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
 {
-    auto *found = (zan_trace_record_st *)malloc(sizeof(zan_trace_record_st) * max_rings *
-                                                records_per_ring);
+    auto *found =
+        (zan_trace_record_st *)malloc(sizeof(zan_trace_record_st) * max_rings * records_per_ring);
     if (!found)
         return 0;
     uint32_t n = 0;

@@ -1,15 +1,15 @@
 /* Simulated NPUs: a platform like any other, made of hooks.
  *
- * Each NPU keeps, by table and key, what its hardware would hold of an object: the bytes from the key to
- * the end of the fixed part, without pointers, and the dynamic part. An NPU is named by the thread that
- * calls; on the dispatcher thread by npu_id of the object in a table that is written NPU by NPU, and by
- * npu_mask_req where one call is for the whole object.
+ * Each NPU keeps, by table and key, what its hardware would hold of an object: the bytes from the
+ * key to the end of the fixed part, without pointers, and the dynamic part. An NPU is named by the
+ * thread that calls; on the dispatcher thread by npu_id of the object in a table that is written
+ * NPU by NPU, and by npu_mask_req where one call is for the whole object.
  *
  * The maps of one NPU are under one lock: its own thread writes, tools compare.
  */
+#include "global_context.h"
 #include "npu_sim_control.h"
 #include "npu_sim_hooks.h"
-#include "global_context.h"
 #include "zan_tables_private.h"
 
 #include <atomic>
@@ -156,8 +156,8 @@ void take_time(const npu_t &npu)
 
 /* Run `work` on each NPU that the call is for, as far as none fails. */
 template <class Work>
-zan_rcode on_each(const zan_table_base_st *obj, uint32_t operation, uint64_t npu_sim_counts_t::*count,
-                  Work work)
+zan_rcode on_each(const zan_table_base_st *obj, uint32_t operation,
+                  uint64_t npu_sim_counts_t::*count, Work work)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
     for (kor_npu_mask_t left = called_for(def, obj); left; left &= left - 1) {

@@ -1,4 +1,5 @@
-/* Control of the simulated NPUs: what each holds, and how it is told to fail, to be slow, to be full.
+/* Control of the simulated NPUs: what each holds, and how it is told to fail, to be slow, to be
+ * full.
  *
  * Found by name in the running process, so that a tool can work with any platform: a platform that
  * lacks these functions cannot tell. All of them may be called by any thread.
@@ -9,7 +10,7 @@
 #include "zan_table_base.h"
 
 /* The simulated hardware's own codes. */
-#define NPU_SIM_RC_FULL 0x4fa0c01cu    /* the NPU's table is full */
+#define NPU_SIM_RC_FULL    0x4fa0c01cu /* the NPU's table is full */
 #define NPU_SIM_RC_UNKNOWN 0x4fa0c002u /* update or delete of what the NPU does not hold */
 
 /* A write of any operation, for npu_sim_fail. */
@@ -36,8 +37,8 @@ ZAN_EXPORT uint64_t npu_sim_count(uint32_t npu, uint32_t table_id);
 /* Bytes of the objects that an NPU holds, over all tables. */
 ZAN_EXPORT uint64_t npu_sim_bytes(uint32_t npu);
 ZAN_EXPORT void npu_sim_counts(uint32_t npu, npu_sim_counts_t *out);
-/* Compare an object with what the NPU holds under its key: 0 equal, 1 not held, 2 different, and then
- * `why` names the first field that differs. */
+/* Compare an object with what the NPU holds under its key: 0 equal, 1 not held, 2 different, and
+ * then `why` names the first field that differs. */
 ZAN_EXPORT int npu_sim_compare(uint32_t npu, const zan_table_base_st *obj, char *why,
                                size_t why_size);
 /* Add a failure to those in force. */

@@ -5,8 +5,8 @@
 
 #include "npu_message.h"
 
-/* Each returns the simulated hardware's code. Called on an NPU thread, or on the dispatcher thread for
- * the NPUs of the object: see npu_sim.cpp. */
+/* Each returns the simulated hardware's code. Called on an NPU thread, or on the dispatcher thread
+ * for the NPUs of the object: see npu_sim.cpp. */
 zan_rcode npu_sim_create(const zan_table_base_st *obj);
 zan_rcode npu_sim_update(const zan_delta_lists_t *delta);
 zan_rcode npu_sim_delete(const zan_table_base_st *obj);

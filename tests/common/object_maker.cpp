@@ -57,8 +57,8 @@ object_t with_key(const zan_table_def_t *def, uint32_t seed, zan_table_operation
 {
     object_t obj = empty(def, operation, members);
     for (uint32_t i = 0; i < def->num_keys; i++)
-        fill_value(&def->keys[i],
-                   (uint8_t *)zan_obj_key(def, obj.get()) + def->keys[i].offset, seed);
+        fill_value(&def->keys[i], (uint8_t *)zan_obj_key(def, obj.get()) + def->keys[i].offset,
+                   seed);
     obj->key_len = def->key_size;
     return obj;
 }

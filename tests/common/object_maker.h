@@ -33,8 +33,8 @@ struct any_reference_t {
     uint32_t index; /* in refs or unions */
 };
 std::vector<any_reference_t> references(const zan_table_def_t *def);
-/* The stored value of that reference in an object, of its first member when it repeats; a variant is
- * selected first. */
+/* The stored value of that reference in an object, of its first member when it repeats; a variant
+ * is selected first. */
 zan_ref_value_st *select_reference(const zan_table_def_t *def, const any_reference_t &ref,
                                    zan_table_base_st *obj);
 

@@ -144,8 +144,8 @@ std::vector<result_t> batch_t::run()
             wire->flag |= ZAN_FLAG_IS_ASYNC_DISPATCH;
         at += wire->total_obj_size;
     }
-    const kor_table_req_hdr_st hdr = {num_slots, (uint32_t)message_.size(), 7, continue_on_error,
-                                      {}};
+    const kor_table_req_hdr_st hdr = {
+        num_slots, (uint32_t)message_.size(), 7, continue_on_error, {}};
     const int32_t returned = zan_table_server_dispatcher(bytes, slot(0), hdr, nullptr);
 
     std::vector<result_t> results(count_);
@@ -229,7 +229,8 @@ std::string hardware_differs(uint32_t num_npus)
         if (!zan_srv_table_props_get(id) || zan_db_count(id) == 0) {
             for (uint32_t npu = 0; npu < num_npus; npu++)
                 if (npu_sim_count(npu, id) != 0)
-                    return std::string("NPU holds objects of ") + def->name + " that are not stored";
+                    return std::string("NPU holds objects of ") + def->name +
+                           " that are not stored";
             continue;
         }
         for (zan_table_base_st *o = zan_db_get_first(&lookup); o; o = zan_db_get_next(o))

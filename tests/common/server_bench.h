@@ -1,5 +1,5 @@
-/* The test bench: one table server with the host platform in this process, driven as an agent drives
- * it, batches in and slots out.
+/* The test bench: one table server with the host platform in this process, driven as an agent
+ * drives it, batches in and slots out.
  *
  * A server starts once per process (a table's first use is under pthread_once), so ctest runs every
  * test in a process of its own. The test's thread is the dispatcher.
@@ -32,7 +32,7 @@ struct options_t {
 /* Starts the host and takes the dispatcher's role; stops and tears down at its end. */
 class server_t
 {
-  public:
+public:
     explicit server_t(const options_t &options);
     ~server_t();
     server_t(const server_t &) = delete;
@@ -46,8 +46,8 @@ using object_t = std::unique_ptr<zan_table_base_st, free_t>;
 
 const zan_table_def_t *table(std::string_view name);
 
-/* "<table> <field>=<value> ..." as an object in heap form, ready to be sent as `operation`. The test
- * fails when the text does not parse. */
+/* "<table> <field>=<value> ..." as an object in heap form, ready to be sent as `operation`. The
+ * test fails when the text does not parse. */
 object_t object(std::string_view text, zan_table_operation_et operation = ZAN_TABLE_CREATE);
 
 /* An empty object of a table with room for `members`. */
@@ -65,7 +65,7 @@ struct result_t {
 /* A batch under construction. */
 class batch_t
 {
-  public:
+public:
     batch_t &add(const zan_table_base_st *obj);
     batch_t &add(const object_t &obj)
     {
@@ -79,7 +79,7 @@ class batch_t
     std::vector<zan_rcode> preset;
     std::vector<result_t> run();
 
-  private:
+private:
     std::vector<uint8_t> message_;
     uint32_t count_ = 0;
 };
@@ -90,7 +90,8 @@ result_t create(std::string_view text);
 result_t read(std::string_view text, zan_table_operation_et operation = ZAN_TABLE_GET,
               uint16_t getopt = 0, uint32_t payload = 0);
 
-/* Wait until the NPU threads have done all they were sent, and take home what they finished with. */
+/* Wait until the NPU threads have done all they were sent, and take home what they finished with.
+ */
 void settle();
 
 /* All objects of a table in key order, as text, through reads. */
@@ -103,10 +104,10 @@ uint32_t counter(const zan_table_def_t *def, uint32_t index);
 
 /* What a refusal must leave as it was. */
 struct residue_t {
-    uint64_t stored = 0;       /* objects, over all tables */
-    uint64_t pool_bytes = 0;   /* of the database */
-    uint64_t heap_blocks = 0;  /* copies and records */
-    uint64_t identifiers = 0;  /* held, over all tables */
+    uint64_t stored = 0;      /* objects, over all tables */
+    uint64_t pool_bytes = 0;  /* of the database */
+    uint64_t heap_blocks = 0; /* copies and records */
+    uint64_t identifiers = 0; /* held, over all tables */
     bool operator==(const residue_t &) const = default;
 };
 residue_t residue();

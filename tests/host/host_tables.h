@@ -1,5 +1,5 @@
-/* Small tables, defined by hand, and stand-ins for the server and the properties service, for the tests
- * of the host platform.
+/* Small tables, defined by hand, and stand-ins for the server and the properties service, for the
+ * tests of the host platform.
  *
  *   node   key of one number; takes part in the graph
  *   leaf   the same, another table

@@ -19,8 +19,8 @@ struct object_t {
 
 typedef std::map<std::string, object_t *> model_t;
 
-/* Keys of a few shapes: dense ones fill large nodes, sparse ones make long prefixes, and the alphabet
- * decides which kinds of node appear. */
+/* Keys of a few shapes: dense ones fill large nodes, sparse ones make long prefixes, and the
+ * alphabet decides which kinds of node appear. */
 std::string random_key(std::mt19937 &random, uint32_t length, uint32_t alphabet)
 {
     std::string key(length, '\0');

@@ -204,9 +204,9 @@ TEST_F(table_database, blocks_of_every_size_are_zeroed_and_come_back)
             std::swap(blocks[random() % blocks.size()], blocks.back());
             const block_t block = blocks.back();
             blocks.pop_back();
-            ASSERT_TRUE(std::all_of(block.at, block.at + block.size,
-                                    [&](uint8_t b) { return b == block.fill; }))
-                << "nobody else wrote into the block";
+            ASSERT_TRUE(std::all_of(block.at, block.at + block.size, [&](uint8_t b) {
+                return b == block.fill;
+            })) << "nobody else wrote into the block";
             zan_shm_free(block.at);
             least -= block.size;
         }
@@ -263,7 +263,8 @@ TEST_F(table_database, a_free_slot_is_poisoned)
 
 TEST_F(table_database, the_quarantine_keeps_copies_in_order)
 {
-    node_obj_t a = node_record(NODE_ID, 1), b = node_record(NODE_ID, 2), c = node_record(NODE_ID, 3);
+    node_obj_t a = node_record(NODE_ID, 1), b = node_record(NODE_ID, 2),
+               c = node_record(NODE_ID, 3);
     EXPECT_EQ(zan_db_quarantine_get_first(&a.base), nullptr);
     zan_table_base_st *first = zan_db_quarantine_add(&a.base);
     zan_table_base_st *second = zan_db_quarantine_add(&b.base);

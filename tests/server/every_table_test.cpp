@@ -1,5 +1,5 @@
-/* Every operation on every table, from its definition: no table is untested, and none has test code of
- * its own. */
+/* Every operation on every table, from its definition: no table is untested, and none has test code
+ * of its own. */
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -36,7 +36,7 @@ object_t key_only(const zan_table_def_t *def, const object_t &of, zan_table_oper
 
 std::string text_of(const zan_table_def_t *def, const zan_table_base_st *obj)
 {
-    char text[16384];
+    static char text[65536];
     zan_obj_print(def, obj, text, sizeof text);
     return text;
 }
@@ -55,11 +55,8 @@ void repeat_creates(const zan_table_def_t *def, const object_t &obj, uint64_t ha
         uint32_t counter;
         bool counts_reference;
     } kinds[] = {
-        {0, ZAN_RC_EXISTS, 35, true},
-        {1, EOK, 33, false},
-        {2, EOK, 31, true},
-        {3, EOK, 33, true},
-        {7, ZAN_RC_EXISTS, 35, true},
+        {0, ZAN_RC_EXISTS, 35, true}, {1, EOK, 33, false},          {2, EOK, 31, true},
+        {3, EOK, 33, true},           {7, ZAN_RC_EXISTS, 35, true},
     };
     for (const auto &k : kinds) {
         const uint32_t before = counter(def, k.counter);
@@ -96,7 +93,7 @@ void read_back(const zan_table_def_t *def, const object_t &obj, uint64_t handle)
     object_t text_read = key_only(def, obj, ZAN_TABLE_GET);
     text_read->getopt_mask = ZAN_GETOPT_FORMAT_TEXT;
     EXPECT_EQ(run(text_read).rc, ZAN_RC_INVALID_READ) << def->name << ": no room for the text";
-    const result_t with_text = run(text_read, 16384);
+    const result_t with_text = run(text_read, 65536);
     EXPECT_EQ(with_text.rc, (zan_rcode)EOK) << def->name;
     EXPECT_EQ(std::string(with_text.payload.c_str()), text_of(def, obj.get())) << def->name;
 }
@@ -196,8 +193,8 @@ TEST(EveryTable, RefusesAMissingParentAndLeavesNothing)
                     set_handle(value, 0x1234567812345678);
                 EXPECT_EQ(run(child).rc, ZAN_RC_NOT_FOUND) << what;
             }
-            EXPECT_EQ(residue(), before) << what << ": " << to_string(before) << " became "
-                                         << to_string(residue());
+            EXPECT_EQ(residue(), before)
+                << what << ": " << to_string(before) << " became " << to_string(residue());
         }
     }
 }

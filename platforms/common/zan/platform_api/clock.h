@@ -1,7 +1,7 @@
 /* Clock and sleep.
  *
- * The server reads time and sleeps through this service alone, so that a test can let thirty minutes
- * pass at no cost. Any thread, no lock held or taken.
+ * The server reads time and sleeps through this service alone, so that a test can let thirty
+ * minutes pass at no cost. Any thread, no lock held or taken.
  */
 #ifndef ZAN_PLATFORM_CLOCK_H
 #define ZAN_PLATFORM_CLOCK_H

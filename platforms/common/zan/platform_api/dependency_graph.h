@@ -35,7 +35,8 @@ ZAN_EXPORT void kor_dpd_table_list_init(zan_table_base_st *db_obj);
 ZAN_EXPORT void kor_dpd_parent_init(zan_table_base_st *db_obj, uint32_t max_parents,
                                     uint32_t reserved);
 /* Whether `child` may bind to the parent with this handle now: the parent is stored, and no path
- * leads from the child down to it. `child` is a request; its stored form, if any, is found by key. */
+ * leads from the child down to it. `child` is a request; its stored form, if any, is found by key.
+ */
 ZAN_EXPORT uint8_t kor_dpd_check_bind_validity(uint64_t parent, const zan_table_base_st *child,
                                                uint8_t is_inside_bwalk);
 /* Bind. 0, ZAN_RC_INVALID without a free parent slot, ZAN_RC_BIND_REFUSED when it would close a

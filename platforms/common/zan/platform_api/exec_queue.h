@@ -2,12 +2,12 @@
  *
  * The dispatcher broadcasts a message to the rings of a mask of NPUs; each NPU's thread takes its
  * messages in order and runs kor_core_npu_dispatcher on the payload. A waiter is told when the last
- * broadcast has been answered. A message that nobody waits for comes home when its last NPU is done:
- * zan_dsp_q_process_post_npu frees the payload and the copies in it on the dispatcher thread.
+ * broadcast has been answered. A message that nobody waits for comes home when its last NPU is
+ * done: zan_dsp_q_process_post_npu frees the payload and the copies in it on the dispatcher thread.
  *
  * Two ways to run it. With threads, as in production; and stepped, where queued messages run on the
- * caller's thread, under the NPU's thread identity and no lock, in an order that a seed decides: at a
- * send, at the wait, in zan_dsp_q_process_post_npu, at a yield, in zan_usleep and at a full ring.
+ * caller's thread, under the NPU's thread identity and no lock, in an order that a seed decides: at
+ * a send, at the wait, in zan_dsp_q_process_post_npu, at a yield, in zan_usleep and at a full ring.
  *
  * Control and broadcast: the thread with ZAN_EXEC_Q_CONTROL_OPS_ALLOWED only.
  */
@@ -19,8 +19,8 @@
 #include "zan_table_base.h"
 
 #define ZAN_EXEC_MSG_NPU_REQUEST 3u
-#define ZAN_EXEC_Q_TIMEOUT 110 /* kor_exec_q_resp_wait: one period has passed */
-#define ZAN_NPU_HISTORY_ROWS 10
+#define ZAN_EXEC_Q_TIMEOUT       110 /* kor_exec_q_resp_wait: one period has passed */
+#define ZAN_NPU_HISTORY_ROWS     10
 
 /* Head of a queue message; the queue keeps its own fields behind it. */
 typedef struct zan_exec_q_msg_st {

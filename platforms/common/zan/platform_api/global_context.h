@@ -8,10 +8,10 @@
 
 #include "zan_types.h"
 
-#define ZAN_NUM_COUNTERS 61
+#define ZAN_NUM_COUNTERS  61
 /* Sets of counters: 0 counts since the start, 1 since the operator's last reset, 2 and up are the
  * banks, of which `active_bank` is the one that counts now. */
-#define ZAN_COUNTER_SETS 8
+#define ZAN_COUNTER_SETS  8
 #define ZAN_COUNTER_BANKS (ZAN_COUNTER_SETS - 2)
 
 /* Hardware failures and objects of one table on one NPU. */
@@ -29,7 +29,7 @@ typedef struct zan_global_table_st {
     uint8_t option_bytes[2];     /* as the definition sets them */
     uint8_t first_option_active; /* set when the first option byte is */
     uint8_t reserved;
-    void *specific[2]; /* results of the platform's specific_init */
+    void *specific[2];             /* results of the platform's specific_init */
     uint32_t quarantine_max_depth; /* longest search of the quarantine so far */
     uint32_t bwalk_fail_cnt;
     uint32_t bwalk_skip_cnt;
@@ -43,7 +43,7 @@ typedef struct zan_global_npu_st {
 } zan_global_npu_st;
 
 typedef struct zan_global_ctx_st {
-    uint32_t num_npus; /* 0 to ZAN_MAX_NPUS */
+    uint32_t num_npus;           /* 0 to ZAN_MAX_NPUS */
     uint8_t per_object_npu_mask; /* each object's npu_mask narrows a write */
     kor_npu_mask_t npu_mask_all;
     kor_npu_mask_t npu_mask_active; /* the NPUs to write */

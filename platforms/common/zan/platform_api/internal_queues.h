@@ -11,7 +11,7 @@
 
 #include "zan_table_base.h"
 
-#define ZAN_QUEUE_DELAY_DELETE 1
+#define ZAN_QUEUE_DELAY_DELETE   1
 #define ZAN_QUEUE_INTERNAL_ASYNC 2
 
 ZAN_EXTERN_C_BEGIN
@@ -24,10 +24,11 @@ ZAN_EXPORT bool kor_server_is_queue_empty(uint32_t queue);
 /* Take in what the NPU threads have finished with: frees or recycles the copies of asynchronous
  * writes, on the dispatcher thread. */
 ZAN_EXPORT void zan_dsp_q_process_post_npu(void);
-/* Process east-west messages between nodes. A host stands alone: those that local tools injected. */
+/* Process east-west messages between nodes. A host stands alone: those that local tools injected.
+ */
 ZAN_EXPORT void zan_dsp_q_process_east_west(void);
-/* The platform's side of a postponed delete that is over: on success it tells the client through the
- * slot delete_notify. `obj` is a copy that stays with the caller. */
+/* The platform's side of a postponed delete that is over: on success it tells the client through
+ * the slot delete_notify. `obj` is a copy that stays with the caller. */
 ZAN_EXPORT void zan_call_pd_handle_delayed_delete_rc(zan_rcode rc, zan_table_base_st *obj);
 ZAN_EXTERN_C_END
 

@@ -5,7 +5,7 @@
 #include "zan_table_base.h"
 
 enum {
-    ZAN_NOTIF_DELETED = 6,         /* a postponed delete has gone through */
+    ZAN_NOTIF_DELETED = 6, /* a postponed delete has gone through */
     ZAN_NOTIF_RESOLVE_FAILED = 15,
     ZAN_NOTIF_BIND_REFUSED = 16,
     ZAN_NOTIF_NOT_FOUND = 17,

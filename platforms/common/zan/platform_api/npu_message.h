@@ -19,10 +19,10 @@ typedef struct zan_delta_lists_t {
 } zan_delta_lists_t;
 ZAN_STATIC_ASSERT(sizeof(zan_delta_lists_t) == 80, "delta lists");
 
-/* Ownership: filled by the dispatcher. A synchronous write uses one instance for the process, and the
- * dispatcher blocks until all NPUs have answered. A record of zan_srv_msg_alloc (is_async) belongs to
- * the NPU side after the send, with obj, old_obj and delta_lists; it comes home when the last NPU has
- * finished. The NPU threads write npu_rc (each its own entry) and npus_left only. */
+/* Ownership: filled by the dispatcher. A synchronous write uses one instance for the process, and
+ * the dispatcher blocks until all NPUs have answered. A record of zan_srv_msg_alloc (is_async)
+ * belongs to the NPU side after the send, with obj, old_obj and delta_lists; it comes home when the
+ * last NPU has finished. The NPU threads write npu_rc (each its own entry) and npus_left only. */
 typedef struct kor_core_srv_dispatch_t {
     zan_table_base_st *obj;
     zan_table_base_st *old_obj; /* update: the previous form */

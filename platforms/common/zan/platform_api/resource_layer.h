@@ -38,8 +38,7 @@ typedef struct kor_arch_resources_cb_t {
     void (*account_sub)(void *npu_resource, uint32_t hwdb, uint32_t sub_id, uint32_t one,
                         uint32_t table_id, uint32_t amount, const zan_table_base_st *obj,
                         kor_send_oor_f send_oor);
-    void (*get_hwdb_mask)(kor_hwdb_mask_t *out, const zan_hwdb_query_st *query,
-                          void *npu_resource);
+    void (*get_hwdb_mask)(kor_hwdb_mask_t *out, const zan_hwdb_query_st *query, void *npu_resource);
 } kor_arch_resources_cb_t;
 
 ZAN_EXTERN_C_BEGIN

@@ -20,9 +20,9 @@ typedef struct zan_table_perf_st {
     uint32_t first_trans_id, last_trans_id;
     uint64_t num_ops;
     uint64_t num_slow_ops;
-    zan_perf_stat_st dispatch;     /* an object on the dispatcher thread */
-    zan_perf_stat_st ipc;          /* from the client's stamp to the batch's entry */
-    zan_perf_stat_st dummy;        /* stopping the NPU queues */
+    zan_perf_stat_st dispatch;          /* an object on the dispatcher thread */
+    zan_perf_stat_st ipc;               /* from the client's stamp to the batch's entry */
+    zan_perf_stat_st dummy;             /* stopping the NPU queues */
     zan_perf_stat_st npu[ZAN_MAX_NPUS]; /* hook calls */
 } zan_table_perf_st;
 
@@ -33,7 +33,8 @@ ZAN_EXPORT void table_update_last_op(uint32_t table_id, const struct timespec *w
                                      uint32_t trans_id, uint32_t count);
 ZAN_EXPORT void table_dispatch_perf_update(uint32_t table_id, const struct timespec *duration,
                                            uint32_t count);
-/* Keeps the operation when it was slow: in the history of the calling NPU thread, or of the table. */
+/* Keeps the operation when it was slow: in the history of the calling NPU thread, or of the table.
+ */
 ZAN_EXPORT void table_record_slow_op(uint32_t table_id, const struct timespec *duration,
                                      uint32_t trans_id, uint32_t operation);
 ZAN_EXPORT void table_ipc_perf_update(uint32_t table_id, const struct timespec *avg_delay);

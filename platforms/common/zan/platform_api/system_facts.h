@@ -5,7 +5,7 @@
 #include "zan_table_base.h"
 
 #define ZAN_NODE_ROLE_STANDBY 0u /* the database is written, no hardware is touched */
-#define ZAN_NODE_ROLE_ACTIVE 1u
+#define ZAN_NODE_ROLE_ACTIVE  1u
 
 struct zan_table_crud_ctx_t;
 

@@ -5,8 +5,8 @@
  * thread, or the FRR thread while it holds the dispatcher, unless said otherwise; no lock is taken.
  *
  * Search functions take a lookup record: an object of which only table_id and either obj_handle or
- * the key (with key_len) are read; it may be cut off behind the key. They return the database object
- * or null.
+ * the key (with key_len) are read; it may be cut off behind the key. They return the database
+ * object or null.
  */
 #ifndef ZAN_PLATFORM_TABLE_DATABASE_H
 #define ZAN_PLATFORM_TABLE_DATABASE_H
@@ -25,7 +25,8 @@ typedef struct zan_db_del_ctx_t {
 typedef zan_rcode (*zan_db_walk_f)(zan_table_base_st *db_obj, void *arg);
 
 ZAN_EXTERN_C_BEGIN
-/* Make the table's index. Once per table, before anything else; any thread. 0 or ZAN_RC_NO_MEMORY. */
+/* Make the table's index. Once per table, before anything else; any thread. 0 or ZAN_RC_NO_MEMORY.
+ */
 ZAN_EXPORT zan_rcode zan_db_init(zan_global_ctx_st *ctx, uint32_t table_id);
 
 /* By handle when obj_handle is not 0, else by key. A handle finds only a live stored object of the
@@ -54,7 +55,8 @@ ZAN_EXPORT zan_rcode zan_db_walk(uint32_t table_id, void *walk_arg, zan_db_walk_
                                  void *arg, uint32_t flags);
 /* Stored objects of a table; 0 for a table that was never used. Any thread. */
 ZAN_EXPORT uint64_t zan_db_count(uint32_t table_id);
-/* Whether the handle is the address of a live stored object of the table. Any value may be asked. */
+/* Whether the handle is the address of a live stored object of the table. Any value may be asked.
+ */
 ZAN_EXPORT bool zan_db_hdl_is_valid(uint32_t table_id, uint64_t handle);
 /* Most objects that a table takes; 0 is without limit. */
 ZAN_EXPORT void zan_db_set_limit(uint32_t table_id, uint64_t max_objects);

@@ -4,9 +4,9 @@
  * server's own functions, and to the properties service. The service makes the records at start by
  * zan_srv_npi_init_table_props and fills the slots marked [service]. Read-only once filled.
  *
- * Hooks run on the dispatcher thread, on the FRR thread while it holds the dispatcher, or on the NPU
- * threads, as the table's definition says; a hook must be safe against itself on other NPUs. A hook
- * returns a hardware code, 0 for success. It never frees what it is given.
+ * Hooks run on the dispatcher thread, on the FRR thread while it holds the dispatcher, or on the
+ * NPU threads, as the table's definition says; a hook must be safe against itself on other NPUs. A
+ * hook returns a hardware code, 0 for success. It never frees what it is given.
  */
 #ifndef ZAN_PLATFORM_TABLE_PROPERTIES_H
 #define ZAN_PLATFORM_TABLE_PROPERTIES_H
@@ -121,7 +121,8 @@ typedef struct srv_delete_action_ctx_t {
 
 typedef enum zan_hook_et {
 #define ZAN_HOOK_ENUM(name) ZAN_HOOK_##name,
-    ZAN_COMMON_HOOKS(ZAN_HOOK_ENUM) ZAN_OPTIONAL_HOOKS(ZAN_HOOK_ENUM)
+    ZAN_COMMON_HOOKS(ZAN_HOOK_ENUM)
+    ZAN_OPTIONAL_HOOKS(ZAN_HOOK_ENUM)
 #undef ZAN_HOOK_ENUM
         ZAN_HOOK_COUNT
 } zan_hook_et;
@@ -168,8 +169,7 @@ typedef struct srv_zan_table_props_t {
     zan_rcode (*get_gt_eq)(zan_table_base_st *obj);
     void (*empty_hook)(void);
     zan_rcode (*update_deprecated)(struct zan_repeated_delta_t *delta, uint32_t npu_id);
-    int32_t (*compare_dynamic_struct_deprecated)(const void *old_element,
-                                                 const void *new_element);
+    int32_t (*compare_dynamic_struct_deprecated)(const void *old_element, const void *new_element);
     zan_rcode (*resolve)(zan_table_base_st *obj, zan_table_base_st *db_obj);
     zan_rcode (*specific_init)(void **first, void **second);
     void (*specific_access_fn)(void *table_record, zan_table_base_st *obj);
@@ -194,8 +194,7 @@ typedef struct srv_zan_table_props_t {
                                 uint32_t *num_paths_aux);
     void *(*get_npd_handle)(const zan_table_base_st *obj);
     uint64_t (*get_npi_handle)(const zan_table_base_st *obj);
-    zan_rcode (*shmwin_alloc_dbobj_params)(zan_table_base_st *db_obj,
-                                           const zan_table_base_st *obj);
+    zan_rcode (*shmwin_alloc_dbobj_params)(zan_table_base_st *db_obj, const zan_table_base_st *obj);
     void (*shmwin_free_dbobj_params)(zan_table_base_st *db_obj);
     zan_rcode (*resolve_ref)(zan_table_base_st *obj, zan_table_base_st *db_obj,
                              uint8_t is_inside_bwalk);
@@ -277,7 +276,8 @@ ZAN_EXTERN_C_BEGIN
 ZAN_EXPORT srv_zan_table_props_t *zan_srv_table_props_get(uint32_t table_id);
 ZAN_EXPORT zan_adj_props_t *zan_srv_adj_props_get(uint32_t index);
 
-/* In the server: fill the record of a table, or its adjacency records. Any other id does nothing. */
+/* In the server: fill the record of a table, or its adjacency records. Any other id does nothing.
+ */
 ZAN_EXPORT void zan_srv_npi_init_table_props(uint32_t table_id, srv_zan_table_props_t *props);
 ZAN_EXPORT void zan_srv_npi_init_adj_props(uint32_t table_id);
 ZAN_EXTERN_C_END

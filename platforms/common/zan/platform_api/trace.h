@@ -14,8 +14,8 @@
 /* Handle of a trace class: table_id * 3 + level - 1 for a table's, then the shared ones. */
 typedef uint32_t zan_trace_class_t;
 
-#define ZAN_TRACE_LEVEL_ERROR 1u
-#define ZAN_TRACE_LEVEL_EVENT 2u
+#define ZAN_TRACE_LEVEL_ERROR   1u
+#define ZAN_TRACE_LEVEL_EVENT   2u
 #define ZAN_TRACE_LEVEL_VERBOSE 3u
 
 /* The shared classes, X(name). */
@@ -44,7 +44,7 @@ enum {
     ZAN_TRACE_CLASS_BEFORE_FIRST = ZAN_SHARED_TRACE_CLASS_BASE - 1,
     ZAN_SHARED_TRACE_CLASSES(ZAN_TRACE_CLASS_ENUM)
 #undef ZAN_TRACE_CLASS_ENUM
-        ZAN_NUM_TRACE_CLASSES
+    ZAN_NUM_TRACE_CLASSES
 };
 
 /* A table's three enumerators, one per level, as its properties record keeps them. */
@@ -82,7 +82,8 @@ ZAN_EXPORT void _ringlog_7(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64
 /* With strings: as many further arguments as the id says, each a uint64_t or a const char *. */
 ZAN_EXPORT void _ringlogs(zan_trace_class_t c, uint64_t msg, ...);
 
-/* The class for an enumeration record at a level; with retry the shared retry class of the level. */
+/* The class for an enumeration record at a level; with retry the shared retry class of the level.
+ */
 ZAN_EXPORT zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums,
                                                        uint32_t level, bool retry);
 

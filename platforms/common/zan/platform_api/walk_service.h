@@ -78,7 +78,8 @@ ZAN_EXPORT uint32_t zan_walk_ctx_get_trans_id(const kor_dpd_event_ctx_t *walk_ct
 /* The colours that an object carries: green 1, red 2, brown 4. */
 ZAN_EXPORT uint8_t zan_color_get_self_mask(const zan_table_base_st *obj);
 
-/* The mark on a heap copy that says that post-processing frees it. Any thread that owns the copy. */
+/* The mark on a heap copy that says that post-processing frees it. Any thread that owns the copy.
+ */
 ZAN_EXPORT bool zan_dpd_is_set_freed_by_post_proc_flag(const zan_table_base_st *obj);
 ZAN_EXPORT void zan_dpd_set_freed_by_post_proc_flag(zan_table_base_st *obj);
 ZAN_EXPORT void zan_dpd_clear_freed_by_post_proc_flag(zan_table_base_st *obj);

@@ -45,7 +45,7 @@ enum {
 #endif
 #undef ZAN_RC_CONSTANT
 
-#define EOK 0
+#define EOK           0
 #define RCD_IS_OK(rc) ((rc) == 0)
 
 ZAN_EXTERN_C_BEGIN

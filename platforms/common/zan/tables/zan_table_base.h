@@ -36,17 +36,19 @@ typedef enum zan_table_operation_et {
     ZAN_TABLE_OPERATION_COUNT
 } zan_table_operation_et;
 
-/* Bits of zan_table_base_st.flag. "client" bits may be set by a client; the agent clears the rest. */
+/* Bits of zan_table_base_st.flag. "client" bits may be set by a client; the agent clears the rest.
+ */
 enum {
-    ZAN_FLAG_STALE = 1u << 0,             /* replay start marked it, nobody has sent it since */
-    ZAN_FLAG_RETRY_MODE = 1u << 1,        /* client: write it again whether it changed or not */
-    ZAN_FLAG_USE_ASYNC_BARRIER = 1u << 2, /* client: hold later writes back until this one is done */
+    ZAN_FLAG_STALE = 1u << 0,      /* replay start marked it, nobody has sent it since */
+    ZAN_FLAG_RETRY_MODE = 1u << 1, /* client: write it again whether it changed or not */
+    ZAN_FLAG_USE_ASYNC_BARRIER = 1u
+                                 << 2, /* client: hold later writes back until this one is done */
     ZAN_FLAG_NON_BLOCKING_UPDATE = 1u << 3, /* client: do not stop the NPU queues for this update */
     ZAN_FLAG_CARRY = 1u << 4,               /* client: kept on the stored object, never cleared */
     ZAN_FLAG_IS_ASYNC_WRITE = 1u << 5,      /* nobody waits for the hardware write */
-    ZAN_FLAG_IS_ASYNC_DISPATCH = 1u << 6,   /* client: the batch is asynchronous; one slot for all */
-    ZAN_FLAG_CARRY_HI = 1u << 7,            /* client: copied to the stored object on replacement */
-    ZAN_FLAG_DELETING = 1u << 9,            /* set at the entry of a delete */
+    ZAN_FLAG_IS_ASYNC_DISPATCH = 1u << 6, /* client: the batch is asynchronous; one slot for all */
+    ZAN_FLAG_CARRY_HI = 1u << 7,          /* client: copied to the stored object on replacement */
+    ZAN_FLAG_DELETING = 1u << 9,          /* set at the entry of a delete */
     ZAN_FLAG_TRANSIENT_10 = 1u << 10,
     ZAN_FLAG_QUEUED_DELETE = 1u << 12, /* this delete comes from the delay-delete queue */
     ZAN_FLAG_OOR_HELD = 1u << 14,
@@ -63,23 +65,23 @@ enum {
 
 /* Bits of getopt_mask: options of a read. */
 enum {
-    ZAN_GETOPT_STALE_ONLY = 0x1,     /* the search passes over objects that are not stale */
-    ZAN_GETOPT_FORMAT_TEXT = 0x2,    /* render the object as text into the payload */
-    ZAN_GETOPT_STOP_QUEUES_A = 0x4,  /* stop the NPU queues for this read */
-    ZAN_GETOPT_STOP_QUEUES_B = 0x8,  /* the same */
-    ZAN_GETOPT_SHOW_BUFFER = 0x100,  /* the platform's show text; skips the per-NPU reads */
+    ZAN_GETOPT_STALE_ONLY = 0x1,    /* the search passes over objects that are not stale */
+    ZAN_GETOPT_FORMAT_TEXT = 0x2,   /* render the object as text into the payload */
+    ZAN_GETOPT_STOP_QUEUES_A = 0x4, /* stop the NPU queues for this read */
+    ZAN_GETOPT_STOP_QUEUES_B = 0x8, /* the same */
+    ZAN_GETOPT_SHOW_BUFFER = 0x100, /* the platform's show text; skips the per-NPU reads */
     ZAN_GETOPT_STOP_QUEUES_MASK = 0x10c,
 };
 
 /* Poison written to obj_handle: of a database object on its way out, and of the heap copy of an
  * asynchronous write that has no database object to lead to. */
 #define ZAN_POISON_FREED_DB_OBJ 0xdeadfeeeull
-#define ZAN_POISON_NO_DB_OBJ 0xdeadbeefull
+#define ZAN_POISON_NO_DB_OBJ    0xdeadbeefull
 
 #define ZAN_DEL_FLAG_DELAY_DELETE 0x1u /* del_flag: the object waits for its children to go */
 
-#define ZAN_WRITE_KIND_REPLACE 1     /* a create that may become an update */
-#define ZAN_WRITE_KIND_STRICT 2      /* a repeat counts a reference, a difference is refused */
+#define ZAN_WRITE_KIND_REPLACE     1 /* a create that may become an update */
+#define ZAN_WRITE_KIND_STRICT      2 /* a repeat counts a reference, a difference is refused */
 #define ZAN_WRITE_KIND_REPLACE_REF 3 /* as 1, and counts a reference */
 
 /* Links and state of the dependency graph and the pool. Only the graph service writes here, but for
@@ -109,7 +111,7 @@ typedef struct zan_table_base_st {
     struct timespec client_time; /* stamped by the client when it sent the object */
     uint32_t client_epoch;       /* replay scope mark */
     uint8_t reserved[20];
-    uint64_t obj_handle;    /* database object: its own address; request: the object meant, or 0 */
+    uint64_t obj_handle;     /* database object: its own address; request: the object meant, or 0 */
     kor_npu_mask_t npu_mask; /* NPUs to which the object applies */
     uint32_t flag;           /* ZAN_FLAG_* */
     uint32_t base_trans_id;  /* transaction that touched the object last */
@@ -127,7 +129,7 @@ typedef struct zan_table_base_st {
     uint16_t getopt_mask;    /* ZAN_GETOPT_* */
 } zan_table_base_st;
 
-#define ZAN_ASSERT_OFFSET(type, field, offset) \
+#define ZAN_ASSERT_OFFSET(type, field, offset)                                                     \
     ZAN_STATIC_ASSERT(offsetof(type, field) == (offset), #type "." #field)
 
 ZAN_ASSERT_OFFSET(zan_table_base_st, dpd.dpd_child_list, 24);
@@ -157,10 +159,10 @@ ZAN_STATIC_ASSERT(sizeof(zan_table_base_st) == 192, "header");
 /* The response slot of one object. A synchronous batch has one for each object, slot i at
  * i * (payload_alloc_sz of the first slot + 32) bytes; an asynchronous batch has one for all. */
 typedef struct zan_table_response_st {
-    uint64_t obj;              /* database object; after a replay operation the objects visited */
-    uint64_t err_code;         /* zan_rcode of this object */
-    uint8_t batch_continue;    /* this object's failure does not stop the batch */
-    uint8_t batch_cut;         /* not dispatched: the batch was already cut short */
+    uint64_t obj;           /* database object; after a replay operation the objects visited */
+    uint64_t err_code;      /* zan_rcode of this object */
+    uint8_t batch_continue; /* this object's failure does not stop the batch */
+    uint8_t batch_cut;      /* not dispatched: the batch was already cut short */
     uint8_t reserved[2];
     uint32_t payload_alloc_sz; /* bytes available at payload */
     uint32_t payload_used_sz;  /* bytes in use; never above payload_alloc_sz */
@@ -180,9 +182,9 @@ ZAN_STATIC_ASSERT(sizeof(zan_table_response_st) == ZAN_RESPONSE_HDR_SIZE, "respo
 
 /* The request header of a batch, passed by value. */
 typedef struct kor_table_req_hdr_st {
-    uint32_t num_resp;         /* response slots available */
-    uint32_t msg_len;          /* bytes of the message; never 0 */
-    uint32_t client_id;        /* carried into the dispatcher's traces; 0 silences its error trace */
+    uint32_t num_resp;  /* response slots available */
+    uint32_t msg_len;   /* bytes of the message; never 0 */
+    uint32_t client_id; /* carried into the dispatcher's traces; 0 silences its error trace */
     uint8_t continue_on_error; /* a failure does not stop the batch */
     uint8_t reserved[3];
 } kor_table_req_hdr_st;

@@ -1,8 +1,8 @@
 /* The definition of a table as data.
  *
  * Every table behaves the same but for its definition: one algorithm reads these records. They are
- * constant, emitted by the generator from schema/<group>/<table>.toml, and hold declared facts only;
- * what a table gathers at run time is in its srv_zan_table_props_t. To add a table, see
+ * constant, emitted by the generator from schema/<group>/<table>.toml, and hold declared facts
+ * only; what a table gathers at run time is in its srv_zan_table_props_t. To add a table, see
  * docs/add-a-table.md.
  *
  * The fixed part of an object, in this order, each field at its natural alignment:
@@ -24,9 +24,9 @@
 
 /* A stored reference. The parent's key follows at ZAN_REF_KEY_OFFSET, in the parent's key type. */
 typedef struct zan_ref_value_st {
-    uint64_t refhdl;    /* obj_handle of the parent; set and 0 asks to drop the reference */
-    uint32_t selector;  /* union: the variant, 1 is the first; 0 in a plain reference */
-    uint8_t is_set;     /* union: the client said which variant; 0 in a plain reference */
+    uint64_t refhdl;   /* obj_handle of the parent; set and 0 asks to drop the reference */
+    uint32_t selector; /* union: the variant, 1 is the first; 0 in a plain reference */
+    uint8_t is_set;    /* union: the client said which variant; 0 in a plain reference */
     uint8_t refkey_set;
     uint8_t refhdl_set;
     uint8_t reserved;
@@ -54,14 +54,14 @@ typedef struct zan_field_def_t {
     const char *doc;
     const zan_value_name_t *names; /* ZAN_TYPE_ENUM and ZAN_TYPE_BITS; null otherwise */
     uint16_t num_names;
-    uint8_t type;          /* zan_type_et */
-    uint8_t shape;         /* zan_shape_et; a key field is ZAN_SHAPE_SINGLE */
-    uint16_t width;        /* bytes of one value */
-    uint16_t count;        /* values in the fixed part: 1, N, ZAN_MAX_NPUS, or 0 when repeated */
-    uint32_t offset;       /* attribute: of the value, or of the pointer, in the object;
-                              key field: from the start of the key */
-    uint32_t set_offset;   /* of the is-set byte or bytes in the object; 0 in keys and repeated */
-    uint64_t trigger_mask; /* attribute update bits that a change of this attribute raises */
+    uint8_t type;            /* zan_type_et */
+    uint8_t shape;           /* zan_shape_et; a key field is ZAN_SHAPE_SINGLE */
+    uint16_t width;          /* bytes of one value */
+    uint16_t count;          /* values in the fixed part: 1, N, ZAN_MAX_NPUS, or 0 when repeated */
+    uint32_t offset;         /* attribute: of the value, or of the pointer, in the object;
+                                key field: from the start of the key */
+    uint32_t set_offset;     /* of the is-set byte or bytes in the object; 0 in keys and repeated */
+    uint64_t trigger_mask;   /* attribute update bits that a change of this attribute raises */
     uint8_t server_visible;  /* the flows read or write it by name */
     uint8_t clear_at_replay; /* replay start clears its is-set byte */
 } zan_field_def_t;
@@ -99,7 +99,7 @@ typedef struct zan_union_def_t {
     uint16_t stride;
     uint32_t offset;
     uint8_t repeated;
-    uint16_t nested_in;       /* index + 1 of the union that stores this one; 0: it has its own storage */
+    uint16_t nested_in; /* index + 1 of the union that stores this one; 0: it has its own storage */
     uint16_t nested_selector; /* the selector there */
 } zan_union_def_t;
 
@@ -141,10 +141,10 @@ typedef struct zan_table_def_t {
     uint16_t id;
 
     /* Options: 0 is the plain value of each. */
-    uint8_t write_mode;      /* 1: asynchronous hardware writes */
-    uint8_t table_class;     /* 0: all NPUs; 1 and 2: the object's own mask */
-    uint8_t hw_rc_mode;      /* how a hardware code becomes the object's result, 0 to 2 */
-    uint8_t npu_threads;     /* 1: programmed through the NPU threads; 0: on the dispatcher thread */
+    uint8_t write_mode;  /* 1: asynchronous hardware writes */
+    uint8_t table_class; /* 0: all NPUs; 1 and 2: the object's own mask */
+    uint8_t hw_rc_mode;  /* how a hardware code becomes the object's result, 0 to 2 */
+    uint8_t npu_threads; /* 1: programmed through the NPU threads; 0: on the dispatcher thread */
     uint8_t object_mask_async; /* NPU-thread accounting looks at the object's own mask */
     uint8_t track_inflight;
     uint8_t delete_delay; /* 5: a delete with children is refused, not postponed */
@@ -158,11 +158,11 @@ typedef struct zan_table_def_t {
     uint8_t event_entry;
     uint8_t eod_entry;
     uint8_t event_chain;
-    uint8_t identifiers;                 /* has the four identifier hooks */
-    uint8_t identifiers_per_npu;         /* on create: one call for each NPU, else one in all */
+    uint8_t identifiers;                   /* has the four identifier hooks */
+    uint8_t identifiers_per_npu;           /* on create: one call for each NPU, else one in all */
     uint8_t identifiers_per_npu_on_update; /* the same in the update and release functions */
-    uint8_t notify_update_reserve;  /* notification 18 when a reserve of an update fails */
-    uint8_t notify_update_missing;  /* notification 17 when an update finds no object */
+    uint8_t notify_update_reserve;         /* notification 18 when a reserve of an update fails */
+    uint8_t notify_update_missing;         /* notification 17 when an update finds no object */
     uint8_t delete_action_select;
     uint8_t delete_calls_picker;
     uint8_t internal_async_q_err;
@@ -172,12 +172,12 @@ typedef struct zan_table_def_t {
     uint8_t delete_notify;
     uint8_t replay_client_filter;
     uint8_t create_reject;
-    uint8_t change_test;   /* an update without a change ends early */
-    uint8_t dbobj_fetch;   /* a failed operation reads the stored object back into the request */
+    uint8_t change_test; /* an update without a change ends early */
+    uint8_t dbobj_fetch; /* a failed operation reads the stored object back into the request */
     uint8_t parent_init_without_references;
-    uint8_t graph;         /* takes part in the dependency graph as a child */
+    uint8_t graph;             /* takes part in the dependency graph as a child */
     uint8_t oor_account_plain; /* the accounting calls account, not account_sub */
-    uint8_t oor_update;    /* zan_oor_update_et */
+    uint8_t oor_update;        /* zan_oor_update_et */
     uint8_t init_option_bytes[2];
     uint32_t obj_ref_cnt_limit; /* 0: the table does not count client references */
 
@@ -187,14 +187,14 @@ typedef struct zan_table_def_t {
     uint32_t npu_mask_req_offset;
     uint32_t npu_mask_req_set_offset;
     uint32_t key_offset;
-    uint16_t key_size;       /* of the key structure */
-    uint16_t key_bytes;      /* of its order-preserving byte form */
+    uint16_t key_size;            /* of the key structure */
+    uint16_t key_bytes;           /* of its order-preserving byte form */
     uint32_t adj_list_offset;     /* 0: no adjacency list */
     uint32_t obj_ref_cnt_offset;  /* uint32_t count of client references; 0: none */
     uint32_t num_elements_offset; /* uint32_t member count; 0: no repeated part */
     uint32_t npu_bmap_offset;     /* 0: no npu_bmap attribute */
     uint32_t npu_bmap_set_offset;
-    uint8_t resizing; /* an update may change num_elements */
+    uint8_t resizing;    /* an update may change num_elements */
     uint8_t has_per_npu; /* has an attribute of shape ZAN_SHAPE_PER_NPU */
 
     uint16_t num_keys, num_attrs, num_refs, num_unions;
@@ -207,7 +207,7 @@ typedef struct zan_table_def_t {
     uint16_t num_events, num_subscriptions, num_children, num_adjacencies;
     const zan_event_def_t *events; /* events[i].id == i + 1 */
     const zan_subscription_def_t *subscriptions;
-    const uint16_t *children; /* direct child tables, ascending */
+    const uint16_t *children;    /* direct child tables, ascending */
     const uint16_t *adjacencies; /* adjacency indices, ascending */
 
     const char *const *elements; /* names of the element record of a repeated_delta table */

@@ -1,21 +1,21 @@
 /* The table layer: what can be done with an object knowing its definition alone.
  *
- * All functions are pure with regard to the process: no globals, no locks, any thread, as long as no
- * other thread writes the same object. They work on every form of an object (zan_table_base.h), and
- * on keys as plain structures. Memory is plain malloc and free unless said otherwise.
+ * All functions are pure with regard to the process: no globals, no locks, any thread, as long as
+ * no other thread writes the same object. They work on every form of an object (zan_table_base.h),
+ * and on keys as plain structures. Memory is plain malloc and free unless said otherwise.
  */
 #ifndef ZAN_TABLES_PRIVATE_H
 #define ZAN_TABLES_PRIVATE_H
 
 #include "zan_table_def.h"
 
-#define ZAN_PAD8(n) (((n) + 7u) & ~(size_t)7)
+#define ZAN_PAD8(n)       (((n) + 7u) & ~(size_t)7)
 /* The longest byte form of a key, over all tables; the generator checks it. */
 #define ZAN_KEY_BYTES_MAX 64u
 /* The largest key structure, over all tables; the generator checks it. */
-#define ZAN_KEY_SIZE_MAX 80u
+#define ZAN_KEY_SIZE_MAX  80u
 /* Members that one object may have. */
-#define ZAN_ELEMENTS_MAX 65536u
+#define ZAN_ELEMENTS_MAX  65536u
 
 ZAN_EXTERN_C_BEGIN
 
@@ -52,9 +52,7 @@ static inline void *zan_obj_key(const zan_table_def_t *def, const zan_table_base
 static inline uint32_t zan_obj_num_elements(const zan_table_def_t *def,
                                             const zan_table_base_st *obj)
 {
-    return def->num_elements_offset
-               ? *(uint32_t *)zan_obj_at(obj, def->num_elements_offset)
-               : 0;
+    return def->num_elements_offset ? *(uint32_t *)zan_obj_at(obj, def->num_elements_offset) : 0;
 }
 
 /* ---- References and attributes by index; `member` is 0 for what is not repeated ---- */
@@ -145,14 +143,15 @@ ZAN_EXPORT void zan_key_encode(const zan_table_def_t *def, const void *key, uint
 /* ---- Attributes of two objects of one table ---- */
 
 /* Copy attributes, references and unions with their is-set bytes, member count and dynamic part
- * included; `to` must have room for from's members. Not the key, not the header, not obj_ref_cnt. */
+ * included; `to` must have room for from's members. Not the key, not the header, not obj_ref_cnt.
+ */
 ZAN_EXPORT void zan_obj_copy_attrs(const zan_table_def_t *def, const zan_table_base_st *from,
                                    zan_table_base_st *to);
 
-/* Whether `obj` asks for another value than `db_obj` holds: an attribute, reference or union that is
- * set in `obj` differs, or the member counts do. What is not set in `obj` is no difference. `*index`,
- * if given, gets the number of the first difference: attributes first, then references, then
- * unions, counted from 0; member counts are -1. */
+/* Whether `obj` asks for another value than `db_obj` holds: an attribute, reference or union that
+ * is set in `obj` differs, or the member counts do. What is not set in `obj` is no difference.
+ * `*index`, if given, gets the number of the first difference: attributes first, then references,
+ * then unions, counted from 0; member counts are -1. */
 ZAN_EXPORT bool zan_obj_attrs_differ(const zan_table_def_t *def, const zan_table_base_st *obj,
                                      const zan_table_base_st *db_obj, int32_t *index);
 
@@ -195,7 +194,8 @@ ZAN_EXPORT size_t zan_key_print(const zan_table_def_t *def, const void *key, cha
 ZAN_EXPORT size_t zan_obj_print(const zan_table_def_t *def, const zan_table_base_st *obj, char *out,
                                 size_t size);
 /* The same as a JSON object: {"table":"iproute","key":{...},"attributes":{...},...}. Numbers are
- * JSON numbers, everything else a string; repeated values are arrays with null for what is unset. */
+ * JSON numbers, everything else a string; repeated values are arrays with null for what is unset.
+ */
 ZAN_EXPORT size_t zan_obj_print_json(const zan_table_def_t *def, const zan_table_base_st *obj,
                                      char *out, size_t size);
 

@@ -13,21 +13,22 @@
 
 #ifdef __cplusplus
 #define ZAN_EXTERN_C_BEGIN extern "C" {
-#define ZAN_EXTERN_C_END }
-#define ZAN_STATIC_ASSERT static_assert
+#define ZAN_EXTERN_C_END   }
+#define ZAN_STATIC_ASSERT  static_assert
 #else
 #define ZAN_EXTERN_C_BEGIN
 #define ZAN_EXTERN_C_END
 #define ZAN_STATIC_ASSERT _Static_assert
 #endif
 
-#define ZAN_EXPORT __attribute__((visibility("default")))
-#define ZAN_WEAK __attribute__((weak))
-#define ZAN_LIKELY(x) __builtin_expect(!!(x), 1)
+#define ZAN_EXPORT      __attribute__((visibility("default")))
+#define ZAN_HIDDEN      __attribute__((visibility("hidden")))
+#define ZAN_WEAK        __attribute__((weak))
+#define ZAN_LIKELY(x)   __builtin_expect(!!(x), 1)
 #define ZAN_UNLIKELY(x) __builtin_expect(!!(x), 0)
 
-#define ZAN_NUM_TABLES 361
-#define ZAN_MAX_NPUS 8
+#define ZAN_NUM_TABLES        361
+#define ZAN_MAX_NPUS          8
 /* Width of every bitmap of table ids: the next multiple of 64 above the number of tables. */
 #define ZAN_TABLE_BITMAP_BITS 384
 

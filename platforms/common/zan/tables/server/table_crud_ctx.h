@@ -13,6 +13,7 @@
 #include "table_database.h"
 #include "table_properties.h"
 #include "trace_messages.h"
+#include "zan_db.h"
 #include "zan_tables_private.h"
 
 /* A table's database context: its type, and scratch that every entry clears before it touches the
@@ -44,10 +45,11 @@ typedef struct zan_table_crud_ctx_t {
     zan_table_response_st *response;
     uint32_t *new_to_old_map; /* borrowed; scratch of an update, null elsewhere */
     uint32_t trans_id;
-    zan_bool_t *obj_owned_by_dispatcher; /* a local of the entry; 0 once the NPU side owns the copies */
-    zan_table_base_st *new_obj;          /* heap copy of the new state, for the hardware */
-    zan_table_base_st *old_obj;          /* heap copy of the old state, on an update */
-    zan_table_base_st *obj;              /* the request, heap form */
+    zan_bool_t
+        *obj_owned_by_dispatcher; /* a local of the entry; 0 once the NPU side owns the copies */
+    zan_table_base_st *new_obj;   /* heap copy of the new state, for the hardware */
+    zan_table_base_st *old_obj;   /* heap copy of the old state, on an update */
+    zan_table_base_st *obj;       /* the request, heap form */
     zan_table_base_st *db_obj;
     kor_dpd_event_ctx_t *walk_ctx;
     zan_delta_lists_t *delta_lists; /* for the length of an update's hardware step */
@@ -83,16 +85,6 @@ static inline zan_table_state_t *zan_table_state(const zan_table_def_t *def)
 {
     return &zan_table_states[def->id];
 }
-
-/* ---- Assertions: a broken invariant ends the process, naming the text ---- */
-
-[[noreturn]] void zan_assert_failed(const char *text, const char *function, const char *file,
-                                    int line);
-#define ZAN_ASSERT(condition, text)                                                                \
-    do {                                                                                           \
-        if (ZAN_UNLIKELY(!(condition)))                                                            \
-            zan_assert_failed((text), __func__, __FILE__, __LINE__);                               \
-    } while (0)
 
 /* ---- Counters ---- */
 
@@ -201,19 +193,14 @@ kor_npu_mask_t zan_prep_srv_ctx_get_mask(const zan_global_ctx_st *ctx,
 /* npu_mask of a request: the node's in a table without masks of its own, else what it asks for. */
 void zan_obj_base_take_npu_mask(const zan_table_def_t *def, zan_table_base_st *obj);
 
-static inline bool zan_obj_base_is_delay_delete(const zan_table_base_st *db_obj)
-{
-    return (db_obj->dpd.del_flag & ZAN_DEL_FLAG_DELAY_DELETE) != 0;
-}
-
-/* Assert what must hold of every object taken from the database, and of every request. */
-void sanity_check_db_obj_base(const zan_table_base_st *db_obj_base, uint32_t table_id);
+/* Assert what must hold of every request. */
 void sanitize_input_obj(const zan_table_def_t *def, const zan_table_base_st *obj,
                         zan_table_operation_et operation);
 
 /* ---- The three forms ---- */
 
-/* Heap form of a serialized object; the caller frees it by the slot copy_dtor. Null without memory. */
+/* Heap form of a serialized object; the caller frees it by the slot copy_dtor. Null without memory.
+ */
 zan_table_base_st *zan_copy_ctor_from_serialized(const zan_table_base_st *wire);
 zan_table_base_st *copy_ctor_for_create_to_update(zan_table_base_st *req,
                                                   const zan_table_base_st *db_obj);
@@ -253,8 +240,8 @@ zan_db_del_ctx_t kor_db_delete(const zan_table_def_t *def, zan_table_base_st *db
 bool kor_ref_adjust(const zan_table_def_t *def, zan_table_base_st *db_obj, bool up);
 uint32_t *kor_obj_ref_cnt(const zan_table_def_t *def, zan_table_base_st *obj);
 void zan_obj_base_free_rdesc_on_npd_fail(zan_table_crud_ctx_t *crud, zan_table_base_st *new_obj);
-void zan_server_print_key(const zan_table_def_t *def, zan_table_msg_et message,
-                          const void *key, uint32_t trans_id, uint32_t printing_table);
+void zan_server_print_key(const zan_table_def_t *def, zan_table_msg_et message, const void *key,
+                          uint32_t trans_id, uint32_t printing_table);
 
 /* ---- Return codes ---- */
 

@@ -10,8 +10,8 @@
 #include "zan_accessors.h"
 
 #define ZAN_ENTRY(result) extern "C" ZAN_EXPORT result
-#define ZAN_DEF(U) (zan_table_defs[U##_TABLE_ID])
-#define ZAN_BASE(object) ((zan_table_base_st *)(object))
+#define ZAN_DEF(U)        (zan_table_defs[U##_TABLE_ID])
+#define ZAN_BASE(object)  ((zan_table_base_st *)(object))
 
 #define ZAN_TABLE_READ(T, U, read)                                                                 \
     ZAN_ENTRY(zan_rcode)                                                                           \
@@ -63,7 +63,8 @@
         zan_server_api_release_id(ZAN_DEF(U), ZAN_BASE(obj), response);                            \
     }                                                                                              \
     ZAN_ENTRY(void)                                                                                \
-    zan_server_api_##T##_update_release_id(zan_##T##_obj_st *new_or_old, zan_##T##_obj_st *old_obj, \
+    zan_server_api_##T##_update_release_id(zan_##T##_obj_st *new_or_old,                           \
+                                           zan_##T##_obj_st *old_obj,                              \
                                            zan_##T##_response_obj_st *response)                    \
     {                                                                                              \
         zan_server_api_update_release_id(ZAN_DEF(U), ZAN_BASE(new_or_old), ZAN_BASE(old_obj),      \
@@ -166,8 +167,9 @@
     {                                                                                              \
         zan_server_print_key_from_base_obj(obj, is_old);                                           \
     }                                                                                              \
-    ZAN_ENTRY(void) zan_##T##_obj_printer_print_key_with_enum(const void *key, uint32_t trans_id,  \
-                                                              uint32_t message)                    \
+    ZAN_ENTRY(void)                                                                                \
+    zan_##T##_obj_printer_print_key_with_enum(const void *key, uint32_t trans_id,                  \
+                                              uint32_t message)                                    \
     {                                                                                              \
         zan_server_print_key(ZAN_DEF(U), (zan_table_msg_et)message, key, trans_id, U##_TABLE_ID);  \
     }                                                                                              \
@@ -292,7 +294,9 @@
     {(id), #U "_" #name, (mask), 0, nullptr, {__VA_ARGS__}, (child_count), (color), (post_proc)},
 #define ZAN_TABLE_EVENTS_END(T)                                                                    \
     }                                                                                              \
-    ;
+    ;                                                                                              \
+    extern "C" ZAN_HIDDEN zan_event_record_t *const zan_events_of_##T;                             \
+    zan_event_record_t *const zan_events_of_##T = T##_events;
 
 #define ZAN_TABLE_STATS_BEGIN(T)                                                                   \
     extern "C" ZAN_EXPORT zan_event_stat_t T##_npi_evt_stats[];                                    \
@@ -300,7 +304,9 @@
 #define ZAN_TABLE_STAT(event_id, source, name) {(event_id), (source), name, 0},
 #define ZAN_TABLE_STATS_END(T)                                                                     \
     }                                                                                              \
-    ;
+    ;                                                                                              \
+    extern "C" ZAN_HIDDEN zan_event_stat_t *const zan_evt_stats_of_##T;                            \
+    zan_event_stat_t *const zan_evt_stats_of_##T = T##_npi_evt_stats;
 #define ZAN_TABLE_NO_STATS(T)
 /* The counters of the repeated-attribute delta and its accessors come with the update flow. */
 #define ZAN_TABLE_REPEATED_DELTA(T)

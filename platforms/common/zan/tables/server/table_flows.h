@@ -1,8 +1,9 @@
-/* The flows, each written once for all tables: the exported per-table names hand their definition in.
+/* The flows, each written once for all tables: the exported per-table names hand their definition
+ * in.
  *
- * All of them run on the dispatcher thread, or on the FRR thread while it holds the dispatcher, with
- * the programming lock held, unless said otherwise. A request is a heap form and stays the caller's;
- * the result of an operation stands in err_code of the response slot.
+ * All of them run on the dispatcher thread, or on the FRR thread while it holds the dispatcher,
+ * with the programming lock held, unless said otherwise. A request is a heap form and stays the
+ * caller's; the result of an operation stands in err_code of the response slot.
  */
 #ifndef ZAN_TABLE_FLOWS_H
 #define ZAN_TABLE_FLOWS_H
@@ -79,8 +80,7 @@ zan_rcode zan_server_api_reserve_id(const zan_table_def_t *def, zan_table_crud_c
 void zan_server_api_release_id(const zan_table_def_t *def, zan_table_base_st *obj,
                                zan_table_response_st *response);
 void zan_server_api_update_release_id(const zan_table_def_t *def, zan_table_base_st *new_or_old,
-                                      zan_table_base_st *old_obj,
-                                      zan_table_response_st *response);
+                                      zan_table_base_st *old_obj, zan_table_response_st *response);
 /* The one place where a create, update or delete reaches hardware. */
 zan_rcode kor_server_program_hw(const zan_table_def_t *def, zan_table_base_st *new_obj,
                                 zan_table_base_st *old_obj, zan_table_crud_ctx_t *crud);

@@ -1,9 +1,9 @@
 /* The hooks of a table, as weak addresses.
  *
- * For a platform writer: define any srv_<table>_<hook> with C linkage in the platform library, which
- * is loaded before the server; the signatures are the slots of srv_zan_table_props_t. Absent hooks
- * are normal. The generator emits one ZAN_TABLE_HOOKS line for each table, and the others where the
- * table's definition has the option.
+ * For a platform writer: define any srv_<table>_<hook> with C linkage in the platform library,
+ * which is loaded before the server; the signatures are the slots of srv_zan_table_props_t. Absent
+ * hooks are normal. The generator emits one ZAN_TABLE_HOOKS line for each table, and the others
+ * where the table's definition has the option.
  */
 #ifndef ZAN_TABLE_HOOKS_H
 #define ZAN_TABLE_HOOKS_H
@@ -25,24 +25,28 @@ typedef struct zan_hook_pair_t {
 
 /* Every table; the order is that of ZAN_COMMON_HOOKS. */
 #define ZAN_HOOK_LIST(F, T)                                                                        \
-    F(T, create) F(T, update) F(T, delete) F(T, event) F(T, eod) F(T, get) F(T, get_first)         \
-    F(T, get_next) F(T, get_gt_eq) F(T, resolve) F(T, specific_init) F(T, specific_access_fn)      \
-    F(T, pre_create_rdesc) F(T, post_create_rdesc) F(T, pre_update_rdesc) F(T, post_update_rdesc)  \
-    F(T, pre_delete_rdesc) F(T, post_delete_rdesc) F(T, update_zan_db_stats_from_rdesc)            \
-    F(T, calculate_num_paths) F(T, update_rdesc_from_hw) F(T, fill_default_async_notif_cb)         \
-    F(T, fill_sdk_show_buffer) F(T, sync_error_handling) F(T, async_bwalk_error_handling)          \
-    F(T, color_using_fwalk) F(T, async_batch_end_npu_cb) F(T, delete_independent_hw_resource)
+    F(T, create)                                                                                   \
+    F(T, update) F(T, delete) F(T, event) F(T, eod) F(T, get) F(T, get_first) F(T, get_next)       \
+        F(T, get_gt_eq) F(T, resolve) F(T, specific_init) F(T, specific_access_fn)                 \
+            F(T, pre_create_rdesc) F(T, post_create_rdesc) F(T, pre_update_rdesc)                  \
+                F(T, post_update_rdesc) F(T, pre_delete_rdesc) F(T, post_delete_rdesc)             \
+                    F(T, update_zan_db_stats_from_rdesc) F(T, calculate_num_paths)                 \
+                        F(T, update_rdesc_from_hw) F(T, fill_default_async_notif_cb)               \
+                            F(T, fill_sdk_show_buffer) F(T, sync_error_handling)                   \
+                                F(T, async_bwalk_error_handling) F(T, color_using_fwalk)           \
+                                    F(T, async_batch_end_npu_cb)                                   \
+                                        F(T, delete_independent_hw_resource)
 #define ZAN_HOOK_LIST_IDENTIFIERS(F, T)                                                            \
     F(T, reserve_id) F(T, update_reserve_id) F(T, update_release_id) F(T, release_id)
 #define ZAN_HOOK_LIST_POST_ACTIONS(F, T)                                                           \
     F(T, post_create_action) F(T, post_update_action) F(T, post_delete_action)
-#define ZAN_HOOK_LIST_ASYNC_Q_ERR(F, T) F(T, internal_async_q_err)
-#define ZAN_HOOK_LIST_REPEATED(F, T) F(T, update_deprecated) F(T, compare_dynamic_struct_deprecated)
+#define ZAN_HOOK_LIST_ASYNC_Q_ERR(F, T)   F(T, internal_async_q_err)
+#define ZAN_HOOK_LIST_REPEATED(F, T)      F(T, update_deprecated) F(T, compare_dynamic_struct_deprecated)
 #define ZAN_HOOK_LIST_DELETE_ACTION(F, T) F(T, delete_action_select)
 
 #define ZAN_TABLE_HOOK_ARRAY(T, array, LIST)                                                       \
     LIST(ZAN_HOOK_DECLARE, T)                                                                      \
-    extern "C" const zan_hook_pair_t zan_hooks_##array##_##T[];                                    \
+    extern "C" ZAN_HIDDEN const zan_hook_pair_t zan_hooks_##array##_##T[];                                    \
     const zan_hook_pair_t zan_hooks_##array##_##T[] = {LIST(ZAN_HOOK_PAIR, T)};
 
 #define ZAN_TABLE_HOOKS(T) ZAN_TABLE_HOOK_ARRAY(T, common, ZAN_HOOK_LIST)

@@ -1,7 +1,7 @@
 /* What exists once per table as a symbol of its own, in one array over all tables.
  *
- * The generator emits ZAN_TABLE_LIST_BEGIN, ZAN_TABLE_LIST_ENTRY(id, table) in order of the ids, and
- * ZAN_TABLE_LIST_END; symbols that only some tables have are looked at weakly.
+ * The generator emits ZAN_TABLE_LIST_BEGIN, ZAN_TABLE_LIST_ENTRY(id, table) in order of the ids,
+ * and ZAN_TABLE_LIST_END; symbols that only some tables have are looked at weakly.
  */
 #ifndef ZAN_TABLE_LISTS_H
 #define ZAN_TABLE_LISTS_H
@@ -14,7 +14,7 @@ typedef struct zan_table_entry_t {
     void (*init_once)(void);  /* pthread_once routine: kor_core_<table>_init */
     void (*stats_once)(void); /* pthread_once routine: zan_<table>_register_periodic_stats_done */
     zan_rcode (*stats_walk)(void);
-    zan_event_record_t *events; /* null in tables without events */
+    zan_event_record_t *events;  /* null in tables without events */
     zan_event_stat_t *evt_stats; /* null in tables without subscriptions */
     const zan_hook_pair_t *hooks_common;
     const zan_hook_pair_t *hooks_identifiers;
@@ -29,28 +29,32 @@ ZAN_EXTERN_C_BEGIN
 const zan_table_entry_t *zan_table_entry_get(uint32_t table_id);
 ZAN_EXTERN_C_END
 
-#define ZAN_TABLE_LIST_BEGIN                                                                       \
-    template <uint32_t Id> zan_table_entry_t zan_table_entry_of();
+#define ZAN_TABLE_LIST_BEGIN template <uint32_t Id> zan_table_entry_t zan_table_entry_of();
 
 #define ZAN_TABLE_LIST_ENTRY(id, T)                                                                \
     extern "C" void zan_once_init_##T(void);                                                       \
     extern "C" void zan_once_stats_##T(void);                                                      \
     extern "C" zan_rcode zan_stats_walk_##T(void);                                                 \
-    extern "C" ZAN_WEAK zan_event_record_t T##_events[];                                           \
-    extern "C" ZAN_WEAK zan_event_stat_t T##_npi_evt_stats[];                                      \
-    extern "C" const zan_hook_pair_t zan_hooks_common_##T[];                                       \
-    extern "C" ZAN_WEAK const zan_hook_pair_t zan_hooks_identifiers_##T[];                         \
-    extern "C" ZAN_WEAK const zan_hook_pair_t zan_hooks_post_actions_##T[];                        \
-    extern "C" ZAN_WEAK const zan_hook_pair_t zan_hooks_async_q_err_##T[];                         \
-    extern "C" ZAN_WEAK const zan_hook_pair_t zan_hooks_repeated_##T[];                            \
-    extern "C" ZAN_WEAK const zan_hook_pair_t zan_hooks_delete_action_##T[];                       \
+    extern "C" ZAN_WEAK ZAN_HIDDEN zan_event_record_t *const zan_events_of_##T;                    \
+    extern "C" ZAN_WEAK ZAN_HIDDEN zan_event_stat_t *const zan_evt_stats_of_##T;                   \
+    extern "C" ZAN_HIDDEN const zan_hook_pair_t zan_hooks_common_##T[];                            \
+    extern "C" ZAN_WEAK ZAN_HIDDEN const zan_hook_pair_t zan_hooks_identifiers_##T[];              \
+    extern "C" ZAN_WEAK ZAN_HIDDEN const zan_hook_pair_t zan_hooks_post_actions_##T[];             \
+    extern "C" ZAN_WEAK ZAN_HIDDEN const zan_hook_pair_t zan_hooks_async_q_err_##T[];              \
+    extern "C" ZAN_WEAK ZAN_HIDDEN const zan_hook_pair_t zan_hooks_repeated_##T[];                 \
+    extern "C" ZAN_WEAK ZAN_HIDDEN const zan_hook_pair_t zan_hooks_delete_action_##T[];            \
     template <> zan_table_entry_t zan_table_entry_of<id>()                                         \
     {                                                                                              \
-        return {zan_once_init_##T,          zan_once_stats_##T,                                    \
-                zan_stats_walk_##T,         T##_events,                                            \
-                T##_npi_evt_stats,          zan_hooks_common_##T,                                  \
-                zan_hooks_identifiers_##T,  zan_hooks_post_actions_##T,                            \
-                zan_hooks_async_q_err_##T,  zan_hooks_repeated_##T,                                \
+        return {zan_once_init_##T,                                                                 \
+                zan_once_stats_##T,                                                                \
+                zan_stats_walk_##T,                                                                \
+                &zan_events_of_##T ? zan_events_of_##T : nullptr,                                  \
+                &zan_evt_stats_of_##T ? zan_evt_stats_of_##T : nullptr,                            \
+                zan_hooks_common_##T,                                                              \
+                zan_hooks_identifiers_##T,                                                         \
+                zan_hooks_post_actions_##T,                                                        \
+                zan_hooks_async_q_err_##T,                                                         \
+                zan_hooks_repeated_##T,                                                            \
                 zan_hooks_delete_action_##T};                                                      \
     }
 

@@ -40,7 +40,7 @@
     X(INIT_BIND_FAILED, "no global context: rc %x, context %x")                                    \
     X(INIT_NULL_ARCH_CBS, "%s")                                                                    \
     X(STATS_REGISTERED, "%s")                                                                      \
-    X(STATS_WALKED, "statistics walk: %u s, %u ns, %u objects")                                     \
+    X(STATS_WALKED, "statistics walk: %u s, %u ns, %u objects")                                    \
     X(EVENT_HOOK_ABSENT, "event without a hook: walk %x, obj %x")                                  \
     X(GET_DB_OBJ_MISS, "no stored object of that identity: trans %u, obj_id %u")                   \
     X(FINAL_RC, "failed: trans %u, rdesc %x, err %x, post %x, hw %x, result %x")                   \
@@ -92,13 +92,13 @@
     X(READ_SHOW_DONE, "show buffer: %u bytes, trans %u")                                           \
     X(READ_NO_PAYLOAD, "text asked without room for it: trans %u")                                 \
     X(READ_TEXT_FAILED, "object text failed: rc %x, trans %u")                                     \
-    X(INFLIGHT_WAITED, "write in flight: operation %u, obj_id %u, %u, %u turns, %u s, %u us")        \
+    X(INFLIGHT_WAITED, "write in flight: operation %u, obj_id %u, %u, %u turns, %u s, %u us")      \
     X(NPD_DELAY_DELETE, "postponed delete failed: rc %x")                                          \
-    X(EOD_DONE, "end of download: trans %u, npu %u, rc %x")                                         \
+    X(EOD_DONE, "end of download: trans %u, npu %u, rc %x")                                        \
     X(EVENT_CHAIN, "%s reaches %s")
 
-#define ZAN_MSG_COMMON_BASE 0x18000u
-#define ZAN_MSG_TABLE_BASE 0x20000u
+#define ZAN_MSG_COMMON_BASE  0x18000u
+#define ZAN_MSG_TABLE_BASE   0x20000u
 #define ZAN_MSG_TABLE_STRIDE 0x80u
 
 typedef enum zan_msg_et {
@@ -113,7 +113,7 @@ typedef enum zan_table_msg_et {
 #define ZAN_MSG_ENUM(name, text) ZAN_TMSG_##name,
     ZAN_TABLE_MESSAGES(ZAN_MSG_ENUM)
 #undef ZAN_MSG_ENUM
-        ZAN_TMSG_COUNT
+    ZAN_TMSG_COUNT
 } zan_table_msg_et;
 
 ZAN_EXTERN_C_BEGIN
@@ -137,10 +137,7 @@ constexpr uint32_t zan_table_msg(uint32_t table_id, zan_table_msg_et index)
 
 template <class T> constexpr uint64_t zan_trace_arg(T value)
 {
-    if constexpr (__is_enum(T))
-        return (uint64_t)value;
-    else
-        return (uint64_t)value;
+    return (uint64_t)value;
 }
 template <class T> inline uint64_t zan_trace_arg(T *value)
 {

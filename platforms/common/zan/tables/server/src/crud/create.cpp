@@ -42,8 +42,8 @@ bool fail(create_op_t *op, zan_rcode rc)
 }
 
 #define CREATE_TRACE(op, level, message, ...)                                                      \
-    ZAN_TRACE_TABLE(zan_slt_crud_ctx(&(op)->crud, ZAN_TRACE_LEVEL_##level), (op)->def->id, message, \
-                    __VA_ARGS__)
+    ZAN_TRACE_TABLE(zan_slt_crud_ctx(&(op)->crud, ZAN_TRACE_LEVEL_##level), (op)->def->id,         \
+                    message, __VA_ARGS__)
 
 /* ---- Entry ---- */
 
@@ -186,8 +186,7 @@ void create_on_stored(create_op_t *op)
     if (kind != ZAN_WRITE_KIND_REPLACE)
         create_count_reference(op);
     int32_t attr_idx = -1;
-    const bool differs =
-        op->crud.props->is_attrib_changed(op->obj, db_obj, nullptr, &attr_idx);
+    const bool differs = op->crud.props->is_attrib_changed(op->obj, db_obj, nullptr, &attr_idx);
     CREATE_TRACE(op, EVENT, CREATE_EXISTING, db_obj, op->crud.trans_id, kind, attr_idx);
     if (kind == ZAN_WRITE_KIND_STRICT) {
         zan_counter_raise(def->id,
@@ -237,8 +236,8 @@ bool create_allocate(create_op_t *op)
 {
     const srv_zan_table_props_t *props = op->crud.props;
     zan_resource_info_t *info = &zan_table_state(op->def)->info;
-    op->block = (zan_table_base_st *)zan_shm_table_pool_calloc(
-        op->def->id, props->private_size + props->obj_size);
+    op->block = (zan_table_base_st *)zan_shm_table_pool_calloc(op->def->id, props->private_size +
+                                                                                props->obj_size);
     if (props->private_size != 0 && op->block)
         props->set_npd_exists(op->block, true);
     zan_fill_pre_alloc_dbobj_basic_info(op->obj, op->block);
@@ -304,8 +303,7 @@ void create_write_block(create_op_t *op, zan_table_base_st *src)
         block->inflight = 0;
     block->flag &= ~(uint32_t)(ZAN_FLAG_IS_ASYNC_WRITE | ZAN_FLAG_IS_ASYNC_DISPATCH);
     zan_obj_base_reset_transient_flags(block);
-    block->flag =
-        (block->flag & ~(uint32_t)ZAN_FLAG_CARRY_HI) | (src->flag & ZAN_FLAG_CARRY_HI);
+    block->flag = (block->flag & ~(uint32_t)ZAN_FLAG_CARRY_HI) | (src->flag & ZAN_FLAG_CARRY_HI);
     block->hw_state = 3;
     if (!is_async(op)) {
         *zan_obj_npu_mask_req_set(def, block) = *zan_obj_npu_mask_req_set(def, src);
@@ -370,13 +368,11 @@ bool create_store(create_op_t *op)
     kor_count_objects(def, op->obj->npu_mask, 1);
     if (def->obj_ref_cnt_offset)
         *kor_obj_ref_cnt(def, op->obj) = 1;
-    ZAN_TRACE(zan_history_class(def, false), HISTORY_CREATE, def->id, op->block,
-              op->crud.trans_id);
+    ZAN_TRACE(zan_history_class(def, false), HISTORY_CREATE, def->id, op->block, op->crud.trans_id);
     zan_table_base_st *src = is_async(op) ? op->obj : op->crud.new_obj;
     if (def->obj_ref_cnt_offset && src != op->obj)
         *kor_obj_ref_cnt(def, src) = 1;
-    const bool lock =
-        def->db_lock == ZAN_DB_LOCK_DB || def->db_lock == ZAN_DB_LOCK_BOTH;
+    const bool lock = def->db_lock == ZAN_DB_LOCK_DB || def->db_lock == ZAN_DB_LOCK_BOTH;
     if (lock)
         kor_db_lock();
     create_write_block(op, src);
@@ -473,8 +469,7 @@ zan_rcode create_leave(create_op_t *op)
 {
     zan_table_crud_ctx_t *crud = &op->crud;
     zan_table_response_st *response = op->response;
-    const zan_rcode rc =
-        kor_reconcile_response(op->def, crud->db_obj, op->obj, !op->stored);
+    const zan_rcode rc = kor_reconcile_response(op->def, crud->db_obj, op->obj, !op->stored);
     if (rc != EOK)
         response->err_code = rc;
     crud->props->copy_dtor(op->create_to_update_copy);

@@ -3,10 +3,10 @@
 
 zan_rcode kor_pick_final_rc(zan_table_crud_ctx_t *crud, zan_rcode post_rc, zan_rcode err_code)
 {
-    const zan_rcode rc = err_code        ? err_code
-                         : post_rc       ? post_rc
-                         : crud->hw_rc   ? crud->hw_rc
-                                         : crud->bwalk_rc;
+    const zan_rcode rc = err_code      ? err_code
+                         : post_rc     ? post_rc
+                         : crud->hw_rc ? crud->hw_rc
+                                       : crud->bwalk_rc;
     if (rc != 0) {
         const zan_trace_class_t c = zan_slt_crud_ctx(crud, ZAN_TRACE_LEVEL_ERROR);
         const uint32_t table_id = crud->props->def->id;
@@ -30,9 +30,8 @@ zan_rcode kor_reconcile_response(const zan_table_def_t *def, zan_table_base_st *
         obj->table_operation = operation;
     }
     if (db_obj->table_operation != obj->table_operation)
-        ZAN_TRACE_TABLE(zan_slt_obj_base(obj, ZAN_TRACE_LEVEL_VERBOSE), def->id,
-                        OPERATION_DIFFERS, db_obj->table_operation, obj->table_operation,
-                        obj->base_trans_id, db_obj);
+        ZAN_TRACE_TABLE(zan_slt_obj_base(obj, ZAN_TRACE_LEVEL_VERBOSE), def->id, OPERATION_DIFFERS,
+                        db_obj->table_operation, obj->table_operation, obj->base_trans_id, db_obj);
     return rc;
 }
 
@@ -96,8 +95,8 @@ zan_db_del_ctx_t kor_db_delete(const zan_table_def_t *def, zan_table_base_st *db
     return ctx;
 }
 
-/* A table without a post_create_rdesc of its own still gives the descriptor of a failed create back,
- * by its delete hook. */
+/* A table without a post_create_rdesc of its own still gives the descriptor of a failed create
+ * back, by its delete hook. */
 void zan_obj_base_free_rdesc_on_npd_fail(zan_table_crud_ctx_t *crud, zan_table_base_st *new_obj)
 {
     if (crud->hw_rc == 0 || !new_obj || crud->db_written)

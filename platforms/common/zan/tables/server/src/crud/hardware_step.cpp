@@ -1,8 +1,8 @@
 /* The hardware step: the one place where an operation reaches hardware.
  *
- * Four forms. Two hand the work to the NPU threads by a broadcast: asynchronously, or waiting for all
- * of them. Two call the platform's hook on this thread, with the NPU queues stopped: once for each
- * NPU of the node, or once for the object, whose mask says which NPUs.
+ * Four forms. Two hand the work to the NPU threads by a broadcast: asynchronously, or waiting for
+ * all of them. Two call the platform's hook on this thread, with the NPU queues stopped: once for
+ * each NPU of the node, or once for the object, whose mask says which NPUs.
  *
  * The result decides between commit and roll-back. A result of 0 with hw_rc set means that the
  * hardware failed and the table keeps the object all the same.
@@ -135,9 +135,8 @@ void direct_mask_create(hw_op_t *op)
     }
     timespec taken;
     const zan_rcode raw = timed(&taken, [&] { return props->create(op->new_obj); });
-    table_dispatch_npu_perf_update_with_mask(op->def->id, &taken,
-                                             *zan_obj_npu_mask_req(op->def, op->new_obj),
-                                             op->ctx->num_npus);
+    table_dispatch_npu_perf_update_with_mask(
+        op->def->id, &taken, *zan_obj_npu_mask_req(op->def, op->new_obj), op->ctx->num_npus);
     if (raw != EOK) {
         op->crud->hw_rc = raw;
         kor_server_api_increment_hw_err_counters(op->def, ZAN_HW_ERR_CREATE, 0, raw);

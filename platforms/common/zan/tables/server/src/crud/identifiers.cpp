@@ -1,9 +1,9 @@
 /* Resource identifiers: reserved before an object is written, given back when it goes.
  *
- * The allocator is the platform's, behind the four identifier hooks. A table of the per-NPU kind has
- * one call for each NPU under the fec id lock, any other one call for the object, with -1 for the
- * NPU and no lock. A failed reserve releases nothing: the release hook is for objects that reached
- * the hardware step.
+ * The allocator is the platform's, behind the four identifier hooks. A table of the per-NPU kind
+ * has one call for each NPU under the fec id lock, any other one call for the object, with -1 for
+ * the NPU and no lock. A failed reserve releases nothing: the release hook is for objects that
+ * reached the hardware step.
  */
 #include "table_server_api_common.h"
 
@@ -109,14 +109,12 @@ void zan_server_api_release_id(const zan_table_def_t *def, zan_table_base_st *ob
 }
 
 void zan_server_api_update_release_id(const zan_table_def_t *def, zan_table_base_st *new_or_old,
-                                      zan_table_base_st *old_obj,
-                                      zan_table_response_st *response)
+                                      zan_table_base_st *old_obj, zan_table_response_st *response)
 {
     zan_resource_info_t *info = &zan_table_state(def)->info;
     if (!def->identifiers)
         return;
     const srv_zan_table_props_t *props = zan_table_state(def)->props;
-    release(def, new_or_old, response, &info->update_id_fail_cnt, [&](int32_t npu) {
-        return props->update_release_id(npu, new_or_old, old_obj);
-    });
+    release(def, new_or_old, response, &info->update_id_fail_cnt,
+            [&](int32_t npu) { return props->update_release_id(npu, new_or_old, old_obj); });
 }

@@ -39,8 +39,7 @@ bool zan_obj_has_recovered_err(const zan_table_base_st *new_obj, const zan_table
     return new_obj && db_obj && new_obj->rc_stamp == 0 && db_obj->rc_stamp != 0;
 }
 
-kor_npu_mask_t zan_prep_srv_ctx_get_mask(const zan_global_ctx_st *ctx,
-                                         const zan_table_base_st *obj)
+kor_npu_mask_t zan_prep_srv_ctx_get_mask(const zan_global_ctx_st *ctx, const zan_table_base_st *obj)
 {
     return ctx->per_object_npu_mask ? ctx->npu_mask_all & obj->npu_mask : ctx->npu_mask_all;
 }
@@ -51,17 +50,8 @@ void zan_obj_base_take_npu_mask(const zan_table_def_t *def, zan_table_base_st *o
         const zan_global_ctx_st *ctx = zan_get_global_ctx();
         obj->npu_mask = ctx ? ctx->npu_mask_all : 0;
     } else {
-        obj->npu_mask =
-            *zan_obj_npu_mask_req_set(def, obj) ? *zan_obj_npu_mask_req(def, obj) : 0;
+        obj->npu_mask = *zan_obj_npu_mask_req_set(def, obj) ? *zan_obj_npu_mask_req(def, obj) : 0;
     }
-}
-
-void sanity_check_db_obj_base(const zan_table_base_st *db_obj_base, uint32_t table_id)
-{
-    ZAN_ASSERT(db_obj_base->total_obj_size != 0, "db_obj_base->total_obj_size != 0");
-    ZAN_ASSERT(db_obj_base->key_len != 0 || db_obj_base->obj_handle,
-               "db_obj_base->key_len != 0 || db_obj_base->obj_handle");
-    ZAN_ASSERT(db_obj_base->table_id == table_id, "db_obj_base->table_id == table_id");
 }
 
 void sanitize_input_obj(const zan_table_def_t *def, const zan_table_base_st *obj,

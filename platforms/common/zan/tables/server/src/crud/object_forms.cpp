@@ -1,15 +1,18 @@
 /* The three forms of an object in the server: from the wire to the heap, from the heap to the
  * database, and back into a request.
  *
- * Heap forms come from the object memory (zan_heap_alloc) and go back to it on the dispatcher or FRR
- * thread. Database forms come from the table's pool; their dynamic part is shared memory of its own.
+ * Heap forms come from the object memory (zan_heap_alloc) and go back to it on the dispatcher or
+ * FRR thread. Database forms come from the table's pool; their dynamic part is shared memory of its
+ * own.
  */
 #include "table_server_api_common.h"
 
 #include <cstring>
 
 /* Byte of `reserved` that marks an object with a platform-private area. */
-enum { NPD_EXISTS_BYTE = 0 };
+enum {
+    NPD_EXISTS_BYTE = 0
+};
 
 /* What a stored object does not keep of a request's flags. */
 constexpr uint32_t request_only_flags = ZAN_FLAG_RETRY_MODE | ZAN_FLAG_USE_ASYNC_BARRIER |
@@ -72,8 +75,8 @@ zan_table_base_st *copy_ctor_for_create_to_update(zan_table_base_st *req,
 {
     if (!db_obj)
         return nullptr;
-    const bool converts = req->write_kind == ZAN_WRITE_KIND_REPLACE ||
-                          req->write_kind == ZAN_WRITE_KIND_REPLACE_REF;
+    const bool converts =
+        req->write_kind == ZAN_WRITE_KIND_REPLACE || req->write_kind == ZAN_WRITE_KIND_REPLACE_REF;
     if (!converts && !zan_obj_base_is_delay_delete(db_obj))
         return nullptr;
     return zan_srv_table_props_get(req->table_id)->copy_ctor(req);
@@ -140,8 +143,7 @@ void kor_write_dbobj(const zan_table_def_t *def, const zan_table_base_st *src,
     memcpy(zan_obj_key(def, db_obj), zan_obj_key(def, src), def->key_size);
     zan_obj_copy_attrs(def, src, db_obj);
     if (def->obj_ref_cnt_offset)
-        *kor_obj_ref_cnt(def, db_obj) =
-            *(uint32_t *)zan_obj_at(src, def->obj_ref_cnt_offset);
+        *kor_obj_ref_cnt(def, db_obj) = *(uint32_t *)zan_obj_at(src, def->obj_ref_cnt_offset);
     /* An asynchronous table has no step of its own for the object's mask, and its accounting reads
      * it from the stored object. */
     if (def->object_mask_async) {

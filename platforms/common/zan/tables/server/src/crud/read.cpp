@@ -1,8 +1,8 @@
 /* The read flow: get, get first, get next, get greater or equal.
  *
- * A read answers with the stored object, refreshed by the platform's hook on each NPU, in the request
- * itself, and on demand with text: the platform's show buffer, or the object rendered. Some options
- * stop the NPU queues first; they are let go again on every path past that point.
+ * A read answers with the stored object, refreshed by the platform's hook on each NPU, in the
+ * request itself, and on demand with text: the platform's show buffer, or the object rendered. Some
+ * options stop the NPU queues first; they are let go again on every path past that point.
  */
 #include "table_server_api_common.h"
 
@@ -23,8 +23,8 @@ struct read_op_t {
 };
 
 #define READ_TRACE(op, level, message, ...)                                                        \
-    ZAN_TRACE_TABLE(zan_slt_crud_ctx(&(op)->crud, ZAN_TRACE_LEVEL_##level), (op)->def->id, message, \
-                    __VA_ARGS__)
+    ZAN_TRACE_TABLE(zan_slt_crud_ctx(&(op)->crud, ZAN_TRACE_LEVEL_##level), (op)->def->id,         \
+                    message, __VA_ARGS__)
 
 zan_rcode fail(read_op_t *op, zan_rcode rc)
 {
@@ -92,8 +92,8 @@ bool read_search(read_op_t *op, zan_rcode *answer)
 void read_stop_queues(read_op_t *op)
 {
     if (zan_srv_base_is_set_getopt(op->obj, ZAN_GETOPT_STOP_QUEUES_MASK))
-        op->queues_stopped = zan_npu_bcast_dummy_wait(op->def, op->crud.trans_id,
-                                                      op->crud.retry_mode != 0) == 1;
+        op->queues_stopped =
+            zan_npu_bcast_dummy_wait(op->def, op->crud.trans_id, op->crud.retry_mode != 0) == 1;
 }
 
 zan_rcode read_stored(read_op_t *op)

@@ -1,4 +1,5 @@
-/* The context of an operation: its initialiser, the lazy start of its table, and the trace classes. */
+/* The context of an operation: its initialiser, the lazy start of its table, and the trace classes.
+ */
 #include "table_lists.h"
 #include "table_server_api_common.h"
 
@@ -53,7 +54,8 @@ void zan_server_table_stats_once(const zan_table_def_t *def)
 {
     if (!def->periodic_stats && def->num_adjacencies == 0)
         return;
-    int prc = pthread_once(&zan_table_state(def)->stats_once, zan_table_entry_get(def->id)->stats_once);
+    int prc =
+        pthread_once(&zan_table_state(def)->stats_once, zan_table_entry_get(def->id)->stats_once);
     ZAN_ASSERT(prc == EOK, "prc == EOK");
 }
 

@@ -1,8 +1,8 @@
 /* The batch dispatcher: the entry of the table server.
  *
- * It walks the objects of a batch in order, dispatches each, decides whether a failure stops the batch,
- * measures every object, runs the post-step behind it, and accounts the delay between client and
- * server. All of it happens on the calling thread, and nothing is kept between batches.
+ * It walks the objects of a batch in order, dispatches each, decides whether a failure stops the
+ * batch, measures every object, runs the post-step behind it, and accounts the delay between client
+ * and server. All of it happens on the calling thread, and nothing is kept between batches.
  *
  * A client must read the slots: the return value tells only how the last object went.
  */
@@ -179,8 +179,8 @@ void run_objects(batch_t *batch)
     } while (next);
 }
 
-/* The mean delay from the client's stamp to the entry, for each object once more. The iterator clears
- * the one slot of an asynchronous batch again: its client reads 0. */
+/* The mean delay from the client's stamp to the entry, for each object once more. The iterator
+ * clears the one slot of an asynchronous batch again: its client reads 0. */
 void account_delay(batch_t *batch, uint8_t *bytes, zan_table_response_st *resp)
 {
     const uint32_t num_objs = disp_msg_get_num_objs(&batch->msg);

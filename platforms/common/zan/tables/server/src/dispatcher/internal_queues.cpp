@@ -1,8 +1,8 @@
 /* The server's side of the internal queues, and the post-step behind every object of a batch.
  *
- * Work that cannot be done when it arises waits in a queue and is taken up by the dispatcher thread at
- * fixed points. Both ends of the post-step, and every two objects of a drain, are openings for the FRR
- * thread: it never waits longer than one object.
+ * Work that cannot be done when it arises waits in a queue and is taken up by the dispatcher thread
+ * at fixed points. Both ends of the post-step, and every two objects of a drain, are openings for
+ * the FRR thread: it never waits longer than one object.
  */
 #include "table_server_api_common.h"
 
@@ -71,8 +71,8 @@ void internal_async_queue_process(void)
     ZAN_TRACE(ZAN_CLASS_ZAN_QUEUE_EVENT__, QUEUE_DRAINED, count);
 }
 
-/* Deletes that waited for children. The queued object goes away in the middle, so the platform's step
- * gets a copy. */
+/* Deletes that waited for children. The queued object goes away in the middle, so the platform's
+ * step gets a copy. */
 static void drain_delay_deletes(void)
 {
     const zan_global_ctx_st *ctx = zan_get_global_ctx();
@@ -127,7 +127,7 @@ void zan_sync_allow_all_npu_queues(uint32_t table_id, uint32_t operation, uint32
 void kor_srv_npd_delay_delete(const zan_table_def_t *def, zan_table_base_st *obj, zan_rcode rc)
 {
     if (rc != EOK)
-        ZAN_TRACE_TABLE(zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_ERROR), def->id,
-                        NPD_DELAY_DELETE, rc);
+        ZAN_TRACE_TABLE(zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_ERROR), def->id, NPD_DELAY_DELETE,
+                        rc);
     zan_call_pd_handle_delayed_delete_rc(rc, obj);
 }

@@ -2,9 +2,9 @@
  * functions and, by the rule below, to hooks.
  *
  * A hook leads to srv_<table>_<hook> of the platform; else to srv_<table>_<hook>_infra_default of a
- * library; else to its family's fall-back, which for most returns 0. Both addresses are weak and are
- * looked up here, once. The few families that differ keep a wrapper each, which tells the table by the
- * object.
+ * library; else to its family's fall-back, which for most returns 0. Both addresses are weak and
+ * are looked up here, once. The few families that differ keep a wrapper each, which tells the table
+ * by the object.
  */
 #include "table_lists.h"
 #include "table_server_api_common.h"
@@ -100,7 +100,8 @@ zan_rcode release_id_wrapper(int32_t npu, zan_rcode rc, zan_table_base_st *obj)
 
 void internal_async_q_err_wrapper(zan_table_base_st *obj, zan_rcode rc)
 {
-    void (*hook)(void) = zan_srv_table_props_get(obj->table_id)->hook[ZAN_HOOK_internal_async_q_err];
+    void (*hook)(void) =
+        zan_srv_table_props_get(obj->table_id)->hook[ZAN_HOOK_internal_async_q_err];
     if (!hook) {
         ZAN_ASSERT(rc == EOK, "rc == EOK");
         return;

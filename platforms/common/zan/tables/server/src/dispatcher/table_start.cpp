@@ -40,8 +40,8 @@ void zan_server_core_init(const zan_table_def_t *def)
     zan_table_state_t *state = zan_table_state(def);
     const zan_rcode bind_rc = zan_ctx_bind(&state->ctx);
     if (bind_rc != EOK || !state->ctx) {
-        ZAN_TRACE_TABLE(zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_ERROR), def->id,
-                        INIT_BIND_FAILED, bind_rc, state->ctx);
+        ZAN_TRACE_TABLE(zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_ERROR), def->id, INIT_BIND_FAILED,
+                        bind_rc, state->ctx);
         return; // the table stays without init, and it is not tried again
     }
     assert_db_init(def, zan_db_init(state->ctx, def->id));

@@ -1,9 +1,9 @@
 /* Event tables: which change of which object must reach which tables is declared, not computed.
  *
- * Each table that raises events has an exported array <table>_events, each that receives some an array
- * <table>_npi_evt_stats. At a table's first use its bitmaps are made: the direct child tables in
- * bwmask, and the tables with an interest for each event. All bitmaps have one width, so that any two
- * can be intersected word by word.
+ * Each table that raises events has an exported array <table>_events, each that receives some an
+ * array <table>_npi_evt_stats. At a table's first use its bitmaps are made: the direct child tables
+ * in bwmask, and the tables with an interest for each event. All bitmaps have one width, so that
+ * any two can be intersected word by word.
  */
 #include "table_lists.h"
 #include "table_server_api_common.h"

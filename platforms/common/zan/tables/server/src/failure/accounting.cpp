@@ -24,8 +24,7 @@ void kor_server_api_oor_accounting_from_async_write(const zan_table_def_t *def, 
 void kor_server_api_oor_accounting_from_async_write_update(const zan_table_def_t *def,
                                                            uint32_t npu_id,
                                                            zan_table_base_st *new_obj,
-                                                           zan_table_base_st *old_obj,
-                                                           zan_rcode rc)
+                                                           zan_table_base_st *old_obj, zan_rcode rc)
 {
     const kor_npu_mask_t bit = (kor_npu_mask_t)1 << npu_id;
     switch (def->oor_update) {

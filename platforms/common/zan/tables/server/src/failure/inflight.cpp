@@ -1,6 +1,6 @@
 /* In-flight control: at most one asynchronous write is under way for one database object, in the
- * tables that track it. The flag goes up before the send, and down when the last NPU has finished or
- * the send failed. */
+ * tables that track it. The flag goes up before the send, and down when the last NPU has finished
+ * or the send failed. */
 #include "table_server_api_common.h"
 
 /* Turns of a 10-microsecond sleep: 30 minutes. */
@@ -10,8 +10,8 @@ constexpr uint64_t INFLIGHT_SLEEP_US = 10;
 void zan_atomic_mod_inflight_flag_in_dbobj_with_handle(const srv_zan_table_props_t *props,
                                                        zan_table_base_st *obj, bool raise)
 {
-    if (!props->track_inflight || (obj->table_operation != ZAN_TABLE_CREATE &&
-                                   obj->table_operation != ZAN_TABLE_UPDATE))
+    if (!props->track_inflight ||
+        (obj->table_operation != ZAN_TABLE_CREATE && obj->table_operation != ZAN_TABLE_UPDATE))
         return;
     auto *db_obj = (zan_table_base_st *)(uintptr_t)obj->obj_handle;
     if (raise) {
@@ -38,8 +38,8 @@ void zan_server_api_inflight_block(const zan_table_def_t *def, zan_table_base_st
     kor_exec_q_wake_npu_threads(ctx ? ctx->npu_mask_all : 0, 1);
     timespec start, end, taken;
     zan_clock_gettime(CLOCK_MONOTONIC, &start);
-    /* The one place where the dispatcher gives up the dispatch lock in the middle of an operation, so
-     * that a hook which needs it can finish: hardware access closed first, reopened last. */
+    /* The one place where the dispatcher gives up the dispatch lock in the middle of an operation,
+     * so that a hook which needs it can finish: hardware access closed first, reopened last. */
     const bool dispatcher = zan_core_is_dispatch_thread();
     if (dispatcher) {
         const int lrc = kor_hw_access_complete();

@@ -1,8 +1,8 @@
 /* What a hardware code becomes on its way to a client.
  *
  * The table's hw_rc_mode decides. 0: the code is the result. 1: on a create the table's hook says
- * whether the object stays in the database, on other operations the code is held but not the result.
- * 2: it is neither; the object stays and the write is lost until somebody repeats it.
+ * whether the object stays in the database, on other operations the code is held but not the
+ * result. 2: it is neither; the object stays and the write is lost until somebody repeats it.
  */
 #include "table_server_api_common.h"
 
@@ -66,7 +66,7 @@ void zan_table_set_batch_continue(zan_table_response_st *response, zan_rcode rc)
 void zan_send_async_resolve_error(zan_table_base_st *obj, zan_rcode rc)
 {
     zan_send_srv_notif(obj, rc == ZAN_RC_BIND_REFUSED ? ZAN_NOTIF_BIND_REFUSED
-                                                                 : ZAN_NOTIF_RESOLVE_FAILED);
+                                                      : ZAN_NOTIF_RESOLVE_FAILED);
 }
 
 /* ---- The sync error hook ---- */
@@ -104,8 +104,7 @@ zan_rcode srv_sync_error_handling_infra_default(const zan_sync_err_in_t *in,
     const uint32_t trans_id = zan_sync_err_get_trans_id(in);
     const zan_rcode rc = zan_sync_err_get_input_rc(in);
     const uint16_t table_id = zan_sync_err_get_table_id(in);
-    const bool keep = rc == EOK || rc == ZAN_RC_KEEP_LACKING ||
-                      rc == ZAN_RC_KEEP_REFUSED;
+    const bool keep = rc == EOK || rc == ZAN_RC_KEEP_LACKING || rc == ZAN_RC_KEEP_REFUSED;
     if (!keep)
         zan_sync_err_set_dont_keep_in_db(out);
     ZAN_TRACE(zan_slt_table_id(table_id, ZAN_TRACE_LEVEL_ERROR), SYNC_ERR_DEFAULT, trans_id, rc,

@@ -1,5 +1,5 @@
-/* The thread picker: the entry by which an event reaches hardware, on the NPU threads or on this one,
- * as the table's definition says. */
+/* The thread picker: the entry by which an event reaches hardware, on the NPU threads or on this
+ * one, as the table's definition says. */
 #include "table_server_api_common.h"
 
 namespace
@@ -45,9 +45,9 @@ zan_rcode kor_server_hw_thread_picker(const zan_table_def_t *def, zan_table_base
         return ZAN_RC_BAD_ARGUMENT;
     }
     const uint32_t trans_id = zan_walk_ctx_get_trans_id(walk_ctx);
-    const zan_rcode rc =
-        def->npu_threads ? pick_npu_threads(def, old_obj, obj, response, walk_ctx, trans_id)
-                         : pick_this_thread(def, old_obj, obj, walk_ctx, trans_id);
+    const zan_rcode rc = def->npu_threads
+                             ? pick_npu_threads(def, old_obj, obj, response, walk_ctx, trans_id)
+                             : pick_this_thread(def, old_obj, obj, walk_ctx, trans_id);
     if (rc != EOK)
         response->err_code = rc;
     return rc;

@@ -1,13 +1,13 @@
 /* The NPU broadcast: the one door through which a table's operation reaches the NPU threads.
  *
- * A synchronous write uses one record for the process, waits for all NPUs, collects a code from each,
- * and undoes a create that succeeded on some NPUs only. An asynchronous write takes a record of its
- * own, passes the copies on, and returns at once.
+ * A synchronous write uses one record for the process, waits for all NPUs, collects a code from
+ * each, and undoes a create that succeeded on some NPUs only. An asynchronous write takes a record
+ * of its own, passes the copies on, and returns at once.
  *
- * Ownership. Until the send the copies and the delta are the flow's. After it they are the NPU side's
- * and *obj_owned_by_dispatcher is false; the flow must forget them. The last NPU may finish before
- * that boolean is cleared, which is safe only because nobody here looks at the copies in between.
- * A refused send frees the inner data and the delta; the copy stays the flow's.
+ * Ownership. Until the send the copies and the delta are the flow's. After it they are the NPU
+ * side's and *obj_owned_by_dispatcher is false; the flow must forget them. The last NPU may finish
+ * before that boolean is cleared, which is safe only because nobody here looks at the copies in
+ * between. A refused send frees the inner data and the delta; the copy stays the flow's.
  */
 #include "table_server_api_common.h"
 
@@ -78,9 +78,9 @@ void take_back(kor_core_srv_dispatch_t *record, zan_exec_q_msg_st *msg, bool is_
         *is_async_out = 0;
 }
 
-zan_rcode zan_npu_bcast_send_to_npu_threads(kor_core_srv_dispatch_t *srv_obj, kor_npu_mask_t npu_mask,
-                                            uint32_t trans_id, bool is_async_write,
-                                            uint8_t *is_async_out)
+zan_rcode zan_npu_bcast_send_to_npu_threads(kor_core_srv_dispatch_t *srv_obj,
+                                            kor_npu_mask_t npu_mask, uint32_t trans_id,
+                                            bool is_async_write, uint8_t *is_async_out)
 {
     if (!srv_obj)
         return EOK;
@@ -162,8 +162,8 @@ bool zan_npu_bcast_sync_delete_on_error_sanities_failed(const kor_core_srv_dispa
 }
 
 /* Delete a create from the NPUs where it succeeded. The message goes to all of them again; those
- * outside ok_mask do nothing. npus_left stands at 0 and wraps, which a synchronous record has no use
- * for. The client never hears of the outcome. */
+ * outside ok_mask do nothing. npus_left stands at 0 and wraps, which a synchronous record has no
+ * use for. The client never hears of the outcome. */
 void zan_npu_bcast_sync_delete_on_error(kor_core_srv_dispatch_t *record, kor_npu_mask_t npu_mask,
                                         kor_npu_mask_t ok_mask, zan_table_crud_ctx_t *crud)
 {
@@ -224,16 +224,15 @@ zan_rcode kor_core_npu_bcast(zan_table_base_st *obj, zan_table_base_st *old_obj,
     if (mask == 0) {
         zan_counter_raise(table_id, ZAN_CTR_BCAST_NO_NPU);
     } else if (obj->table_operation != ZAN_TABLE_UPDATE && crud->delta_lists) {
-        ZAN_TRACE(ZAN_CLASS_ZAN_FILE_A_BUGTRK_ERROR__, BCAST_STRAY_DELTA, table_id,
-                  crud->trans_id);
+        ZAN_TRACE(ZAN_CLASS_ZAN_FILE_A_BUGTRK_ERROR__, BCAST_STRAY_DELTA, table_id, crud->trans_id);
         mask = 0;
     } else {
         record = take_record(obj, is_async);
         fill_record(record, obj, old_obj, crud, ctx, mask);
     }
 
-    const zan_rcode send_rc = zan_npu_bcast_send_to_npu_threads(record, mask, crud->trans_id,
-                                                                is_async != 0, &is_async);
+    const zan_rcode send_rc =
+        zan_npu_bcast_send_to_npu_threads(record, mask, crud->trans_id, is_async != 0, &is_async);
     if (send_rc != EOK) {
         trace_send_failed(send_rc, obj, old_obj, crud);
         crud->delta_lists = nullptr; /* the send has freed it */

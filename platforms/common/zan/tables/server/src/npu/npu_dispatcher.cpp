@@ -1,9 +1,9 @@
 /* The NPU dispatcher: what an NPU thread runs for each message.
  *
  * Up to eight threads run it at once, for one message or for different ones. It stamps the NPU's
- * current-operation record, calls the table's hook, counts and accounts the result, and stores it. The
- * thread that brings npus_left from 1 to 0 completes an asynchronous message: that clean-up is the only
- * place where an NPU thread writes a database object, and it writes only `inflight`.
+ * current-operation record, calls the table's hook, counts and accounts the result, and stores it.
+ * The thread that brings npus_left from 1 to 0 completes an asynchronous message: that clean-up is
+ * the only place where an NPU thread writes a database object, and it writes only `inflight`.
  */
 #include "table_server_api_common.h"
 

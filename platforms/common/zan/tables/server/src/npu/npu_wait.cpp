@@ -1,8 +1,8 @@
 /* Waiting for the NPU threads: the only place where the dispatcher does.
  *
- * A bounded number of time-outs is allowed, and each at which the queue has drained a little does not
- * count: a slow driver is not a hung one. The programming lock is dropped around the blocking call by
- * the dispatcher thread alone.
+ * A bounded number of time-outs is allowed, and each at which the queue has drained a little does
+ * not count: a slow driver is not a hung one. The programming lock is dropped around the blocking
+ * call by the dispatcher thread alone.
  */
 #include "table_server_api_common.h"
 

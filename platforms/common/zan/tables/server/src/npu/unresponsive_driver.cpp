@@ -1,5 +1,5 @@
-/* The way out when an NPU's driver hangs: tell the operator, count, and take the process down, so that
- * the node recovers by a reload. */
+/* The way out when an NPU's driver hangs: tell the operator, count, and take the process down, so
+ * that the node recovers by a reload. */
 #include "table_server_api_common.h"
 
 #include <cerrno>

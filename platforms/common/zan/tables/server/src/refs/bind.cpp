@@ -1,5 +1,5 @@
-/* Binding a stored object to its parents, in the order of resolution. A bind that fails is traced and
- * counted, and the others stand: the result is the last one's. */
+/* Binding a stored object to its parents, in the order of resolution. A bind that fails is traced
+ * and counted, and the others stand: the result is the last one's. */
 #include "refs.h"
 
 namespace

@@ -17,7 +17,7 @@ struct resolve_op_t {
 };
 
 #define RESOLVE_TRACE(op, level, message, ...)                                                     \
-    ZAN_TRACE_TABLE(zan_slt_obj_base((op)->new_obj, ZAN_TRACE_LEVEL_##level), (op)->def->id,        \
+    ZAN_TRACE_TABLE(zan_slt_obj_base((op)->new_obj, ZAN_TRACE_LEVEL_##level), (op)->def->id,       \
                     message, __VA_ARGS__)
 
 zan_rcode report(const resolve_op_t *op, const zan_ref_def_t *ref, zan_rcode rc)
@@ -34,7 +34,12 @@ zan_rcode not_found(const resolve_op_t *op, const zan_ref_def_t *ref)
 }
 
 /* What the request says about one reference, once the handle's is-set byte has been looked at. */
-enum given_t { GIVEN_NOTHING, GIVEN_KEY_ONLY, GIVEN_HANDLE, GIVEN_DROP };
+enum given_t {
+    GIVEN_NOTHING,
+    GIVEN_KEY_ONLY,
+    GIVEN_HANDLE,
+    GIVEN_DROP
+};
 
 given_t what_is_given(const resolve_op_t *op, zan_ref_value_st *value,
                       const zan_ref_value_st *old_value)
@@ -125,8 +130,7 @@ zan_rcode resolve_plain(const resolve_op_t *op, const zan_ref_def_t *ref, uint32
     if (op->db_obj && (uint64_t)(uintptr_t)parent != old_hdl)
         RESOLVE_TRACE(op, EVENT, RESOLVE_CHANGED, old_hdl, parent, op->trans_id,
                       parent->base_trans_id);
-    if (!kor_dpd_check_bind_validity((uint64_t)(uintptr_t)parent, op->new_obj,
-                                     op->is_inside_bwalk))
+    if (!kor_dpd_check_bind_validity((uint64_t)(uintptr_t)parent, op->new_obj, op->is_inside_bwalk))
         return report(op, ref, ZAN_RC_BIND_REFUSED);
     zan_inherit_from_parent(op->def, op->new_obj, zan_table_defs[ref->parent_id], parent,
                             ref->inherits, ref->num_inherits, member, false);
@@ -180,8 +184,7 @@ void gather_npus(const zan_table_def_t *def, zan_table_base_st *obj)
     const uint32_t members = zan_obj_num_elements(def, obj);
     for (uint32_t i = 0; i < def->num_refs; i++)
         for (uint32_t m = 0; m < (def->refs[i].repeated ? members : 1); m++)
-            gather_npus_from(def, obj, def->refs[i].parent_id,
-                             zan_obj_ref(&def->refs[i], obj, m));
+            gather_npus_from(def, obj, def->refs[i].parent_id, zan_obj_ref(&def->refs[i], obj, m));
     for (uint32_t i = 0; i < def->num_unions; i++) {
         const zan_union_def_t *u = &def->unions[i];
         if (u->nested_in)

@@ -1,8 +1,8 @@
 /* Resolution of reference unions.
  *
- * Unlike a plain reference a union asks the quarantine about a missing parent, lets the key win over a
- * handle that differs, and is inherited whole from the stored object when the request does not mention
- * it. Nothing is bound here, so nothing is undone, and the caller tells the client.
+ * Unlike a plain reference a union asks the quarantine about a missing parent, lets the key win
+ * over a handle that differs, and is inherited whole from the stored object when the request does
+ * not mention it. Nothing is bound here, so nothing is undone, and the caller tells the client.
  */
 #include "refs.h"
 
@@ -17,7 +17,7 @@ struct union_op_t {
 };
 
 #define UNION_TRACE(op, level, message, ...)                                                       \
-    ZAN_TRACE_TABLE(zan_slt_obj_base((op)->new_obj, ZAN_TRACE_LEVEL_##level), (op)->def->id,        \
+    ZAN_TRACE_TABLE(zan_slt_obj_base((op)->new_obj, ZAN_TRACE_LEVEL_##level), (op)->def->id,       \
                     message, __VA_ARGS__)
 
 const zan_ref_value_st *old_value_of(const union_op_t *op, const zan_union_def_t *u,
@@ -38,8 +38,7 @@ void clear_if_dropped(const union_op_t *op, const zan_union_def_t *u, zan_ref_va
     UNION_TRACE(op, VERBOSE, UNION_CLEARED, op->trans_id);
     const zan_ref_value_st *old_value = old_value_of(op, u, member);
     if (op->old_obj)
-        UNION_TRACE(op, VERBOSE, UNION_CLEARED_OLD, op->old_obj,
-                    old_value ? old_value->refhdl : 0);
+        UNION_TRACE(op, VERBOSE, UNION_CLEARED_OLD, op->old_obj, old_value ? old_value->refhdl : 0);
 }
 
 zan_rcode resolve_by_key(const union_op_t *op, const zan_table_def_t *parent_def,
@@ -84,14 +83,14 @@ zan_rcode resolve_by_handle(const union_op_t *op, const zan_table_def_t *parent_
 }
 
 /* zan_core_<table>_resolve_refs_union_sub_*: pull the variant's attributes from the parent. */
-void inherit(const union_op_t *op, const zan_variant_def_t *variant,
-             const zan_ref_value_st *value, uint32_t member)
+void inherit(const union_op_t *op, const zan_variant_def_t *variant, const zan_ref_value_st *value,
+             uint32_t member)
 {
     if (variant->num_inherits == 0 || value->refhdl == 0 || !value->refhdl_set)
         return;
     zan_inherit_from_parent(op->def, op->new_obj, zan_table_defs[variant->parent_id],
-                            (const zan_table_base_st *)(uintptr_t)value->refhdl,
-                            variant->inherits, variant->num_inherits, member, true);
+                            (const zan_table_base_st *)(uintptr_t)value->refhdl, variant->inherits,
+                            variant->num_inherits, member, true);
 }
 
 zan_rcode resolve_variant(const union_op_t *op, const zan_union_def_t *u,
@@ -142,8 +141,7 @@ zan_rcode zan_core_resolve_refs_union(const zan_table_def_t *def, zan_table_base
 {
     if (def->num_unions == 0)
         return EOK;
-    const union_op_t op = {def, new_obj, old_obj, is_inside_bwalk,
-                           *zan_obj_trans_id(def, new_obj)};
+    const union_op_t op = {def, new_obj, old_obj, is_inside_bwalk, *zan_obj_trans_id(def, new_obj)};
     const uint32_t members = zan_obj_num_elements(def, new_obj);
     const uint32_t passes = members > 1 ? members : 1;
     for (uint32_t member = 0; member < passes; member++)
