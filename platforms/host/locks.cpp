@@ -1,8 +1,8 @@
 /* The locks of locks.h.
  *
- * Error-checking mutexes, so that a thread that takes one twice, or gives back what it has not,
- * gets an errno number instead of standing still. Each thread knows which it holds: stepped mode,
- * where an NPU's work runs on the dispatcher's thread, drops them for that long.
+ * Each thread knows which it holds. So one that takes a lock twice, or gives back what it has not,
+ * gets an errno number instead of standing still; and stepped mode, where an NPU's work runs on the
+ * dispatcher's thread, can drop them for that long.
  */
 #include "locks.h"
 #include "host_threads.h"
@@ -23,13 +23,16 @@ enum lock_et {
     LOCKS
 };
 
-#define HOST_MUTEX PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP
-pthread_mutex_t mutexes[LOCKS] = {HOST_MUTEX, HOST_MUTEX, HOST_MUTEX, HOST_MUTEX, HOST_MUTEX};
+pthread_mutex_t mutexes[LOCKS] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+                                  PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+                                  PTHREAD_MUTEX_INITIALIZER};
 thread_local uint32_t held;            /* bit n: mutexes[n] */
 thread_local uint32_t hardware_closed; /* kor_hw_access_complete without its counterpart */
 
 int take(lock_et lock)
 {
+    if (held & 1u << lock)
+        return EDEADLK;
     const int rc = pthread_mutex_lock(&mutexes[lock]);
     if (rc == 0)
         held |= 1u << lock;
@@ -38,10 +41,10 @@ int take(lock_et lock)
 
 int give(lock_et lock)
 {
-    const int rc = pthread_mutex_unlock(&mutexes[lock]);
-    if (rc == 0)
-        held &= ~(1u << lock);
-    return rc;
+    if (!(held & 1u << lock))
+        return EPERM;
+    held &= ~(1u << lock);
+    return pthread_mutex_unlock(&mutexes[lock]);
 }
 
 } // namespace

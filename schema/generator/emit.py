@@ -173,7 +173,8 @@ def source(t, schema):
            '#pragma GCC diagnostic ignored "-Wmissing-field-initializers"',
            f"namespace zan_data_{t.name} {{"]
     out += definition(t, schema)
-    out += ["", 'extern "C" {', f"ZAN_TABLE_ACCESSORS({t.name})"]
+    out += [f"}} // namespace zan_data_{t.name}", f"using zan_data_{t.name}::zan_def_{t.name};", "",
+            'extern "C" {', f"ZAN_TABLE_ACCESSORS({t.name})"]
     if not t.attr("npu_bmap"):
         out.append(f"ZAN_NO_NPU_BMAP({t.name})")
     out += [accessor(t, f) for f in accessor_fields(t)]
@@ -190,7 +191,7 @@ def source(t, schema):
             stem = outer.variants[selector - 1].stem
             out.append(f"ZAN_UNION_NESTED({t.name}, {u.attr}, {outer.attr}, {stem}, "
                        f"{u.variants[0].stem}, {selector})")
-    return out + ["}", "} // namespace"]
+    return out + ["}"]
 
 
 def nesting(t, u):

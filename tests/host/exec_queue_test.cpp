@@ -106,6 +106,13 @@ protected:
         return kor_exec_q_resp_wait(get_global_exec_q());
     }
 
+    void drain()
+    {
+        EXPECT_EQ(zan_exec_q_sync_ctrl_request_only(), 0);
+        EXPECT_EQ(wait(), 0);
+        zan_exec_q_sync_ctrl_allow_all_queues();
+    }
+
     std::vector<int64_t> log_of(uint32_t npu)
     {
         std::lock_guard<std::mutex> guard(mutex);
@@ -153,12 +160,10 @@ TEST_P(exec_queue, each_npu_runs_its_messages_in_order_and_the_waiter_reads_its_
                 ASSERT_EQ(log_of(npu).back(), id);
             }
     }
-    zan_exec_q_sync_ctrl_request_only();
-    EXPECT_EQ(wait(), 0);
+    drain();
     for (uint32_t npu = 0; npu < num_npus; npu++)
         EXPECT_EQ(log_of(npu), expected[npu]);
     EXPECT_EQ(kor_exec_q_get_depth(get_global_exec_q()), 0u);
-    zan_exec_q_sync_ctrl_allow_all_queues();
 }
 
 TEST_P(exec_queue, a_wait_without_a_broadcast_is_over_at_once)
@@ -177,6 +182,7 @@ TEST_P(exec_queue, a_wait_without_a_broadcast_is_over_at_once)
     zan_exec_q_sync_ctrl(); /* waited for already: nothing to wait for */
     EXPECT_EQ(wait(), 0);
     zan_host_exec_q_hold(0);
+    drain();
 }
 
 TEST_P(exec_queue, a_hung_driver_times_the_wait_out_and_the_depth_tells)
@@ -285,10 +291,8 @@ TEST_P(exec_queue, a_full_ring_blocks_and_then_refuses)
     }
     zan_host_exec_q_hold(0);
     zan_host_exec_q_set_resp_period(5000000);
-    zan_exec_q_sync_ctrl_request_only();
-    EXPECT_EQ(wait(), 0);
+    drain();
     EXPECT_EQ(log_of(0).size(), many + sent) << "the refused one reached nobody";
-    zan_exec_q_sync_ctrl_allow_all_queues();
     zan_dsp_q_process_post_npu();
     EXPECT_EQ(zan_heap_blocks_in_use(), blocks_before);
 }
@@ -336,11 +340,9 @@ TEST_P(exec_queue, the_end_of_a_batch_reaches_every_npu_in_its_place)
     zan_exec_q_enqueue_async_batch_end_msg(LEAF_ID);
     send_async(2, all);
     zan_exec_q_enqueue_async_batch_end_msg(STAT_ID);
-    zan_exec_q_sync_ctrl_request_only();
-    EXPECT_EQ(wait(), 0);
+    drain();
     for (uint32_t npu = 0; npu < num_npus; npu++)
         EXPECT_EQ(log_of(npu), (std::vector<int64_t>{1, -LEAF_ID, 2, -STAT_ID}));
-    zan_exec_q_sync_ctrl_allow_all_queues();
 }
 
 TEST_P(exec_queue, refusals)

@@ -36,7 +36,7 @@ object_t key_only(const zan_table_def_t *def, const object_t &of, zan_table_oper
 
 std::string text_of(const zan_table_def_t *def, const zan_table_base_st *obj)
 {
-    static char text[65536];
+    static char text[262144];
     zan_obj_print(def, obj, text, sizeof text);
     return text;
 }
@@ -93,7 +93,7 @@ void read_back(const zan_table_def_t *def, const object_t &obj, uint64_t handle)
     object_t text_read = key_only(def, obj, ZAN_TABLE_GET);
     text_read->getopt_mask = ZAN_GETOPT_FORMAT_TEXT;
     EXPECT_EQ(run(text_read).rc, ZAN_RC_INVALID_READ) << def->name << ": no room for the text";
-    const result_t with_text = run(text_read, 65536);
+    const result_t with_text = run(text_read, 262144);
     EXPECT_EQ(with_text.rc, (zan_rcode)EOK) << def->name;
     EXPECT_EQ(std::string(with_text.payload.c_str()), text_of(def, obj.get())) << def->name;
 }
