@@ -1,0 +1,73 @@
+/* What the parts of zan_bench share. */
+#ifndef ZAN_BENCH_H
+#define ZAN_BENCH_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "zan_tables_private.h"
+
+namespace bench
+{
+
+/* A prefix of either family: an iproute's or an ip6route's. */
+struct prefix_t {
+    bool is_v6;
+    uint8_t bytes[16];
+    uint8_t len;
+};
+
+/* One CIDR prefix a line, plain or gzip. Empty, with a message on standard error, when it cannot be
+ * read. */
+std::vector<prefix_t> read_prefixes(const std::string &path);
+
+/* The route of a prefix, leading to a group, in serialized form. */
+void write_route(const prefix_t &prefix, uint32_t group, uint32_t trans_id, uint8_t *out);
+uint32_t route_size(const prefix_t &prefix);
+
+/* The floor: what storing the same objects costs with good general-purpose parts and nothing else. An
+ * object is calloc'ed and copied, put into a hash table and a B-tree under its key, and linked to its
+ * parent. */
+class floor_t
+{
+  public:
+    floor_t();
+    ~floor_t();
+    floor_t(const floor_t &) = delete;
+    floor_t &operator=(const floor_t &) = delete;
+    void create(const uint8_t *wire);
+    /* Look the key up and copy the object to `out`; false when it is not there. */
+    bool read(const uint8_t *wire, uint8_t *out);
+    size_t size() const;
+
+  private:
+    struct state_t;
+    state_t *state_;
+};
+
+class stopwatch_t
+{
+  public:
+    void start()
+    {
+        start_ = std::chrono::steady_clock::now();
+    }
+    void stop()
+    {
+        total_ += std::chrono::steady_clock::now() - start_;
+    }
+    double seconds() const
+    {
+        return std::chrono::duration<double>(total_).count();
+    }
+
+  private:
+    std::chrono::steady_clock::time_point start_;
+    std::chrono::steady_clock::duration total_{};
+};
+
+} // namespace bench
+
+#endif

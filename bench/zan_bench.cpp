@@ -1,0 +1,263 @@
+/* zan_bench: the cost of the main job, as a ratio to a floor on the same keys in the same run.
+ *
+ *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|all] [--only server|floor]
+ *
+ * create  N routes, shuffled, asynchronous, one NPU whose hooks return at once: from the batch entry
+ *         until the last NPU has finished
+ * read    all of them by key, in another shuffle
+ *
+ * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for counting
+ * instructions.
+ */
+#include "bench.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+
+#include "exec_queue.h"
+#include "host_control.h"
+#include "host_start.h"
+#include "internal_queues.h"
+#include "locks.h"
+#include "table_database.h"
+#include "table_flows.h"
+#include "thread_control.h"
+
+using namespace bench;
+
+namespace
+{
+
+constexpr uint32_t batch_objects = 1000;
+constexpr uint32_t num_groups = 1000;
+
+struct options_t {
+    std::string prefixes = "examples/prefixes.txt.gz";
+    size_t objects = 1'000'000;
+    bool create = true, read = true;
+    bool server = true, floor = true;
+};
+
+[[noreturn]] void usage()
+{
+    fprintf(stderr, "usage: zan_bench [--prefixes FILE] [--objects N] [--phase create|read|all] "
+                    "[--only server|floor]\n");
+    exit(2);
+}
+
+options_t parse(int argc, char **argv)
+{
+    options_t o;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string name = argv[i], value = argv[i + 1];
+        if (name == "--prefixes")
+            o.prefixes = value;
+        else if (name == "--objects")
+            o.objects = strtoul(value.c_str(), nullptr, 0);
+        else if (name == "--phase")
+            o.read = value != "create"; /* a read needs what a create stored */
+        else if (name == "--only")
+            (value == "server" ? o.floor : o.server) = false;
+        else
+            usage();
+    }
+    if (argc % 2 == 0)
+        usage();
+    return o;
+}
+
+/* Serialized routes, back to back, in the order given. */
+struct messages_t {
+    std::vector<uint64_t> words;
+    std::vector<std::pair<size_t, size_t>> batches; /* offset and length in bytes */
+    uint8_t *at(size_t offset)
+    {
+        return (uint8_t *)words.data() + offset;
+    }
+};
+
+messages_t make_messages(const std::vector<prefix_t> &prefixes, zan_table_operation_et operation)
+{
+    messages_t m;
+    size_t total = 0;
+    for (const prefix_t &p : prefixes)
+        total += route_size(p);
+    m.words.resize(total / 8);
+    size_t at = 0, start = 0;
+    uint32_t trans_id = 0;
+    for (size_t i = 0; i < prefixes.size(); i++) {
+        const prefix_t &p = prefixes[i];
+        uint32_t group; /* a mixed prefix, so that it does not follow the order */
+        memcpy(&group, p.bytes, sizeof group);
+        write_route(p, group * 2654435761u % num_groups, ++trans_id, m.at(at));
+        auto *base = (zan_table_base_st *)m.at(at);
+        base->table_operation = (uint8_t)operation;
+        if (operation != ZAN_TABLE_CREATE)
+            base->flag = 0;
+        at += route_size(p);
+        if ((i + 1) % batch_objects == 0 || i + 1 == prefixes.size()) {
+            m.batches.push_back({start, at - start});
+            start = at;
+        }
+    }
+    return m;
+}
+
+void fail(const char *what)
+{
+    fprintf(stderr, "zan_bench: %s\n", what);
+    exit(1);
+}
+
+/* ---- The server ---- */
+
+void settle()
+{
+    zan_exec_q_sync_ctrl_request_only();
+    while (kor_exec_q_resp_wait(get_global_exec_q()) != EOK) {
+    }
+    zan_exec_q_sync_ctrl_allow_all_queues();
+    zan_dsp_q_process_post_npu();
+}
+
+void start_server()
+{
+    zan_host_config_t config = {};
+    config.num_npus = 1;
+    zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
+    if (zan_host_start(&config) != EOK)
+        fail("the host platform does not start");
+    kor_core_lock_dispatch_lock();
+    zan_threads_server_programming_lock();
+}
+
+void create_groups(const char *table)
+{
+    const zan_table_def_t *def = zan_table_def_find(table);
+    for (uint32_t i = 0; i < num_groups; i++) {
+        char text[32], why[128];
+        snprintf(text, sizeof text, "nhg_id=%u", i);
+        zan_table_base_st *obj = zan_obj_parse(def, text, why, sizeof why);
+        obj->table_operation = ZAN_TABLE_CREATE;
+        zan_table_response_st slot = {};
+        zan_table_server_dispatcher((uint8_t *)obj, &slot, {1, obj->total_obj_size, 0, 0, {}},
+                                    nullptr);
+        free(obj);
+    }
+}
+
+double server_create(messages_t *m)
+{
+    stopwatch_t watch;
+    zan_table_response_st slot = {};
+    watch.start();
+    for (const auto &[offset, length] : m->batches) {
+        slot.err_code = 0;
+        zan_table_server_dispatcher(m->at(offset), &slot, {1, (uint32_t)length, 0, 0, {}},
+                                    nullptr);
+    }
+    settle();
+    watch.stop();
+    return watch.seconds();
+}
+
+double server_read(messages_t *m)
+{
+    std::vector<zan_table_response_st> slots(batch_objects);
+    stopwatch_t watch;
+    for (const auto &[offset, length] : m->batches) {
+        memset(slots.data(), 0, slots.size() * sizeof slots[0]);
+        watch.start();
+        zan_table_server_dispatcher(m->at(offset), slots.data(),
+                                    {batch_objects, (uint32_t)length, 0, 1, {}}, nullptr);
+        watch.stop();
+        for (size_t at = offset, i = 0; at < offset + length; i++) {
+            if (slots[i].err_code != EOK)
+                fail("a stored route was not read back");
+            at += ((zan_table_base_st *)m->at(at))->total_obj_size;
+        }
+    }
+    return watch.seconds();
+}
+
+/* ---- The floor ---- */
+
+template <class Visit> double each(messages_t *m, Visit visit)
+{
+    stopwatch_t watch;
+    watch.start();
+    for (const auto &[offset, length] : m->batches)
+        for (size_t at = offset; at < offset + length;) {
+            uint8_t *wire = m->at(at);
+            at += ((zan_table_base_st *)wire)->total_obj_size;
+            visit(wire);
+        }
+    watch.stop();
+    return watch.seconds();
+}
+
+void report(const char *phase, size_t n, double server, double floor)
+{
+    if (server > 0)
+        printf("%-8s server %7.3f s  %8.0f objects/s\n", phase, server, (double)n / server);
+    if (floor > 0)
+        printf("%-8s floor  %7.3f s  %8.0f objects/s\n", phase, floor, (double)n / floor);
+    if (server > 0 && floor > 0)
+        printf("%-8s ratio  %7.2f\n", phase, server / floor);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const options_t options = parse(argc, argv);
+    std::vector<prefix_t> prefixes = read_prefixes(options.prefixes);
+    if (prefixes.empty())
+        return 1;
+    std::mt19937_64 random(1);
+    std::shuffle(prefixes.begin(), prefixes.end(), random);
+    prefixes.resize(std::min(prefixes.size(), options.objects));
+    const size_t n = prefixes.size();
+    printf("%zu routes of %s, shuffled, %u groups\n", n, options.prefixes.c_str(), num_groups);
+
+    messages_t creates = make_messages(prefixes, ZAN_TABLE_CREATE);
+    std::shuffle(prefixes.begin(), prefixes.end(), random);
+    messages_t reads = make_messages(prefixes, ZAN_TABLE_GET);
+
+    double floor_create = 0, floor_read = 0;
+    if (options.floor) {
+        floor_t floor;
+        floor_create = each(&creates, [&](const uint8_t *wire) { floor.create(wire); });
+        if (floor.size() != n)
+            fail("the floor lost a route");
+        std::vector<uint8_t> out(1024);
+        if (options.read)
+            floor_read = each(&reads, [&](const uint8_t *wire) {
+                if (!floor.read(wire, out.data()))
+                    fail("the floor did not find a route");
+            });
+    }
+    double create = 0, read = 0;
+    if (options.server) {
+        start_server();
+        create_groups("ipnhgroup");
+        create_groups("ip6nhgroup");
+        settle();
+        create = server_create(&creates);
+        const uint32_t v4 = zan_table_def_find("iproute")->id;
+        const uint32_t v6 = zan_table_def_find("ip6route")->id;
+        if (zan_db_count(v4) + zan_db_count(v6) != n)
+            fail("not every route was stored");
+        if (options.read)
+            read = server_read(&reads);
+        printf("index    %.1f bytes an object\n",
+               (double)(zan_db_index_bytes_of(v4) + zan_db_index_bytes_of(v6)) / (double)n);
+    }
+    report("create", n, create, floor_create);
+    if (options.read)
+        report("read", n, read, floor_read);
+    return 0;
+}
