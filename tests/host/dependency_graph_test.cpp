@@ -1,5 +1,5 @@
-/* The dependency graph against a reference model: lists, groups, ranks, refusals, and what an unbind
- * reports. */
+/* The dependency graph against a reference model: lists, groups, ranks, refusals, and what an
+ * unbind reports. */
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,7 +35,6 @@ protected:
         for (object_t *obj : objects)
             kor_dpd_reset(obj, 0);
         zan_host_internal_queues_clear();
-        host_ranks_release();
         zan_db_deinit();
     }
 
@@ -62,8 +61,11 @@ protected:
 /* What kor_dpd_remove says, with room for so many parents. */
 struct report_t {
     explicit report_t(uint32_t slots)
-        : words((std::max(slots, 1u) + 63) / 64), parents(std::max(slots, 1u)),
-          act{{0, 0}, words.data(), (uint32_t)words.size(), parents.data()}
+        : words((std::max(slots, 1u) + 63) / 64),
+          parents(std::max(slots, 1u)), act{{0, 0},
+                                            words.data(),
+                                            (uint32_t)words.size(),
+                                            parents.data()}
     {
     }
     bool marked(uint32_t i) const

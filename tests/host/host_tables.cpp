@@ -65,13 +65,17 @@ void free_copy(zan_table_base_st *copy)
 
 const zan_table_def_t *bytes_def(uint32_t length)
 {
-    static std::map<uint32_t, zan_table_def_t> made;
-    zan_table_def_t &def = made[length];
+    struct table_t {
+        zan_table_def_t def;
+        std::vector<zan_field_def_t> keys;
+    };
+    static std::map<uint32_t, table_t> made;
+    table_t &table = made[length];
+    zan_table_def_t &def = table.def;
     if (!def.keys) {
-        auto *keys = new zan_field_def_t[length];
         for (uint32_t i = 0; i < length; i++)
-            keys[i] = key_field(ZAN_TYPE_U8, 1, i);
-        def.keys = keys;
+            table.keys.push_back(key_field(ZAN_TYPE_U8, 1, i));
+        def.keys = table.keys.data();
         def.num_keys = (uint16_t)length;
         def.key_bytes = def.key_size = (uint16_t)length;
         def.key_offset = sizeof(zan_table_base_st);
@@ -135,11 +139,14 @@ const zan_table_def_t *zan_table_def_find(const char *name)
 
 srv_zan_table_props_t *zan_srv_table_props_get(uint32_t table_id)
 {
-    static srv_zan_table_props_t props[NUM_TEST_TABLES];
-    props[table_id].copy_dtor = free_copy;
-    props[table_id].async_batch_end_npu_cb = batch_end;
-    props[table_id].delete_notify = notify_delete;
-    return &props[table_id];
+    static srv_zan_table_props_t props = [] {
+        srv_zan_table_props_t made = {};
+        made.copy_dtor = free_copy;
+        made.async_batch_end_npu_cb = batch_end;
+        made.delete_notify = notify_delete;
+        return made;
+    }();
+    return table_id < NUM_TEST_TABLES ? &props : nullptr;
 }
 
 zan_rcode kor_core_npu_dispatcher(kor_core_srv_dispatch_t *srv_obj, int32_t npu_id)

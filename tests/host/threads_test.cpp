@@ -102,6 +102,8 @@ TEST(frr_hand_over, a_waiting_thread_has_its_turn_at_the_next_yield)
     zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
     zan_dispatcher_enter();
     zan_allow_access_frr_thread(); /* nobody waits */
+    zan_dispatcher_enter();        /* an entry inside an entry keeps the place to the end */
+    zan_dispatcher_leave();
     std::atomic<bool> waits = false;
     bool had_turn = false;
     std::thread frr([&] {

@@ -1,0 +1,130 @@
+#include "fault_points.h"
+
+#include <dlfcn.h>
+
+#include "dependency_graph.h"
+#include "exec_queue.h"
+#include "table_database.h"
+#include "table_properties.h"
+#include "thread_control.h"
+
+namespace faults
+{
+
+static uint32_t calls, fail_at;
+static bool fail_on;
+static side_t fail_side;
+static point_t first;
+
+void arm(uint32_t nth, bool persistent, side_t side)
+{
+    calls = 0;
+    fail_at = nth;
+    fail_on = persistent;
+    fail_side = side;
+    first = NONE;
+}
+
+void disarm()
+{
+    fail_at = 0;
+}
+
+point_t fired()
+{
+    return first;
+}
+
+/* Hooks may run on NPU threads; the sweep steps its NPUs, so that all of it is one thread. */
+static bool fails(point_t point)
+{
+    if ((zan_thread_npu() >= 0 ? ON_NPUS : ON_DISPATCHER) != fail_side)
+        return false;
+    calls++;
+    if (fail_at == 0 || (calls != fail_at && !(fail_on && calls > fail_at)))
+        return false;
+    if (first == NONE)
+        first = point;
+    return true;
+}
+
+template <class F> F *host(const char *name)
+{
+    return (F *)dlsym(RTLD_NEXT, name);
+}
+
+} // namespace faults
+
+using namespace faults;
+
+extern "C" {
+
+ZAN_EXPORT void *zan_shm_dyn_alloc(uint32_t table_id, size_t size)
+{
+    static auto *real = host<void *(uint32_t, size_t)>("zan_shm_dyn_alloc");
+    return fails(DYN_ALLOC) ? nullptr : real(table_id, size);
+}
+
+ZAN_EXPORT int kor_exec_q_req_bcast(kor_exec_q_st *queue, zan_exec_q_msg_st *msg,
+                                    kor_npu_mask_t mask)
+{
+    static auto *real =
+        host<int(kor_exec_q_st *, zan_exec_q_msg_st *, kor_npu_mask_t)>("kor_exec_q_req_bcast");
+    return fails(SEND) ? send_rc : real(queue, msg, mask);
+}
+
+ZAN_EXPORT zan_rcode kor_dpd_add(zan_table_base_st *parent, zan_table_base_st *child)
+{
+    static auto *real =
+        host<zan_rcode(zan_table_base_st *, zan_table_base_st *)>("kor_dpd_add");
+    return fails(BIND) ? ZAN_RC_BIND_REFUSED : real(parent, child);
+}
+
+ZAN_EXPORT zan_rcode zan_db_insert(zan_table_base_st *db_obj)
+{
+    static auto *real = host<zan_rcode(zan_table_base_st *)>("zan_db_insert");
+    return fails(INSERT) ? ZAN_RC_TABLE_FULL : real(db_obj);
+}
+
+#define SWEPT_HOOKS(T)                                                                             \
+    ZAN_EXPORT zan_rcode srv_##T##_resolve(zan_table_base_st *, zan_table_base_st *)               \
+    {                                                                                              \
+        return fails(RESOLVE_HOOK) ? hook_rc : EOK;                                                \
+    }                                                                                              \
+    ZAN_EXPORT zan_rcode srv_##T##_pre_create_rdesc(zan_rdesc_hook_ctx_t *)                        \
+    {                                                                                              \
+        return fails(PRE_CREATE_RDESC) ? hook_rc : EOK;                                            \
+    }                                                                                              \
+    ZAN_EXPORT zan_rcode srv_##T##_post_create_rdesc(zan_rdesc_hook_ctx_t *)                       \
+    {                                                                                              \
+        return fails(POST_CREATE_RDESC) ? hook_rc : EOK;                                           \
+    }                                                                                              \
+    ZAN_EXPORT zan_rcode srv_##T##_create(zan_table_base_st *)                                     \
+    {                                                                                              \
+        return fails(CREATE_HOOK) ? hook_rc : EOK;                                                 \
+    }
+#define SWEPT_IDENTIFIERS(T)                                                                       \
+    zan_rcode srv_##T##_reserve_id_infra_default(int32_t npu, zan_table_base_st *obj);             \
+    zan_rcode srv_##T##_release_id_infra_default(int32_t npu, zan_table_base_st *obj);             \
+    ZAN_EXPORT zan_rcode srv_##T##_reserve_id(int32_t npu, zan_table_base_st *obj)                 \
+    {                                                                                              \
+        return fails(RESERVE_ID) ? hook_rc : srv_##T##_reserve_id_infra_default(npu, obj);         \
+    }
+
+/* One table for each distinct way of a create: the four hardware forms, with and without identifiers
+ * (per NPU and for the object), members, in-flight tracking, and each mode of hardware codes. */
+SWEPT_HOOKS(ipnhgroup)
+SWEPT_IDENTIFIERS(ipnhgroup)
+SWEPT_HOOKS(iproute)
+SWEPT_IDENTIFIERS(iproute)
+SWEPT_HOOKS(mplsnh)
+SWEPT_HOOKS(sr6sid)
+SWEPT_HOOKS(l2brmac)
+SWEPT_IDENTIFIERS(l2brmac)
+SWEPT_HOOKS(iptnldecap)
+SWEPT_HOOKS(ipnh)
+SWEPT_HOOKS(redirectvrf)
+SWEPT_IDENTIFIERS(redirectvrf)
+SWEPT_HOOKS(l2intf)
+SWEPT_IDENTIFIERS(l2intf)
+}
