@@ -14,7 +14,6 @@ namespace
 {
 
 uint64_t state;
-bool inside; /* a message runs: what it calls must not run another */
 
 /* splitmix64 */
 uint32_t random_below(uint32_t bound)
@@ -32,9 +31,7 @@ void run_as(uint32_t npu)
     const uint32_t locks = host_locks_drop();
     const host_identity_t self = host_self();
     host_become({ZAN_THREAD_NPU, (int)npu, 0, false});
-    inside = true;
     host_ring_run_one(npu);
-    inside = false;
     host_become(self);
     host_locks_retake(locks);
 }
@@ -56,8 +53,6 @@ void host_stepped_stop(void)
 
 bool host_stepped_run_one(void)
 {
-    if (inside)
-        return false;
     uint32_t ready[ZAN_MAX_NPUS], count = 0;
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
         if (host_ring_can_run(npu))
@@ -70,7 +65,8 @@ bool host_stepped_run_one(void)
 
 void host_exec_q_step(void)
 {
-    if (!host_stepped || inside || !host_holds_dispatcher())
+    /* Inside a message this thread is an NPU's: no message runs inside another. */
+    if (!host_stepped || !host_holds_dispatcher())
         return;
     uint32_t left = random_below(kor_exec_q_get_depth(get_global_exec_q()) + 1);
     while (left-- && host_stepped_run_one()) {

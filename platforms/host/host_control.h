@@ -51,7 +51,7 @@ ZAN_EXPORT void zan_host_internal_queues_clear(void);
 /* ---- Table database ---- */
 
 /* Free the index, all objects and the quarantine of a table, stored or not; it may be made again by
- * zan_db_init. Of all tables, and the pool with them. */
+ * zan_db_init. The second: of all tables, and the pool and all recycled memory with them. */
 ZAN_EXPORT void zan_db_fini_table(uint32_t table_id);
 ZAN_EXPORT void zan_db_deinit(void);
 /* Size of the private area of a table's objects, a multiple of 8; before the table's first use. */

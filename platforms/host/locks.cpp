@@ -26,7 +26,7 @@ enum lock_et {
 pthread_mutex_t mutexes[LOCKS] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
                                   PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
                                   PTHREAD_MUTEX_INITIALIZER};
-thread_local uint32_t held;            /* bit n: mutexes[n] */
+thread_local __attribute__((tls_model("initial-exec"))) uint32_t held; /* bit n: mutexes[n] */
 thread_local uint32_t hardware_closed; /* kor_hw_access_complete without its counterpart */
 
 int take(lock_et lock)

@@ -9,7 +9,9 @@
  */
 #include "table_database.h"
 #include "clock.h"
+#include "graph_area.h"
 #include "host_assert.h"
+#include "host_blocks.h"
 #include "host_control.h"
 #include "locks.h"
 #include "quarantine.h"
@@ -151,6 +153,8 @@ void zan_db_deinit(void)
         zan_db_fini_table(table_id);
     radix_nodes_release();
     host_pool_close();
+    host_ranks_release();
+    host_blocks_trim();
 }
 
 /* ---- Search ---- */

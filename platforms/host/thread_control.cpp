@@ -19,7 +19,9 @@
 namespace
 {
 
-thread_local host_identity_t self = {ZAN_THREAD_NONE, -1, 0, false};
+/* Asked on every allocation: initial-exec spares the call that a shared library makes for it. */
+thread_local __attribute__((tls_model("initial-exec")))
+host_identity_t self = {ZAN_THREAD_NONE, -1, 0, false};
 std::atomic<bool> dispatcher_spawned;
 
 /* HOST_YIELD_*. */
@@ -28,6 +30,7 @@ std::atomic<int> attention;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
 bool dispatcher_inside, frr_inside;
+uint32_t dispatcher_depth;    /* entries of the dispatcher thread, one inside the other */
 uint64_t next_ticket, served; /* tickets below `served` have had their turn */
 
 void let_frr_threads_in(void)
@@ -163,8 +166,9 @@ void zan_dispatcher_enter(void)
 {
     HOST_ASSERT(self.role == ZAN_THREAD_DISPATCHER, "the dispatcher thread");
     pthread_mutex_lock(&mutex);
-    while (frr_inside)
+    while (dispatcher_depth == 0 && frr_inside)
         pthread_cond_wait(&changed, &mutex);
+    dispatcher_depth++;
     dispatcher_inside = true;
     pthread_mutex_unlock(&mutex);
 }
@@ -173,8 +177,11 @@ void zan_dispatcher_leave(void)
 {
     HOST_ASSERT(self.role == ZAN_THREAD_DISPATCHER, "the dispatcher thread");
     pthread_mutex_lock(&mutex);
-    dispatcher_inside = false;
-    pthread_cond_broadcast(&changed);
+    HOST_ASSERT(dispatcher_depth > 0, "each leave follows an enter");
+    if (--dispatcher_depth == 0) {
+        dispatcher_inside = false;
+        pthread_cond_broadcast(&changed);
+    }
     pthread_mutex_unlock(&mutex);
 }
 

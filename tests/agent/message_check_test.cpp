@@ -8,6 +8,7 @@
  */
 #include "message_check.h"
 #include "message_invariants.h"
+#include "wire_batches.h"
 
 #include <gtest/gtest.h>
 
@@ -39,49 +40,10 @@ message_facts_t facts()
     return {num_npus, private_sizes(), {1'700'000'000, 0}};
 }
 
-/* A batch under construction. */
-struct wire_t {
-    zan_batch_frame_st frame = {};
-    std::vector<uint64_t> words; /* aligned storage of the objects */
-    size_t len = 0;
-    std::vector<size_t> at;
-
-    uint8_t *bytes()
-    {
-        return (uint8_t *)words.data();
-    }
-    zan_table_base_st *obj(size_t i)
-    {
-        return (zan_table_base_st *)(bytes() + at[i]);
-    }
-    void add(const zan_table_base_st *heap, uint8_t operation, uint32_t flag = 0)
-    {
-        const zan_table_def_t *def = zan_table_def_get(heap->table_id);
-        at.push_back(len);
-        const size_t size =
-            def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, heap));
-        words.resize((len + size) / 8);
-        zan_obj_serialize(def, 0, heap, bytes() + len);
-        len += size;
-        obj(at.size() - 1)->table_operation = operation;
-        obj(at.size() - 1)->flag |= flag;
-        frame.hdr.msg_len = (uint32_t)len;
-        frame.hdr.num_resp = (uint32_t)at.size();
-    }
-    void add(const char *table, const char *text, uint8_t operation, uint32_t flag = 0)
-    {
-        char why[256] = "";
-        zan_table_base_st *heap =
-            zan_obj_parse(zan_table_def_find(table), text, why, sizeof why);
-        ASSERT_TRUE(heap) << table << " " << text << ": " << why;
-        add(heap, operation, flag);
-        free(heap);
-    }
-    message_verdict_t check()
-    {
-        return message_check(facts(), frame, bytes(), len);
-    }
-};
+message_verdict_t check(wire_t *wire)
+{
+    return message_check(facts(), wire->frame, wire->bytes(), wire->len);
+}
 
 /* Three creates, one of them with members, and a read. */
 wire_t good_batch()
@@ -99,11 +61,6 @@ wire_t good_batch()
 template <typename value_t> void put(zan_table_base_st *obj, uint32_t offset, value_t value)
 {
     memcpy((uint8_t *)obj + offset, &value, sizeof value);
-}
-
-const zan_table_def_t *def_of(uint16_t id)
-{
-    return zan_table_def_get(id);
 }
 
 uint32_t attr_offset(uint16_t id, const char *name)
@@ -226,7 +183,7 @@ TEST(message_check, names_object_and_field_of_each_fault)
         SCOPED_TRACE(fault.what);
         wire_t wire = good_batch();
         fault.make(&wire);
-        const message_verdict_t v = wire.check();
+        const message_verdict_t v = check(&wire);
         EXPECT_FALSE(v.ok);
         EXPECT_EQ(v.object_index, fault.object);
         EXPECT_STREQ(v.field, fault.field);
@@ -238,7 +195,7 @@ TEST(message_check, names_object_and_field_of_each_fault)
 TEST(message_check, accepts_what_is_well_formed)
 {
     wire_t wire = good_batch();
-    const message_verdict_t v = wire.check();
+    const message_verdict_t v = check(&wire);
     EXPECT_TRUE(v.ok) << v.object_index << " " << v.field << " " << v.reason;
     EXPECT_EQ(v.num_objects, 4u);
     EXPECT_TRUE(v.answers_in_place);
@@ -249,8 +206,8 @@ TEST(message_check, accepts_what_is_well_formed)
         async.add("iproute", "vrf_id=0 prefix=10.0.0.0/8", ZAN_TABLE_CREATE,
                   ZAN_FLAG_IS_ASYNC_DISPATCH | ZAN_FLAG_USE_ASYNC_BARRIER);
     async.frame.hdr.num_resp = 1;
-    EXPECT_TRUE(async.check().ok);
-    EXPECT_TRUE(async.check().is_async);
+    EXPECT_TRUE(check(&async).ok);
+    EXPECT_TRUE(check(&async).is_async);
 }
 
 /* The dynamic part may stand behind a gap of the private area's size, and nothing else fits. */
@@ -266,7 +223,7 @@ TEST(message_check, takes_the_gap_of_the_private_area)
     wire.len += gap;
     wire.frame.hdr.msg_len += gap;
     wire.obj(0)->total_obj_size += gap;
-    EXPECT_TRUE(wire.check().ok);
+    EXPECT_TRUE(check(&wire).ok);
     for (uint32_t i = 0; i < gap; i++)
         EXPECT_EQ(wire.bytes()[def->obj_size + i], 0) << "the gap is the platform's";
     EXPECT_EQ(*(uint32_t *)(wire.bytes() + def->obj_size + gap), 7u) << "the members are not";
@@ -285,7 +242,7 @@ TEST(message_check, clears_what_only_the_server_may_write)
     obj->client_epoch = 5;
     obj->obj_handle = 0x1234;
     obj->base_trans_id = 6;
-    EXPECT_TRUE(wire.check().ok);
+    EXPECT_TRUE(check(&wire).ok);
     EXPECT_EQ(find_broken_invariant(facts(), wire.frame, wire.bytes(), wire.len, 4, false), "");
     EXPECT_EQ(obj->client_time.tv_sec, facts().now.tv_sec);
     EXPECT_EQ(obj->client_epoch, 5u) << "the client's own";
@@ -308,70 +265,16 @@ TEST(message_check, every_table)
             wire.add(heap, ZAN_TABLE_CREATE);
             free(heap);
             wire_t cut = wire;
-            const message_verdict_t v = wire.check();
+            const message_verdict_t v = check(&wire);
             EXPECT_TRUE(v.ok) << v.field << ": " << v.reason;
             cut.len -= 8;
             cut.frame.hdr.msg_len -= 8;
-            EXPECT_FALSE(cut.check().ok);
+            EXPECT_FALSE(check(&cut).ok);
         }
     }
 }
 
 /* ---- Mutation ---- */
-
-wire_t random_batch(std::mt19937_64 *rng)
-{
-    static const uint8_t operations[] = {ZAN_TABLE_CREATE,    ZAN_TABLE_CREATE,
-                                         ZAN_TABLE_GET,       ZAN_TABLE_GET_FIRST,
-                                         ZAN_TABLE_GET_GT_EQ, ZAN_TABLE_GET_NEXT,
-                                         ZAN_TABLE_REPLAY_START};
-    wire_t wire;
-    const unsigned count = 1 + (unsigned)((*rng)() % 4);
-    const bool async = (*rng)() % 4 == 0;
-    for (unsigned i = 0; i < count; i++) {
-        const zan_table_def_t *def = def_of((uint16_t)((*rng)() % ZAN_NUM_TABLES));
-        zan_table_base_st *heap = zan_obj_ctor(def, 0, (uint32_t)((*rng)() % 4));
-        heap->key_len = def->key_size;
-        heap->obj_handle = (*rng)() % 8 ? 0 : (*rng)();
-        wire.add(heap, async ? (uint8_t)ZAN_TABLE_CREATE
-                             : operations[(*rng)() % std::size(operations)],
-                 async ? ZAN_FLAG_IS_ASYNC_DISPATCH : 0);
-        free(heap);
-    }
-    return wire;
-}
-
-/* A byte, a bit, an aligned word of the header with an interesting value, or a cut. */
-void mutate(wire_t *wire, std::mt19937_64 *rng)
-{
-    static const uint64_t words[] = {0, 1, 7, 8, 192, 0x7fffffff, 0xffffffff, ~0ull};
-    uint8_t *bytes = wire->bytes();
-    const size_t at = (*rng)() % wire->len;
-    switch ((*rng)() % 5) {
-    case 0:
-        bytes[at] = (uint8_t)(*rng)();
-        break;
-    case 1:
-        bytes[at] ^= (uint8_t)(1u << ((*rng)() % 8));
-        break;
-    case 2: {
-        const size_t obj = wire->at[(*rng)() % wire->at.size()];
-        const size_t in_header = (*rng)() % 24 * 8; /* 192 bytes */
-        const uint64_t word = words[(*rng)() % std::size(words)];
-        memcpy(bytes + obj + in_header, &word, (*rng)() % 2 ? 4 : 8);
-        break;
-    }
-    case 3: {
-        const size_t less = 8 * (1 + (*rng)() % 8);
-        if (less < wire->len)
-            wire->len -= less;
-        wire->frame.hdr.msg_len = (uint32_t)wire->len;
-        break;
-    }
-    default:
-        bytes[at] = (uint8_t)((*rng)() % 3); /* where an is-set byte or a Boolean may stand */
-    }
-}
 
 TEST(message_check, mutated_batches_never_break_an_invariant)
 {

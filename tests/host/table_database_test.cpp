@@ -240,6 +240,25 @@ TEST_F(table_database, a_slab_that_empties_serves_another_table)
     EXPECT_EQ(host_pool_slabs_in_use(), slabs);
 }
 
+TEST_F(table_database, large_blocks_use_the_room_that_others_left)
+{
+    constexpr size_t slab = 65536;
+    auto alloc = [](size_t size) { return (uint8_t *)zan_shm_dyn_alloc(NODE_ID, size); };
+    uint8_t *a = alloc(3 * slab), *b = alloc(3 * slab), *c = alloc(3 * slab),
+            *end = alloc(2 * slab);
+    for (uint8_t *block : {a, c, b}) /* the last closes the gap between its neighbours */
+        zan_shm_free(block);
+    uint8_t *joined = alloc(9 * slab);
+    EXPECT_EQ(joined, a);
+    zan_shm_free(joined);
+    uint8_t *part = alloc(4 * slab), *rest = alloc(5 * slab);
+    EXPECT_EQ(part, a);
+    EXPECT_EQ(rest, a + 4 * slab);
+    for (uint8_t *block : {end, part, rest})
+        zan_shm_free(block);
+    EXPECT_EQ(alloc(20 * slab), a) << "all of it is one room again";
+}
+
 TEST_F(table_database, freeing_a_wrong_block_ends_the_process)
 {
     zan_table_base_st *obj = node_stored(NODE_ID, 1);

@@ -32,6 +32,7 @@ struct batch_t {
     bool keep_going;
     zan_rcode batch_rc; /* the first failure that was not forgiven */
     int32_t last_rc;
+    uint32_t looked_ahead; /* objects from the current one on whose lookups were announced */
 };
 
 void start_iterator(zan_dispatch_msg_t *msg, uint8_t *bytes, zan_table_response_st *resp,
@@ -89,13 +90,21 @@ uint32_t disp_msg_get_num_objs(const zan_dispatch_msg_t *msg_ctx)
     return msg_ctx->curr_resp_idx + 1;
 }
 
-/* The next object's header is the first thing that will be touched once this one is done. */
-void look_ahead(const zan_dispatch_msg_t *msg)
+/* The batch is known ahead: what the lookups of the next objects will touch is on its way to the cache
+ * while the first of them is worked on. */
+void look_ahead(batch_t *batch)
 {
-    const auto *next = (const uint8_t *)msg->curr_obj + msg->curr_obj->total_obj_size;
-    if (msg->len_remain > (int32_t)msg->curr_obj->total_obj_size)
-        for (uint32_t line = 0; line < 4; line++)
-            __builtin_prefetch(next + 64 * line);
+    const zan_table_base_st *lookups[ZAN_DB_PREFETCH_MAX];
+    const zan_table_base_st *obj = batch->msg.curr_obj;
+    int64_t left = batch->msg.len_remain;
+    uint32_t n = 0;
+    while (n < ZAN_DB_PREFETCH_MAX && left > 0 && obj->total_obj_size != 0) {
+        lookups[n++] = obj;
+        left -= obj->total_obj_size;
+        obj = (const zan_table_base_st *)((const uint8_t *)obj + obj->total_obj_size);
+    }
+    zan_db_prefetch(lookups, n);
+    batch->looked_ahead = n;
 }
 
 /* A failure of one object: it stops the batch unless the slot says that it is forgiven. */
@@ -145,7 +154,9 @@ void run_object(batch_t *batch)
     zan_table_response_st *slot = batch->msg.curr_resp;
     const uint16_t table_id = obj->table_id;
     timespec start = {}, end = {}, duration = {};
-    look_ahead(&batch->msg);
+    if (batch->looked_ahead == 0)
+        look_ahead(batch);
+    batch->looked_ahead--;
     zan_clock_gettime(CLOCK_REALTIME_COARSE, &start);
     batch->last_client_time = obj->client_time;
     table_update_first_op(table_id, &start, obj->base_trans_id, 1);

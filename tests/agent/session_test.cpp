@@ -1,0 +1,489 @@
+/* Sessions with a real agent: a process of its own, with the host platform and two simulated NPUs.
+ *
+ * One part uses the client library as its users do. The other sends what no client of ours would send,
+ * over raw sockets, and after each offence a second client must still be served. Every test ends with
+ * the agent's orderly stop: a process that died of anything fails the test.
+ */
+#include "wire_batches.h"
+#include "zan_client.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+struct free_t {
+    void operator()(void *block) const
+    {
+        free(block);
+    }
+    void operator()(zan_batch_t *batch) const
+    {
+        zan_batch_free(batch);
+    }
+};
+using object_t = std::unique_ptr<zan_table_base_st, free_t>;
+using batch_t = std::unique_ptr<zan_batch_t, free_t>;
+
+object_t parse(const char *table, const std::string &text)
+{
+    char why[256] = "";
+    object_t obj(zan_obj_parse(zan_table_def_find(table), text.c_str(), why, sizeof why));
+    EXPECT_TRUE(obj) << table << " " << text << ": " << why;
+    return obj;
+}
+
+class session : public testing::Test
+{
+  protected:
+    std::string directory, path;
+    pid_t agent = -1;
+    zan_client_t *client = nullptr;
+
+    void SetUp() override
+    {
+        char name[] = "/tmp/zan_session.XXXXXX";
+        directory = mkdtemp(name);
+        path = directory + "/agent.sock";
+        start({});
+        client = connect_client();
+        ASSERT_TRUE(client);
+    }
+    void start(std::vector<std::string> more)
+    {
+        std::vector<std::string> words = {ZAN_AGENT_PROGRAM, "--socket", path};
+        words.insert(words.end(), more.begin(), more.end());
+        std::vector<char *> argv;
+        for (std::string &word : words)
+            argv.push_back(word.data());
+        argv.push_back(nullptr);
+        agent = fork();
+        if (agent == 0) {
+            dup2(open((directory + "/log").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600), 1);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+    }
+    zan_client_t *connect_client()
+    {
+        char why[512] = "";
+        for (int tries = 0; tries < 600; tries++) {
+            zan_client_t *c = zan_client_connect(path.c_str(), "test", why, sizeof why);
+            if (c || !strstr(why, "no agent"))
+                return c;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        ADD_FAILURE() << why;
+        return nullptr;
+    }
+    void TearDown() override
+    {
+        zan_client_close(client);
+        kill(agent, SIGTERM);
+        int status = 0;
+        EXPECT_EQ(waitpid(agent, &status, 0), agent);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "the agent ended with status 0x" << std::hex << status;
+        EXPECT_FALSE(std::filesystem::exists(path)) << "the socket is removed at the end";
+        std::filesystem::remove_all(directory);
+    }
+
+    /* The code of one create. */
+    zan_rcode create(const char *table, const std::string &text)
+    {
+        const batch_t batch(zan_batch_new(0, 0));
+        const object_t obj = parse(table, text);
+        EXPECT_EQ(zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_CREATE), 0);
+        EXPECT_EQ(zan_client_run(client, batch.get()), 0) << zan_client_error(client);
+        return zan_batch_rc(batch.get(), 0);
+    }
+    zan_rcode read(const char *table, const std::string &text, std::string *out,
+                   uint8_t operation = ZAN_TABLE_GET)
+    {
+        const object_t lookup = parse(table, text);
+        zan_rcode rc = ZAN_RC_BAD_ARGUMENT;
+        zan_table_base_st *found = nullptr;
+        EXPECT_EQ(zan_client_read(client, operation, lookup.get(), &rc, &found), 0)
+            << zan_client_error(client);
+        const object_t owned(found);
+        char print[65536] = "";
+        if (found)
+            zan_obj_print(zan_table_def_find(table), found, print, sizeof print);
+        *out = print;
+        return rc;
+    }
+    void expect_alive()
+    {
+        zan_status_st status;
+        zan_table_status_st *tables = nullptr;
+        EXPECT_EQ(zan_client_status(client, &status, &tables), 0) << zan_client_error(client);
+        free(tables);
+    }
+
+    /* ---- Without the library ---- */
+
+    int open_raw()
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        memcpy(address.sun_path, path.c_str(), path.size());
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        EXPECT_EQ(connect(fd, (const sockaddr *)&address, sizeof address), 0);
+        return fd;
+    }
+    static void send_raw(int fd, const void *bytes, size_t len)
+    {
+        for (size_t at = 0; at < len;) {
+            const ssize_t n = send(fd, (const uint8_t *)bytes + at, len - at, MSG_NOSIGNAL);
+            if (n <= 0)
+                return;
+            at += (size_t)n;
+        }
+    }
+    static void send_frame(int fd, uint16_t type, const void *payload, uint32_t length)
+    {
+        const zan_frame_hdr_st hdr = {length, type, 0, 1};
+        send_raw(fd, &hdr, sizeof hdr);
+        send_raw(fd, payload, length);
+    }
+    static zan_hello_st good_hello()
+    {
+        zan_hello_st hello = {};
+        hello.magic = ZAN_WIRE_MAGIC;
+        hello.version = ZAN_WIRE_VERSION;
+        hello.fingerprint = zan_schema_fingerprint;
+        return hello;
+    }
+    int open_greeted()
+    {
+        const int fd = open_raw();
+        const zan_hello_st hello = good_hello();
+        send_frame(fd, ZAN_FRAME_HELLO, &hello, sizeof hello);
+        EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_HELLO_REPLY);
+        return fd;
+    }
+    struct reply_t {
+        zan_frame_hdr_st hdr;
+        std::vector<uint8_t> payload;
+        std::string error() const
+        {
+            return hdr.type == ZAN_FRAME_ERROR && payload.size() == sizeof(zan_error_st)
+                       ? ((const zan_error_st *)payload.data())->text
+                       : "";
+        }
+    };
+    /* A whole frame; type 0 when the agent closed. */
+    static reply_t receive(int fd)
+    {
+        reply_t reply = {};
+        if (recv(fd, &reply.hdr, sizeof reply.hdr, MSG_WAITALL) != (ssize_t)sizeof reply.hdr)
+            return {};
+        reply.payload.resize(reply.hdr.length);
+        if (reply.hdr.length && recv(fd, reply.payload.data(), reply.hdr.length, MSG_WAITALL) !=
+                                    (ssize_t)reply.hdr.length)
+            return {};
+        return reply;
+    }
+    static bool is_closed(int fd)
+    {
+        char byte;
+        return recv(fd, &byte, 1, 0) <= 0;
+    }
+};
+
+std::string group_text(int id, int members)
+{
+    std::string text = "nhg_id=" + std::to_string(id);
+    for (int m = 0; m < members; m++)
+        text += " weight[" + std::to_string(m) + "]=" + std::to_string(m + 1);
+    return text;
+}
+
+TEST_F(session, creates_reads_and_walks)
+{
+    EXPECT_EQ(zan_client_node(client)->num_npus, 2u);
+    EXPECT_EQ(create("l3intf", "intf=300 ipv4_mtu=1500"), (zan_rcode)EOK);
+    EXPECT_EQ(create("l3intf", "intf=5 ipv4_mtu=9000"), (zan_rcode)EOK);
+    EXPECT_EQ(create("l3intf", "intf=5 ipv4_mtu=9000"), ZAN_RC_EXISTS);
+    std::string text;
+    EXPECT_EQ(read("l3intf", "intf=300", &text), (zan_rcode)EOK);
+    EXPECT_EQ(text, "intf=300 ipv4_mtu=1500");
+    EXPECT_EQ(read("l3intf", "intf=301", &text), ZAN_RC_NOT_FOUND);
+    EXPECT_EQ(read("l3intf", "intf=5", &text, ZAN_TABLE_GET_NEXT), (zan_rcode)EOK);
+    EXPECT_EQ(text, "intf=300 ipv4_mtu=1500");
+
+    std::string walk;
+    zan_rcode rc;
+    const auto visit = [](const zan_table_base_st *obj, void *arg) {
+        char key[64];
+        const zan_table_def_t *def = zan_table_def_get(obj->table_id);
+        zan_key_print(def, zan_obj_key(def, obj), key, sizeof key);
+        *(std::string *)arg += std::string(key) + ";";
+        return 0;
+    };
+    EXPECT_EQ(zan_client_walk(client, zan_table_def_find("l3intf"), nullptr, visit, &walk, &rc),
+              0);
+    EXPECT_EQ(rc, (zan_rcode)EOK);
+    EXPECT_EQ(walk, "intf=5;intf=300;");
+
+    zan_compare_reply_st comparison;
+    zan_difference_st *differences;
+    ASSERT_EQ(zan_client_compare(client, ZAN_WIRE_NO_INDEX, 10, &comparison, &differences), 0);
+    free(differences);
+    EXPECT_EQ(comparison.compared, 4u);
+    EXPECT_EQ(comparison.missing + comparison.different + comparison.surplus, 0u);
+}
+
+/* The request has room for fewer, for as many, and for more members than the stored object has. */
+TEST_F(session, reads_objects_of_any_member_count)
+{
+    for (const int members : {0, 1, 3, 8, 9, 40, 1000}) {
+        SCOPED_TRACE(members);
+        EXPECT_EQ(create("ipnhgroup", group_text(members + 1, members)), (zan_rcode)EOK);
+        std::string text;
+        EXPECT_EQ(read("ipnhgroup", "nhg_id=" + std::to_string(members + 1), &text),
+                  (zan_rcode)EOK);
+        const std::string last =
+            "weight[" + std::to_string(members - 1) + "]=" + std::to_string(members);
+        EXPECT_EQ(text.find(last) != std::string::npos, members > 0) << text;
+        EXPECT_EQ(text.find("weight[" + std::to_string(members) + "]"), std::string::npos);
+    }
+}
+
+/* A read with room to spare must not move the objects behind it in the batch. */
+TEST_F(session, reads_with_room_to_spare_in_mid_batch)
+{
+    EXPECT_EQ(create("ipnhgroup", group_text(1, 2)), (zan_rcode)EOK);
+    const batch_t batch(zan_batch_new(0, 0));
+    const object_t request = parse("ipnhgroup", "nhg_id=1 num_elements=30");
+    for (int i = 0; i < 3; i++)
+        zan_batch_append(batch.get(), request.get(), ZAN_TABLE_GET);
+    ASSERT_EQ(zan_client_run(client, batch.get()), 0) << zan_client_error(client);
+    for (uint32_t i = 0; i < 3; i++) {
+        EXPECT_EQ(zan_batch_rc(batch.get(), i), (zan_rcode)EOK);
+        const object_t found(zan_batch_object(batch.get(), i));
+        ASSERT_TRUE(found);
+        EXPECT_EQ(zan_obj_num_elements(zan_table_def_find("ipnhgroup"), found.get()), 2u);
+    }
+}
+
+TEST_F(session, decides_handles_at_their_use)
+{
+    EXPECT_EQ(create("l3intf", "intf=1 ipv4_mtu=1500"), (zan_rcode)EOK);
+    std::string text;
+    for (const char *handle : {"handle=0x1", "handle=0xdeadbeef", "handle=0xffffffffffffffff",
+                               "handle=0x7fffffff0000"})
+        EXPECT_EQ(read("l3intf", handle, &text), ZAN_RC_NOT_FOUND) << handle;
+    EXPECT_NE(create("macllnh", "intf=1 adj_id=1 l3intf_obj.l3intf.handle=0x123450"),
+              (zan_rcode)EOK);
+
+    /* The true one works, but not for another table. */
+    const object_t lookup = parse("l3intf", "intf=1");
+    zan_rcode rc;
+    zan_table_base_st *found;
+    ASSERT_EQ(zan_client_read(client, ZAN_TABLE_GET, lookup.get(), &rc, &found), 0);
+    ASSERT_TRUE(found);
+    const std::string handle = "handle=" + std::to_string(found->obj_handle);
+    free(found);
+    EXPECT_EQ(read("l3intf", handle, &text), (zan_rcode)EOK);
+    EXPECT_EQ(read("ipnh", handle, &text), ZAN_RC_NOT_FOUND);
+}
+
+TEST_F(session, refuses_a_batch_and_goes_on)
+{
+    const batch_t batch(zan_batch_new(0, 0));
+    const object_t obj = parse("l3intf", "intf=1 ipv4_mtu=1500");
+    zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_CREATE);
+    zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_DELETE);
+    EXPECT_EQ(zan_client_run(client, batch.get()), -1);
+    ASSERT_TRUE(zan_client_refusal(client));
+    EXPECT_EQ(zan_client_refusal(client)->object_index, 1u);
+    EXPECT_STREQ(zan_client_refusal(client)->field, "table_operation");
+    EXPECT_STREQ(zan_client_error(client),
+                 "object 1: table_operation: updates and deletes are not served yet");
+    EXPECT_FALSE(zan_client_lost(client));
+    std::string text;
+    EXPECT_EQ(read("l3intf", "intf=1", &text), ZAN_RC_NOT_FOUND) << "no part of it was run";
+}
+
+TEST_F(session, pipelines_replies_in_order)
+{
+    std::vector<batch_t> batches;
+    for (int i = 0; i < (int)ZAN_PIPELINE_MAX; i++) {
+        batches.emplace_back(zan_batch_new(0, 0));
+        const object_t obj = parse("l3intf", "intf=" + std::to_string(i / 2 + 1));
+        zan_batch_append(batches[i].get(), obj.get(), ZAN_TABLE_CREATE);
+        EXPECT_EQ(zan_client_submit(client, batches[i].get()), 0);
+    }
+    EXPECT_EQ(zan_client_submit(client, batches[0].get()), -1) << "that is one too many";
+    for (int i = 0; i < (int)ZAN_PIPELINE_MAX; i++) {
+        EXPECT_EQ(zan_client_complete(client, batches[i].get()), 0) << zan_client_error(client);
+        EXPECT_EQ(zan_batch_rc(batches[i].get(), 0), i % 2 ? ZAN_RC_EXISTS : (zan_rcode)EOK);
+    }
+}
+
+/* ---- Hostile input ---- */
+
+TEST_F(session, refuses_strange_hellos)
+{
+    struct {
+        const char *words;
+        void (*spoil)(zan_hello_st *);
+    } const cases[] = {
+        {"no hello of its clients", [](zan_hello_st *h) { h->magic ^= 1; }},
+        {"version 2", [](zan_hello_st *h) { h->version = 2; }},
+        {"other table definitions", [](zan_hello_st *h) { h->fingerprint++; }},
+    };
+    for (const auto &c : cases) {
+        const int fd = open_raw();
+        zan_hello_st hello = good_hello();
+        c.spoil(&hello);
+        send_frame(fd, ZAN_FRAME_HELLO, &hello, sizeof hello);
+        EXPECT_NE(receive(fd).error().find(c.words), std::string::npos) << c.words;
+        EXPECT_TRUE(is_closed(fd));
+        close(fd);
+    }
+    const int fd = open_raw();
+    send_frame(fd, ZAN_FRAME_STATUS, nullptr, 0);
+    EXPECT_NE(receive(fd).error().find("begin with a hello"), std::string::npos);
+    close(fd);
+    expect_alive();
+}
+
+TEST_F(session, refuses_strange_frames)
+{
+    const zan_frame_hdr_st frames[] = {
+        {ZAN_FRAME_MAX + 1, ZAN_FRAME_BATCH, 0, 1}, {0xffffffff, ZAN_FRAME_BATCH, 0, 1},
+        {0, 77, 0, 1},                              {0, ZAN_FRAME_STATUS, 9, 1},
+        {0, ZAN_FRAME_BATCH_REPLY, 0, 1},           {0, ZAN_FRAME_HELLO, 0, 1},
+    };
+    for (const zan_frame_hdr_st &hdr : frames) {
+        const int fd = open_greeted();
+        send_raw(fd, &hdr, sizeof hdr);
+        EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << hdr.length << " " << hdr.type;
+        EXPECT_TRUE(is_closed(fd));
+        close(fd);
+    }
+    /* These are whole frames: the request is refused and the session goes on. */
+    const int fd = open_greeted();
+    send_frame(fd, ZAN_FRAME_BATCH, "12345678", 8);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    send_frame(fd, ZAN_FRAME_COMPARE, "1234", 4);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    const zan_compare_st compare = {9999, 1};
+    send_frame(fd, ZAN_FRAME_COMPARE, &compare, sizeof compare);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    send_frame(fd, ZAN_FRAME_STATUS, nullptr, 0);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_STATUS_REPLY);
+    close(fd);
+    expect_alive();
+}
+
+TEST_F(session, survives_noise_and_broken_connections)
+{
+    std::mt19937_64 rng(7);
+    for (int round = 0; round < 300; round++) {
+        const int fd = round % 2 ? open_greeted() : open_raw();
+        uint8_t noise[512];
+        for (uint8_t &byte : noise)
+            byte = (uint8_t)rng();
+        const size_t len = rng() % sizeof noise;
+        if (round % 3 == 0) { /* a frame that promises more than comes */
+            const zan_frame_hdr_st hdr = {(uint32_t)(len + 1 + rng() % 100000), ZAN_FRAME_BATCH, 0,
+                                          1};
+            send_raw(fd, &hdr, sizeof hdr);
+        }
+        send_raw(fd, noise, len);
+        close(fd);
+    }
+    expect_alive();
+}
+
+/* A client that asks and never reads its answers fills its own session and nothing else. */
+TEST_F(session, serves_others_beside_a_client_that_does_not_read)
+{
+    const int fd = open_greeted();
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+    const zan_frame_hdr_st status = {0, ZAN_FRAME_STATUS, 0, 1};
+    size_t sent = 0;
+    for (int quiet = 0; quiet < 20;) {
+        const ssize_t n = send(fd, &status, sizeof status, MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += (size_t)n;
+            quiet = 0;
+        } else {
+            ASSERT_EQ(errno, EAGAIN);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            quiet++;
+        }
+    }
+    EXPECT_GT(sent, 0u);
+    expect_alive();
+    close(fd);
+}
+
+TEST_F(session, refuses_the_client_too_many)
+{
+    std::vector<int> fds;
+    for (uint32_t i = 1; i < ZAN_CLIENTS_MAX; i++)
+        fds.push_back(open_greeted());
+    const int fd = open_raw();
+    EXPECT_NE(receive(fd).error().find("as many clients as it can"), std::string::npos);
+    close(fd);
+    expect_alive();
+    for (const int each : fds)
+        close(each);
+    for (int tries = 0; tries < 100; tries++) { /* its seats are free again */
+        const int again = open_raw();
+        const zan_hello_st hello = good_hello();
+        send_frame(again, ZAN_FRAME_HELLO, &hello, sizeof hello);
+        const bool greeted = receive(again).hdr.type == ZAN_FRAME_HELLO_REPLY;
+        close(again);
+        if (greeted)
+            return;
+    }
+    ADD_FAILURE() << "no seat is free again";
+}
+
+/* What the message check lets pass must be harmless in the server itself. */
+TEST_F(session, survives_mutated_batches)
+{
+    std::mt19937_64 rng(4711);
+    const int fd = open_greeted();
+    unsigned run = 0, refused = 0;
+    for (unsigned round = 0; round < 4000; round++) {
+        wire_t wire = random_batch(&rng);
+        for (unsigned n = (unsigned)(rng() % 4); n; n--)
+            mutate(&wire, &rng);
+        wire.frame.payload_alloc_sz = rng() % 2 ? 256 : 0;
+        std::vector<uint8_t> payload(sizeof wire.frame + wire.len);
+        memcpy(payload.data(), &wire.frame, sizeof wire.frame);
+        memcpy(payload.data() + sizeof wire.frame, wire.bytes(), wire.len);
+        send_frame(fd, ZAN_FRAME_BATCH, payload.data(), (uint32_t)payload.size());
+        const uint16_t type = receive(fd).hdr.type;
+        ASSERT_TRUE(type == ZAN_FRAME_BATCH_REPLY || type == ZAN_FRAME_ERROR)
+            << "round " << round << ": the agent is gone";
+        (type == ZAN_FRAME_ERROR ? refused : run)++;
+    }
+    EXPECT_GT(run, 500u);
+    EXPECT_GT(refused, 500u);
+    close(fd);
+    expect_alive();
+}
+
+} // namespace
