@@ -23,7 +23,7 @@ constexpr uint32_t room_to_make = 64; /* messages */
 
 kor_exec_q_st records;
 
-bool unwaited; /* the last broadcast has not been waited for: its positions are in wait_for */
+bool unwaited; /* the last broadcast awaits its answers: its positions are in wait_for */
 bool armed;    /* kor_exec_q_resp_wait has something to wait for */
 bool stopped;
 zan_host_perf_exercise_f perf_exercise;
@@ -67,6 +67,7 @@ bool make_room(kor_npu_mask_t mask, uint32_t messages)
         const auto npu = (uint32_t)__builtin_ctzll(left);
         target[npu] = sent_of(npu) + room_to_make - HOST_RING_SLOTS;
     }
+    host_rings_wake_owed();
     const bool held = host_programming_lock_drop();
     host_rings_wait(target, host_exec.resp_period_us.load());
     host_programming_lock_retake(held);
@@ -141,6 +142,11 @@ void zan_host_exec_q_hold(kor_npu_mask_t mask)
         host_ring_wake(npu);
 }
 
+void host_exec_q_flush(void)
+{
+    host_rings_wake_owed();
+}
+
 /* ---- Send ---- */
 
 kor_exec_q_st *get_global_exec_q(void)
@@ -163,13 +169,16 @@ int kor_exec_q_req_bcast(kor_exec_q_st *, zan_exec_q_msg_st *head, kor_npu_mask_
         msg->gate->closed.store((uint32_t)__builtin_popcountll(mask), std::memory_order_relaxed);
     }
     host_exec_msg_t *gate = msg->gate;
-    msg->comes_home = head->payload->is_async;
+    const bool comes_home = head->payload->is_async;
+    msg->comes_home = comes_home;
     push(msg, mask); /* from here on the message may be gone */
-    unwaited = true;
+    unwaited = !comes_home;
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
         host_exec.rings[npu].wait_for = mask >> npu & 1 ? sent_of(npu) : 0;
     if (gate)
         push(gate, all_npus());
+    if (!comes_home)
+        host_rings_wake_owed();
     host_exec_q_step();
     return 0;
 }
@@ -183,6 +192,7 @@ void zan_exec_q_enqueue_async_batch_end_msg(uint32_t table_id)
         return;
     msg->table_id = table_id;
     push(msg, all_npus());
+    host_rings_wake_owed();
     host_exec_q_step();
 }
 
@@ -222,6 +232,7 @@ int kor_exec_q_resp_wait(kor_exec_q_st *)
 {
     if (!armed)
         return 0;
+    host_rings_wake_owed();
     uint64_t target[ZAN_MAX_NPUS];
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
         target[npu] = host_exec.rings[npu].wait_for;

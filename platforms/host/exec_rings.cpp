@@ -1,6 +1,7 @@
 /* Rings, and the NPU threads.
  *
- * A push costs a store and a load while the NPU's thread is awake; a futex wake when it is parked.
+ * A push costs a store. A parked thread is woken for a run of messages, not for each: when 64 wait for
+ * it, when somebody waits for it, and at the end of a batch.
  * Before it parks a thread looks again for a while: it spins if the machine has cores for all
  * threads here, else it lets the others run first, which halves the cost of a message with 3 NPUs
  * on 2 cores.
@@ -179,7 +180,24 @@ void host_ring_push(uint32_t npu, host_exec_msg_t *msg)
     const uint64_t at = ring->sent.load(std::memory_order_relaxed);
     ring->slots[at % HOST_RING_SLOTS] = msg;
     ring->sent.store(at + 1);
+    if (at + 1 - ring->woken_for < HOST_RING_WAKE_BATCH) {
+        host_exec.wakes_owed = true;
+        return;
+    }
+    ring->woken_for = at + 1;
     host_ring_wake(npu);
+}
+
+void host_rings_wake_owed(void)
+{
+    if (!host_exec.wakes_owed)
+        return;
+    host_exec.wakes_owed = false;
+    for (uint32_t npu = 0; npu < host_exec.num_npus; npu++) {
+        host_ring_t *ring = &host_exec.rings[npu];
+        ring->woken_for = ring->sent.load(std::memory_order_relaxed);
+        host_ring_wake(npu);
+    }
 }
 
 void host_ring_wake(uint32_t npu)

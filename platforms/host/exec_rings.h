@@ -51,6 +51,7 @@ typedef struct host_ring_t {
     std::atomic<uint64_t> wake_at; /* the producer waits for `done` to reach it; UINT64_MAX: no */
     uint64_t wait_for;             /* producer: `done` of the wait that is armed */
     uint64_t done_seen;            /* producer: `done` when it was last read */
+    uint64_t woken_for;            /* producer: `sent` when the thread was last woken */
     alignas(64) std::atomic<uint64_t> done;
     std::atomic<zan_rcode> last_rc;
     alignas(64) std::atomic<uint32_t> parked; /* futex: 1 while the thread sleeps */
@@ -61,6 +62,7 @@ typedef struct host_ring_t {
 typedef struct host_exec_t {
     uint32_t num_npus; /* 0: not started */
     bool spin;         /* there are cores for it */
+    bool wakes_owed;   /* producer: a ring has messages that its thread was not woken for */
     host_ring_t *rings;
     std::atomic<bool> quit;
     std::atomic<uint64_t> held;      /* NPUs that start no message */
@@ -79,8 +81,12 @@ void host_threads_join(void);
 bool host_ring_can_run(uint32_t npu);
 /* Run it; false when there is none that may run. Under the NPU's identity. */
 bool host_ring_run_one(uint32_t npu);
-/* Append to the ring, which has room, and wake its thread. Producer. */
+/* Append to the ring, which has room. A parked thread is left to sleep: the producer wakes it once
+ * there are HOST_RING_WAKE_BATCH messages for it, or by host_rings_wake_owed. Producer. */
+#define HOST_RING_WAKE_BATCH 64u
 void host_ring_push(uint32_t npu, host_exec_msg_t *msg);
+/* Wake every thread that sleeps on messages. One load when there is none. Producer. */
+void host_rings_wake_owed(void);
 /* Wake the NPU's thread if it is parked. */
 void host_ring_wake(uint32_t npu);
 /* All rings have done what target[npu] says. */

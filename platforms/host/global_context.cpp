@@ -45,6 +45,7 @@ zan_rcode zan_host_start(const zan_host_config_t *config)
 void zan_host_stop(void)
 {
     zan_host_exec_q_stop();
+    zan_host_internal_queues_clear();
     zan_host_identifiers_reset();
     started = false;
 }

@@ -6,6 +6,7 @@
  */
 #include "internal_queues.h"
 #include "host_control.h"
+#include "host_threads.h"
 #include "shared_pool.h"
 #include "table_database.h"
 #include "table_properties.h"
@@ -175,8 +176,10 @@ bool zan_host_east_west_inject(zan_host_east_west_f function, void *arg)
     return true;
 }
 
+/* The last thing that a batch does: here at the latest the NPU threads hear of what it sent. */
 void zan_dsp_q_process_east_west(void)
 {
+    host_exec_q_flush();
     if (ZAN_LIKELY(!east_west_first.load(std::memory_order_relaxed)))
         return;
     pthread_mutex_lock(&east_west_mutex);

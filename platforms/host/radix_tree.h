@@ -9,7 +9,7 @@
 #ifndef ZAN_HOST_RADIX_TREE_H
 #define ZAN_HOST_RADIX_TREE_H
 
-#include "zan_table_def.h"
+#include "zan_tables_private.h"
 
 typedef struct host_radix_tree_t {
     const zan_table_def_t *def; /* how a key is read from an object */
@@ -39,6 +39,14 @@ zan_table_base_st *host_radix_find(const host_radix_tree_t *tree, const uint8_t 
 zan_table_base_st *host_radix_first(const host_radix_tree_t *tree);
 zan_table_base_st *host_radix_bound(const host_radix_tree_t *tree, const uint8_t *key,
                                     host_radix_bound_et bound);
+
+/* Bring towards the cache what searches for these keys will read. */
+#define HOST_RADIX_PREFETCH_MAX 16u
+typedef struct host_radix_search_t {
+    const host_radix_tree_t *tree;
+    uint8_t key[ZAN_KEY_BYTES_MAX];
+} host_radix_search_t;
+void host_radix_prefetch(const host_radix_search_t *searches, uint32_t count);
 
 /* Give all nodes back; the objects stay as they are. */
 void host_radix_clear(host_radix_tree_t *tree);

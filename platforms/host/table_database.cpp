@@ -173,6 +173,23 @@ zan_table_base_st *zan_db_get(const zan_table_base_st *lookup)
     return host_radix_find(&table->index, key);
 }
 
+static_assert(HOST_RADIX_PREFETCH_MAX >= ZAN_DB_PREFETCH_MAX);
+
+void zan_db_prefetch(const zan_table_base_st *const *lookups, uint32_t count)
+{
+    host_radix_search_t searches[ZAN_DB_PREFETCH_MAX];
+    uint32_t n = 0;
+    for (uint32_t i = 0; i < count && i < ZAN_DB_PREFETCH_MAX; i++) {
+        const table_t *table = lookups[i]->obj_handle ? nullptr : table_of(lookups[i]);
+        if (!table || !table->index.root)
+            continue;
+        searches[n].tree = &table->index;
+        encode(table, lookups[i], searches[n].key);
+        n++;
+    }
+    host_radix_prefetch(searches, n);
+}
+
 zan_table_base_st *zan_db_get_first(const zan_table_base_st *lookup)
 {
     const table_t *table = table_of(lookup);

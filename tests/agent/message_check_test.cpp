@@ -1,10 +1,11 @@
 /* The message check: what is refused, and that what is accepted can do no harm.
  *
- * A table of single faults says for each the object and the field that the refusal must name. A seeded
- * mutation of well-formed batches of all tables then looks for anything that slips through: an
- * accepted batch must satisfy every assertion that the server makes about its input, and be clean of
- * what only the server may write. Run under the sanitizers, the same test finds reads beyond the
- * batch. The corpus holds batches that were once interesting; it is shared with the fuzzer.
+ * A table of single faults says for each the object and the field that the refusal must name. A
+ * seeded mutation of well-formed batches of all tables then looks for anything that slips through:
+ * an accepted batch must satisfy every assertion that the server makes about its input, and be
+ * clean of what only the server may write. Run under the sanitizers, the same test finds reads
+ * beyond the batch. The corpus holds batches that were once interesting; it is shared with the
+ * fuzzer.
  */
 #include "message_check.h"
 #include "message_invariants.h"
@@ -52,8 +53,7 @@ wire_t good_batch()
     wire.add("l3intf", "intf=1 ipv4_mtu=1500 urpf_mode=loose npu_mask_req=0x3", ZAN_TABLE_CREATE);
     wire.add("ipnhgroup", "nhg_id=1 nexthop_next_obj[0].ipnh.nh_id=1 weight[1]=2",
              ZAN_TABLE_CREATE);
-    wire.add("iproute", "vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=1",
-             ZAN_TABLE_CREATE);
+    wire.add("iproute", "vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=1", ZAN_TABLE_CREATE);
     wire.add("iproute", "vrf_id=0 prefix=10.0.0.0/8", ZAN_TABLE_GET);
     return wire;
 }
@@ -102,8 +102,8 @@ const fault_t faults[] = {
      "total_obj_size", "the batch ends"},
     {"size below the fixed part", [](wire_t *w) { w->obj(3)->total_obj_size -= 8; }, 3,
      "total_obj_size", "fixed part"},
-    {"size without its members",
-     [](wire_t *w) { w->obj(1)->total_obj_size -= 8; }, 1, "total_obj_size", "2 members"},
+    {"size without its members", [](wire_t *w) { w->obj(1)->total_obj_size -= 8; }, 1,
+     "total_obj_size", "2 members"},
     {"unknown table", [](wire_t *w) { w->obj(2)->table_id = ZAN_NUM_TABLES; }, 2, "table_id", ""},
     {"more members than fit",
      [](wire_t *w) { put(w->obj(1), def_of(ipnhgroup)->num_elements_offset, 3u); }, 1,
@@ -113,14 +113,14 @@ const fault_t faults[] = {
      "num_elements", ""},
     {"reserve", [](wire_t *w) { w->obj(0)->table_operation = ZAN_TABLE_RESERVE; }, 0,
      "table_operation", ""},
-    {"event", [](wire_t *w) { w->obj(0)->table_operation = ZAN_TABLE_EVENT; }, 0,
-     "table_operation", ""},
+    {"event", [](wire_t *w) { w->obj(0)->table_operation = ZAN_TABLE_EVENT; }, 0, "table_operation",
+     ""},
     {"update", [](wire_t *w) { w->obj(2)->table_operation = ZAN_TABLE_UPDATE; }, 2,
      "table_operation", "not served yet"},
     {"delete", [](wire_t *w) { w->obj(2)->table_operation = ZAN_TABLE_DELETE; }, 2,
      "table_operation", "not served yet"},
-    {"no such operation", [](wire_t *w) { w->obj(2)->table_operation = 200; }, 2,
-     "table_operation", "200"},
+    {"no such operation", [](wire_t *w) { w->obj(2)->table_operation = 200; }, 2, "table_operation",
+     "200"},
     {"end of download where there is none",
      [](wire_t *w) { w->obj(2)->table_operation = ZAN_TABLE_EOD; }, 2, "table_operation",
      "end of download"},
@@ -139,10 +139,9 @@ const fault_t faults[] = {
     {"unused flag", [](wire_t *w) { w->obj(2)->flag |= 1u << 31; }, 2, "flag", "bit 31"},
     {"barrier on a synchronous table",
      [](wire_t *w) { w->obj(0)->flag |= ZAN_FLAG_USE_ASYNC_BARRIER; }, 0, "flag", "barrier"},
-    {"read option on a write", [](wire_t *w) { w->obj(2)->getopt_mask = ZAN_GETOPT_STALE_ONLY; },
-     2, "getopt_mask", ""},
-    {"unknown read option", [](wire_t *w) { w->obj(3)->getopt_mask = 0x10; }, 3, "getopt_mask",
-     ""},
+    {"read option on a write", [](wire_t *w) { w->obj(2)->getopt_mask = ZAN_GETOPT_STALE_ONLY; }, 2,
+     "getopt_mask", ""},
+    {"unknown read option", [](wire_t *w) { w->obj(3)->getopt_mask = 0x10; }, 3, "getopt_mask", ""},
     {"text without payload", [](wire_t *w) { w->obj(3)->getopt_mask = ZAN_GETOPT_SHOW_BUFFER; }, 3,
      "getopt_mask", "payload"},
     {"unknown write kind", [](wire_t *w) { w->obj(2)->write_kind = 20; }, 2, "write_kind", ""},
@@ -150,12 +149,11 @@ const fault_t faults[] = {
     {"key of another size", [](wire_t *w) { w->obj(2)->key_len = 4; }, 2, "key_len", ""},
     {"create without a key", [](wire_t *w) { w->obj(2)->key_len = 0; }, 2, "key_len", ""},
     {"read without key and handle", [](wire_t *w) { w->obj(3)->key_len = 0; }, 3, "key_len", ""},
-    {"NPU that is none",
-     [](wire_t *w) { *zan_obj_npu_mask_req(def_of(l3intf), w->obj(0)) = 0x4; }, 0, "npu_mask_req",
-     "NPU 2"},
+    {"NPU that is none", [](wire_t *w) { *zan_obj_npu_mask_req(def_of(l3intf), w->obj(0)) = 0x4; },
+     0, "npu_mask_req", "NPU 2"},
     {"is-set byte of the mask",
-     [](wire_t *w) { *zan_obj_npu_mask_req_set(def_of(l3intf), w->obj(0)) = 2; }, 0,
-     "npu_mask_req", ""},
+     [](wire_t *w) { *zan_obj_npu_mask_req_set(def_of(l3intf), w->obj(0)) = 2; }, 0, "npu_mask_req",
+     ""},
     {"enumeration", [](wire_t *w) { put(w->obj(0), attr_offset(l3intf, "urpf_mode"), 77u); }, 0,
      "urpf_mode", ""},
     {"prefix length",
@@ -171,10 +169,8 @@ const fault_t faults[] = {
      },
      2, "prefix", ""},
     {"selector without a variant",
-     [](wire_t *w) {
-         zan_obj_union(&def_of(iproute)->unions[0], w->obj(2), 0)->selector = 9;
-     },
-     2, "next_obj", ""},
+     [](wire_t *w) { zan_obj_union(&def_of(iproute)->unions[0], w->obj(2), 0)->selector = 9; }, 2,
+     "next_obj", ""},
 };
 
 TEST(message_check, names_object_and_field_of_each_fault)

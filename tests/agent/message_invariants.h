@@ -1,5 +1,6 @@
 /* What the server asserts about a batch, and what must be clear in it: an oracle beside the message
- * check, for the test and the fuzzer. Written from the server's side: it walks as the server walks. */
+ * check, for the test and the fuzzer. Written from the server's side: it walks as the server walks.
+ */
 #ifndef MESSAGE_INVARIANTS_H
 #define MESSAGE_INVARIANTS_H
 

@@ -1,9 +1,10 @@
 /* Sessions with a real agent: a process of its own, with the host platform and two simulated NPUs.
  *
- * One part uses the client library as its users do. The other sends what no client of ours would send,
- * over raw sockets, and after each offence a second client must still be served. Every test ends with
- * the agent's orderly stop: a process that died of anything fails the test.
+ * One part uses the client library as its users do. The other sends what no client of ours would
+ * send, over raw sockets, and after each offence a second client must still be served. Every test
+ * ends with the agent's orderly stop: a process that died of anything fails the test.
  */
+#include "agent_process.h"
 #include "wire_batches.h"
 #include "zan_client.h"
 
@@ -11,9 +12,7 @@
 
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,7 +20,6 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -50,57 +48,22 @@ object_t parse(const char *table, const std::string &text)
 
 class session : public testing::Test
 {
-  protected:
-    std::string directory, path;
-    pid_t agent = -1;
+protected:
+    agent_process_t process;
+    std::string path;
     zan_client_t *client = nullptr;
 
     void SetUp() override
     {
-        char name[] = "/tmp/zan_session.XXXXXX";
-        directory = mkdtemp(name);
-        path = directory + "/agent.sock";
-        start({});
-        client = connect_client();
+        process.start({});
+        path = process.socket_path;
+        client = process.connect();
         ASSERT_TRUE(client);
-    }
-    void start(std::vector<std::string> more)
-    {
-        std::vector<std::string> words = {ZAN_AGENT_PROGRAM, "--socket", path};
-        words.insert(words.end(), more.begin(), more.end());
-        std::vector<char *> argv;
-        for (std::string &word : words)
-            argv.push_back(word.data());
-        argv.push_back(nullptr);
-        agent = fork();
-        if (agent == 0) {
-            dup2(open((directory + "/log").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600), 1);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-    }
-    zan_client_t *connect_client()
-    {
-        char why[512] = "";
-        for (int tries = 0; tries < 600; tries++) {
-            zan_client_t *c = zan_client_connect(path.c_str(), "test", why, sizeof why);
-            if (c || !strstr(why, "no agent"))
-                return c;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        ADD_FAILURE() << why;
-        return nullptr;
     }
     void TearDown() override
     {
         zan_client_close(client);
-        kill(agent, SIGTERM);
-        int status = 0;
-        EXPECT_EQ(waitpid(agent, &status, 0), agent);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-            << "the agent ended with status 0x" << std::hex << status;
-        EXPECT_FALSE(std::filesystem::exists(path)) << "the socket is removed at the end";
-        std::filesystem::remove_all(directory);
+        process.stop();
     }
 
     /* The code of one create. */
@@ -236,8 +199,7 @@ TEST_F(session, creates_reads_and_walks)
         *(std::string *)arg += std::string(key) + ";";
         return 0;
     };
-    EXPECT_EQ(zan_client_walk(client, zan_table_def_find("l3intf"), nullptr, visit, &walk, &rc),
-              0);
+    EXPECT_EQ(zan_client_walk(client, zan_table_def_find("l3intf"), nullptr, visit, &walk, &rc), 0);
     EXPECT_EQ(rc, (zan_rcode)EOK);
     EXPECT_EQ(walk, "intf=5;intf=300;");
 
@@ -286,8 +248,8 @@ TEST_F(session, decides_handles_at_their_use)
 {
     EXPECT_EQ(create("l3intf", "intf=1 ipv4_mtu=1500"), (zan_rcode)EOK);
     std::string text;
-    for (const char *handle : {"handle=0x1", "handle=0xdeadbeef", "handle=0xffffffffffffffff",
-                               "handle=0x7fffffff0000"})
+    for (const char *handle :
+         {"handle=0x1", "handle=0xdeadbeef", "handle=0xffffffffffffffff", "handle=0x7fffffff0000"})
         EXPECT_EQ(read("l3intf", handle, &text), ZAN_RC_NOT_FOUND) << handle;
     EXPECT_NE(create("macllnh", "intf=1 adj_id=1 l3intf_obj.l3intf.handle=0x123450"),
               (zan_rcode)EOK);
@@ -368,9 +330,12 @@ TEST_F(session, refuses_strange_hellos)
 TEST_F(session, refuses_strange_frames)
 {
     const zan_frame_hdr_st frames[] = {
-        {ZAN_FRAME_MAX + 1, ZAN_FRAME_BATCH, 0, 1}, {0xffffffff, ZAN_FRAME_BATCH, 0, 1},
-        {0, 77, 0, 1},                              {0, ZAN_FRAME_STATUS, 9, 1},
-        {0, ZAN_FRAME_BATCH_REPLY, 0, 1},           {0, ZAN_FRAME_HELLO, 0, 1},
+        {ZAN_FRAME_MAX + 1, ZAN_FRAME_BATCH, 0, 1},
+        {0xffffffff, ZAN_FRAME_BATCH, 0, 1},
+        {0, 77, 0, 1},
+        {0, ZAN_FRAME_STATUS, 9, 1},
+        {0, ZAN_FRAME_BATCH_REPLY, 0, 1},
+        {0, ZAN_FRAME_HELLO, 0, 1},
     };
     for (const zan_frame_hdr_st &hdr : frames) {
         const int fd = open_greeted();

@@ -36,8 +36,7 @@ struct wire_t {
     {
         const zan_table_def_t *def = zan_table_def_get(heap->table_id);
         at.push_back(len);
-        const size_t size =
-            def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, heap));
+        const size_t size = def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, heap));
         words.resize((len + size) / 8);
         zan_obj_serialize(def, 0, heap, bytes() + len);
         len += size;
@@ -49,8 +48,7 @@ struct wire_t {
     void add(const char *table, const char *text, uint8_t operation, uint32_t flag = 0)
     {
         char why[256] = "";
-        zan_table_base_st *heap =
-            zan_obj_parse(zan_table_def_find(table), text, why, sizeof why);
+        zan_table_base_st *heap = zan_obj_parse(zan_table_def_find(table), text, why, sizeof why);
         ASSERT_TRUE(heap) << table << " " << text << ": " << why;
         add(heap, operation, flag);
         free(heap);
@@ -60,10 +58,9 @@ struct wire_t {
 /* One to four objects of any tables; one batch in four is asynchronous. */
 inline wire_t random_batch(std::mt19937_64 *rng)
 {
-    static const uint8_t operations[] = {ZAN_TABLE_CREATE,    ZAN_TABLE_CREATE,
-                                         ZAN_TABLE_GET,       ZAN_TABLE_GET_FIRST,
-                                         ZAN_TABLE_GET_GT_EQ, ZAN_TABLE_GET_NEXT,
-                                         ZAN_TABLE_REPLAY_START};
+    static const uint8_t operations[] = {
+        ZAN_TABLE_CREATE,    ZAN_TABLE_CREATE,   ZAN_TABLE_GET,         ZAN_TABLE_GET_FIRST,
+        ZAN_TABLE_GET_GT_EQ, ZAN_TABLE_GET_NEXT, ZAN_TABLE_REPLAY_START};
     static const uint16_t getopts[] = {ZAN_GETOPT_STALE_ONLY, ZAN_GETOPT_FORMAT_TEXT,
                                        ZAN_GETOPT_STOP_QUEUES_A, ZAN_GETOPT_SHOW_BUFFER};
     wire_t wire;
@@ -76,8 +73,8 @@ inline wire_t random_batch(std::mt19937_64 *rng)
         heap->obj_handle = (*rng)() % 8 ? 0 : (*rng)();
         if ((*rng)() % 2)
             heap->flag |= (*rng)() % 2 ? ZAN_FLAG_RETRY_MODE : ZAN_FLAG_CARRY;
-        wire.add(heap, async ? (uint8_t)ZAN_TABLE_CREATE
-                             : operations[(*rng)() % std::size(operations)],
+        wire.add(heap,
+                 async ? (uint8_t)ZAN_TABLE_CREATE : operations[(*rng)() % std::size(operations)],
                  async ? ZAN_FLAG_IS_ASYNC_DISPATCH : 0);
         free(heap);
         zan_table_base_st *obj = wire.obj(i);

@@ -230,8 +230,7 @@ TEST_P(exec_queue, stopped_queues_stand_still_behind_what_they_hold)
         for (uint32_t npu = 0; npu < num_npus; npu++)
             ASSERT_EQ(log_of(npu).size(), done);
         zan_exec_q_sync_ctrl_allow_all_queues();
-        zan_exec_q_sync_ctrl();
-        ASSERT_EQ(wait(), 0);
+        drain();
         ASSERT_EQ(log_of(num_npus - 1).back(), 99);
     }
 }
@@ -259,8 +258,7 @@ TEST_P(exec_queue, nobody_passes_a_barrier_before_all_have_done_it)
         send_async(round * 10, all);
         ASSERT_EQ(send_async(round * 10 + 1, mask, true), 0);
         send_async(round * 10 + 2, all);
-        zan_exec_q_sync_ctrl();
-        ASSERT_EQ(wait(), 0);
+        drain();
         ASSERT_EQ(passed_early, 0u) << "round " << round;
         zan_dsp_q_process_post_npu();
     }
@@ -274,8 +272,7 @@ TEST_P(exec_queue, a_full_ring_blocks_and_then_refuses)
         if (id % 16 == 0)
             zan_dsp_q_process_post_npu();
     }
-    zan_exec_q_sync_ctrl();
-    ASSERT_EQ(wait(), 0);
+    drain();
     zan_dsp_q_process_post_npu();
     EXPECT_EQ(log_of(0).size(), many);
 
@@ -301,8 +298,7 @@ TEST_P(exec_queue, an_asynchronous_write_comes_home_to_the_dispatcher)
 {
     for (uint32_t id = 0; id < 100; id++)
         send_async(id, all);
-    zan_exec_q_sync_ctrl();
-    ASSERT_EQ(wait(), 0);
+    drain();
     EXPECT_GT(zan_heap_blocks_in_use(), blocks_before);
     std::thread([&] {
         const uint64_t before = zan_heap_blocks_in_use();
@@ -327,8 +323,7 @@ TEST_P(exec_queue, copies_of_a_held_walk_context_stay_with_it)
     zan_exec_q_msg_st *msg = zan_exec_q_msg_alloc(get_global_exec_q());
     msg->payload = record;
     ASSERT_EQ(kor_exec_q_req_bcast(get_global_exec_q(), msg, all), 0);
-    zan_exec_q_sync_ctrl();
-    ASSERT_EQ(wait(), 0);
+    drain();
     zan_dsp_q_process_post_npu();
     EXPECT_EQ(zan_heap_blocks_in_use(), blocks_before + 1);
     zan_heap_free(walk.old_obj);
@@ -413,8 +408,9 @@ std::vector<uint32_t> run_stepped(uint64_t seed, std::vector<size_t> *after_send
         EXPECT_EQ(zan_threads_server_programming_unlock(), 0) << "still held";
         EXPECT_EQ(zan_threads_server_programming_lock(), 0);
     }
-    zan_exec_q_sync_ctrl();
+    zan_exec_q_sync_ctrl_request_only();
     EXPECT_EQ(kor_exec_q_resp_wait(get_global_exec_q()), 0);
+    zan_exec_q_sync_ctrl_allow_all_queues();
     EXPECT_EQ(order.size(), 150u);
     EXPECT_EQ(zan_threads_server_programming_unlock(), 0);
     zan_host_exec_q_stop();

@@ -57,8 +57,10 @@ zan_table_base_st *zan_server_copy_ctor(const zan_table_def_t *def, const zan_ta
     const uint32_t size =
         def->obj_size + priv + zan_obj_dyn_size(def, zan_obj_num_elements(def, obj));
     auto *copy = (zan_table_base_st *)zan_heap_alloc(size);
-    if (copy)
+    if (copy) {
         zan_obj_copy_to(def, priv, obj, true, copy);
+        zan_dpd_clear_freed_by_post_proc_flag(copy); /* the mark is the original's alone */
+    }
     return copy;
 }
 

@@ -1,0 +1,153 @@
+/* zanctl as people and scripts use it: what it prints, and its exit status. */
+#include "agent_process.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+namespace
+{
+
+class zanctl : public testing::Test
+{
+protected:
+    agent_process_t process;
+
+    void start(const std::vector<std::string> &options)
+    {
+        process.start(options);
+        zan_client_t *client = process.connect();
+        ASSERT_TRUE(client);
+        zan_client_close(client);
+    }
+    void TearDown() override
+    {
+        process.stop();
+    }
+    struct result_t {
+        int status;
+        std::string text; /* both streams */
+    };
+    result_t run(const std::string &arguments) const
+    {
+        const std::string command = std::string(ZANCTL_PROGRAM) + " --socket " +
+                                    process.socket_path + " " + arguments + " 2>&1";
+        FILE *pipe = popen(command.c_str(), "r");
+        result_t result = {-1, ""};
+        char part[4096];
+        while (fgets(part, sizeof part, pipe))
+            result.text += part;
+        result.status = WEXITSTATUS(pclose(pipe));
+        return result;
+    }
+    std::string write_file(const char *name, const std::string &text) const
+    {
+        const std::string path = process.directory + "/" + name;
+        std::ofstream(path) << text;
+        return path;
+    }
+};
+
+TEST_F(zanctl, says_what_was_refused_and_why)
+{
+    start({});
+    const struct {
+        const char *arguments;
+        int status;
+        const char *text; /* in the output */
+    } cases[] = {
+        {"create l3intf intf=100 ipv4_mtu=1500", 0, ""},
+        {"create l3intf intf=100 ipv4_mtu=1500", 1,
+         "create l3intf intf=100 refused: 0x4f908011 ZAN_RC_EXISTS: already exists"},
+        {"--json create l3intf intf=100", 1,
+         "{\"operation\":\"create\",\"table\":\"l3intf\",\"key\":\"intf=100\","
+         "\"code\":\"0x4f908011\",\"name\":\"ZAN_RC_EXISTS\",\"words\":\"already exists\"}"},
+        {"create l3intf intf=101 npu_mask_req=0x10", 1, "npu_mask_req: 0x10 asks for NPU 4"},
+        {"create iproute vrf_id=0 prefix=10.0.0.1/8", 2, "prefix: 10.0.0.1/8"},
+        {"create nonsense a=1", 2, "there is no table nonsense"},
+        {"get l3intf intf=100", 0, "l3intf intf=100 ipv4_mtu=1500\n"},
+        {"get l3intf intf=100 --json", 0, "\"ipv4_mtu\":1500"},
+        {"get l3intf intf=7", 1, "0x2f908002 ZAN_RC_NOT_FOUND"},
+        {"compare", 0, "0 missing, 0 different, 0 too many"},
+        {"--json status", 0, "\"table\":\"l3intf\",\"stored\":1"},
+        {"frobnicate", 2, ""},
+    };
+    for (const auto &c : cases) {
+        const result_t result = run(c.arguments);
+        EXPECT_EQ(result.status, c.status) << c.arguments << "\n" << result.text;
+        EXPECT_NE(result.text.find(c.text), std::string::npos) << c.arguments << "\n"
+                                                               << result.text;
+    }
+}
+
+TEST_F(zanctl, applies_a_file_and_reports_line_by_line)
+{
+    start({});
+    const std::string file = write_file("file", "# parents first\n"
+                                                "create l3intf intf=3 ipv4_mtu=1500\n"
+                                                "create l3intf intf=2\n"
+                                                "delete l3intf intf=3\n"
+                                                "create l3intf intf=2 # again\n"
+                                                "\n"
+                                                "create l3intf intf=1\n"
+                                                "get l3intf intf=1\n");
+    const result_t result = run("apply " + file);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.text.find("line 4: delete l3intf intf=3 refused: table_operation: updates "
+                               "and deletes are not served yet"),
+              std::string::npos)
+        << result.text;
+    EXPECT_NE(result.text.find("line 5: create l3intf intf=2 refused: 0x4f908011"),
+              std::string::npos)
+        << result.text;
+    EXPECT_NE(result.text.find("6 operations, 2 refused"), std::string::npos) << result.text;
+    EXPECT_EQ(run("list l3intf").text,
+              "l3intf intf=1\nl3intf intf=2\nl3intf intf=3 ipv4_mtu=1500\n");
+    EXPECT_EQ(run("list l3intf --from intf=2 --limit 1").text, "l3intf intf=2\n");
+}
+
+TEST_F(zanctl, loads_a_routing_table)
+{
+    start({"--npus", "3"});
+    const std::string file = write_file(
+        "prefixes", "8.0.0.0/8\n9.9.9.0/24\r\n\n# a comment\n2600::/32\n8.8.8.8/32\n8.0.0.0/8\n");
+    const result_t first = run("load " + file);
+    EXPECT_EQ(first.status, 0) << first.text;
+    for (const char *part :
+         {"iproute                 3          3", "ip6route                1          1",
+          "1 prefixes stood in the input more than once", "3 in key order, 0 missing",
+          "refused   nothing", "1020 objects on NPUs: 0 missing, 0 different, 0 too many",
+          "all well"})
+        EXPECT_NE(first.text.find(part), std::string::npos) << part << "\n" << first.text;
+    EXPECT_EQ(run("load " + file).status, 0) << "loading twice is no mistake";
+
+    /* A route that is in the way and differs: refused, and said so. */
+    EXPECT_EQ(run("create iproute vrf_id=0 prefix=7.0.0.0/8 route_type=unicast "
+                  "next_obj.ipnhgroup.nhg_id=64")
+                  .status,
+              0);
+    const std::string other = write_file("other", "7.0.0.0/8\n");
+    const result_t clash = run("load " + other);
+    EXPECT_EQ(clash.status, 1) << clash.text;
+    EXPECT_NE(clash.text.find("not what was sent: next_obj"), std::string::npos) << clash.text;
+    EXPECT_NE(clash.text.find("refused   1: 0x4f908016"), std::string::npos) << clash.text;
+
+    const result_t bad = run("load " + write_file("bad", "8.0.0.0/8\n8.0.0.1/8\n"));
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.text.find("line 2: "), std::string::npos) << bad.text;
+}
+
+TEST_F(zanctl, load_shows_what_the_hardware_lost)
+{
+    start({"--platform", FORGETFUL_PLATFORM});
+    const result_t result = run("load " + write_file("prefixes", "8.0.0.0/8\n"));
+    EXPECT_EQ(result.status, 1) << result.text;
+    EXPECT_NE(result.text.find("NPU 1 missing iproute: vrf_id=0 prefix=8.0.0.0/8 not held"),
+              std::string::npos)
+        << result.text;
+    EXPECT_NE(result.text.find("NOT all well"), std::string::npos) << result.text;
+}
+
+} // namespace
