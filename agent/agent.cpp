@@ -1,0 +1,210 @@
+/* The agent's life: start the host platform, see that the hooks are there, serve, stop in order.
+ *
+ * The calling thread is the dispatcher thread; the transport has one I/O thread of its own, the
+ * host platform its NPU threads. Signals are blocked before any of them is started, and taken by
+ * the I/O thread.
+ */
+#include "zan_agent.h"
+
+#include "requests.h"
+
+#include "exec_queue.h"
+#include "host_start.h"
+#include "internal_queues.h"
+#include "table_database.h"
+#include "table_flows.h"
+#include "table_properties.h"
+#include "thread_control.h"
+
+#include <csignal>
+#include <cstdio>
+#include <new>
+
+#include <dlfcn.h>
+
+namespace
+{
+
+/* While something may be outstanding at the NPUs, the idle dispatcher looks that often, and for so
+ * many rounds after the queues were last seen filled. */
+constexpr int idle_ms = 50;
+constexpr int settle_rounds = 20;
+constexpr int calm_ms = 1000;
+
+template <typename function_t> void look_up(const char *name, function_t *function)
+{
+    *function = (function_t)dlsym(RTLD_DEFAULT, name);
+}
+
+void block_signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+bool start_host(const zan_agent_options_t *options)
+{
+    zan_host_config_t config = {};
+    config.num_npus = options->num_npus;
+    config.per_object_npu_mask = options->per_object_npu_mask;
+    config.standby = options->standby;
+    config.stepped = options->stepped;
+    config.seed = options->seed;
+    const zan_rcode rc = zan_host_start(&config);
+    if (rc != EOK)
+        fprintf(stderr, "zan_agent: the host platform did not start: 0x%08x %s\n", rc,
+                rcd_strerror(rc));
+    return rc == EOK;
+}
+
+void learn_node(node_t *node, const zan_agent_options_t *options)
+{
+    node->npus = npu_control_find();
+    node->facts.fingerprint = zan_schema_fingerprint;
+    node->facts.version = ZAN_WIRE_VERSION;
+    node->facts.num_npus = options->num_npus;
+    if (options->standby)
+        node->facts.node |= ZAN_NODE_STANDBY;
+    if (options->per_object_npu_mask)
+        node->facts.node |= ZAN_NODE_PER_OBJECT_NPU_MASK;
+    if (options->stepped)
+        node->facts.node |= ZAN_NODE_STEPPED;
+    if (node->npus.can_compare())
+        node->facts.node |= ZAN_NODE_CAN_COMPARE;
+    node->started_ms = monotonic_ms();
+    for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
+        node->private_size[id] = kor_npd_get_table_size(id);
+        const srv_zan_table_props_t *props = zan_srv_table_props_get(id);
+        for (int hook = 0; hook < ZAN_HOOK_COUNT; hook++)
+            node->hooks[props->hook_source[hook]]++;
+    }
+}
+
+/* A platform that was bound too late, or not at all, would be silently absent. */
+bool hooks_are_there(const node_t *node, const zan_agent_options_t *options)
+{
+    printf("zan_agent: platform %s: %u hooks bound, %u defaults, %u open\n",
+           options->platform ? options->platform : "none", node->hooks[ZAN_HOOK_PLATFORM],
+           node->hooks[ZAN_HOOK_DEFAULT], node->hooks[ZAN_HOOK_NONE]);
+    fflush(stdout);
+    if (node->hooks[ZAN_HOOK_PLATFORM] || options->allow_no_hooks)
+        return true;
+    fprintf(stderr, "zan_agent: no hook of a platform is bound, so no hardware would be written: "
+                    "name another --platform, or say --no-hooks if that is meant\n");
+    return false;
+}
+
+answer_t run_request(node_t *node, const transport_t *transport, request_t *request)
+{
+    try {
+        switch (request->hdr.type) {
+        case ZAN_FRAME_BATCH:
+            return run_batch(node, request);
+        case ZAN_FRAME_STATUS:
+            return run_status(node, transport);
+        default: /* the transport lets no other type pass */
+            return run_compare(node, *request);
+        }
+    } catch (const std::bad_alloc &) {
+        return {ZAN_FRAME_ERROR, make_error_frame(ZAN_WIRE_UNAVAILABLE, ZAN_WIRE_NO_INDEX, "",
+                                                  "the agent has no memory for the answer")};
+    }
+}
+
+/* Take in what the NPUs are done with. */
+void settle(node_t *node)
+{
+    const dispatcher_hold_t hold;
+    zan_dsp_q_process_post_npu();
+    count_trace_errors(node);
+}
+
+void serve(node_t *node, transport_t *transport)
+{
+    int rounds = 0;
+    for (;;) {
+        request_t request;
+        if (transport_take(transport, rounds ? idle_ms : calm_ms, &request)) {
+            answer_t answer = run_request(node, transport, &request);
+            transport_reply(transport, request, answer.type, std::move(answer.frame));
+            rounds = settle_rounds;
+        } else if (transport_is_stopping(transport)) {
+            return;
+        } else if (rounds) {
+            settle(node);
+            if (kor_exec_q_get_depth(get_global_exec_q()) == 0)
+                rounds--;
+        }
+    }
+}
+
+/* Wait until the NPUs have done what was sent. */
+void drain(node_t *node)
+{
+    {
+        const dispatcher_hold_t hold;
+        const npus_standstill_t standstill;
+    }
+    settle(node);
+}
+
+int serve_until_stopped(const zan_agent_options_t *options)
+{
+    static node_t node;
+    learn_node(&node, options);
+    if (!hooks_are_there(&node, options))
+        return 1;
+    transport_t *transport = transport_start(options->socket_path, node.facts);
+    if (!transport)
+        return 1;
+    printf("zan_agent: %u NPUs%s, %d tables; listening at %s\n", options->num_npus,
+           options->standby ? " on standby" : "", ZAN_NUM_TABLES, options->socket_path);
+    fflush(stdout);
+    serve(&node, transport);
+    drain(&node);
+    transport_stop(transport);
+    printf("zan_agent: stopped after %llu objects in %llu batches\n",
+           (unsigned long long)node.objects, (unsigned long long)node.batches);
+    return 0;
+}
+
+void tear_down()
+{
+    {
+        const dispatcher_hold_t hold;
+        zan_srv_deinit();
+        handle_event_free_allocated_mask();
+    }
+    zan_host_stop();
+}
+
+} // namespace
+
+npu_control_t npu_control_find()
+{
+    npu_control_t control;
+    look_up("npu_sim_count", &control.count);
+    look_up("npu_sim_bytes", &control.bytes);
+    look_up("npu_sim_counts", &control.counts);
+    look_up("npu_sim_compare", &control.compare);
+    return control;
+}
+
+int zan_agent_main(const zan_agent_options_t *options)
+{
+    block_signals();
+    zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
+    if (!start_host(options))
+        return 1;
+    int status = 1;
+    try {
+        status = serve_until_stopped(options);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "zan_agent: %s\n", e.what());
+    }
+    tear_down();
+    return status;
+}

@@ -1,0 +1,55 @@
+/* The requests of clients, run on the dispatcher thread.
+ *
+ * Each function takes a request and gives back the reply: its type, and a frame with room for the
+ * header in front. All of them hold the dispatcher (locks included) while they touch the server.
+ */
+#ifndef ZAN_REQUESTS_H
+#define ZAN_REQUESTS_H
+
+#include "message_check.h"
+#include "npu_control.h"
+#include "transport.h"
+
+/* The node as the dispatcher thread knows it. */
+struct node_t {
+    zan_hello_reply_st facts;
+    npu_control_t npus;
+    uint32_t private_size[ZAN_NUM_TABLES];
+    uint32_t hooks[3];  /* slots by zan_hook_source_et */
+    int64_t started_ms; /* CLOCK_MONOTONIC */
+    uint64_t batches, objects, refused;
+    uint64_t trace_seen, trace_errors; /* last sequence looked at; errors so far */
+};
+
+struct answer_t {
+    uint16_t type; /* zan_frame_type_et */
+    std::vector<uint8_t> frame;
+};
+
+/* The dispatcher and the programming lock, for a scope. */
+struct dispatcher_hold_t {
+    dispatcher_hold_t();
+    ~dispatcher_hold_t();
+    dispatcher_hold_t(const dispatcher_hold_t &) = delete;
+    dispatcher_hold_t &operator=(const dispatcher_hold_t &) = delete;
+};
+
+/* All NPU queues stopped behind what they hold, for a scope under dispatcher_hold_t: what was sent
+ * before is done. `stopped` is false when the queues do not let themselves be stopped. */
+struct npus_standstill_t {
+    bool stopped;
+    npus_standstill_t();
+    ~npus_standstill_t();
+    npus_standstill_t(const npus_standstill_t &) = delete;
+    npus_standstill_t &operator=(const npus_standstill_t &) = delete;
+};
+
+answer_t run_batch(node_t *node, request_t *request);
+answer_t run_status(node_t *node, const transport_t *transport);
+answer_t run_compare(node_t *node, const request_t &request);
+
+/* Count the new errors in the trace ring, before they are overwritten. */
+void count_trace_errors(node_t *node);
+int64_t monotonic_ms();
+
+#endif

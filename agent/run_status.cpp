@@ -1,0 +1,136 @@
+/* The status: figures of the node, of each NPU, and of each table that holds something or was asked
+ * to.
+ */
+#include "requests.h"
+
+#include "exec_queue.h"
+#include "global_context.h"
+#include "host_services.h"
+#include "object_memory.h"
+#include "table_crud_ctx.h"
+#include "table_database.h"
+#include "trace.h"
+
+#include <cstring>
+#include <ctime>
+
+namespace
+{
+
+bool is_error_class(zan_trace_class_t c)
+{
+    if (c < ZAN_SHARED_TRACE_CLASS_BASE)
+        return c % 3 == ZAN_TRACE_LEVEL_ERROR - 1;
+    return c == ZAN_CLASS_ZAN_QUEUE_ERROR__ || c == ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__ ||
+           c == ZAN_CLASS_ZAN_FILE_A_BUGTRK_ERROR__ || c == ZAN_CLASS_ZAN_BWALK_ERROR__ ||
+           c == ZAN_CLASS_ZAN_RETRY_ERROR__;
+}
+
+void fill_npu(const node_t *node, uint32_t npu, zan_npu_status_st *out)
+{
+    out->program_cnt = zan_get_global_ctx()->npu[npu].program_cnt;
+    if (node->npus.bytes)
+        out->bytes = node->npus.bytes(npu);
+    if (!node->npus.counts)
+        return;
+    npu_sim_counts_t counts = {};
+    node->npus.counts(npu, &counts);
+    out->creates = counts.creates;
+    out->updates = counts.updates;
+    out->deletes = counts.deletes;
+    out->gets = counts.gets;
+    out->failures = counts.failures;
+}
+
+void fill_node(const node_t *node, const transport_t *transport, zan_status_st *out)
+{
+    out->node = node->facts.node;
+    out->num_npus = node->facts.num_npus;
+    out->num_clients = transport_num_clients(transport);
+    out->queue_depth = kor_exec_q_get_depth(get_global_exec_q());
+    out->uptime_ms = (uint64_t)(monotonic_ms() - node->started_ms);
+    out->pool_bytes = zan_shm_bytes_in_use();
+    out->index_bytes = zan_db_index_bytes();
+    out->heap_blocks = zan_heap_blocks_in_use();
+    out->trace_errors = node->trace_errors;
+    out->batches = node->batches;
+    out->objects = node->objects;
+    out->refused = node->refused + transport_num_refused(transport);
+    out->hooks_platform = node->hooks[ZAN_HOOK_PLATFORM];
+    out->hooks_default = node->hooks[ZAN_HOOK_DEFAULT];
+    out->hooks_none = node->hooks[ZAN_HOOK_NONE];
+    for (uint32_t npu = 0; npu < out->num_npus; npu++)
+        fill_npu(node, npu, &out->npu[npu]);
+}
+
+/* False for a table that nobody used. */
+bool fill_table(const node_t *node, uint32_t table_id, zan_status_st *status,
+                zan_table_status_st *out)
+{
+    const zan_global_ctx_st *ctx = zan_get_global_ctx();
+    const uint32_t *counters = ctx->counters[0][table_id];
+    memset(out, 0, sizeof *out);
+    out->table_id = table_id;
+    out->stored = zan_db_count(table_id);
+    bool used = out->stored || counters[ZAN_CTR_CREATE];
+    for (uint32_t npu = 0; npu < status->num_npus; npu++) {
+        out->held[npu] = node->npus.count ? node->npus.count(npu, table_id) : 0;
+        out->hw_create_errors[npu] = ctx->table[table_id].npu[npu].create_err_cnt;
+        status->npu[npu].objects += out->held[npu];
+        used |= out->held[npu] != 0;
+    }
+    if (!used)
+        return false;
+    out->index_bytes = zan_db_index_bytes_of(table_id);
+    out->identifiers = zan_host_identifiers_held(table_id);
+    out->creates = counters[ZAN_CTR_CREATE];
+    out->duplicates = counters[ZAN_CTR_CREATE_DUPLICATE];
+    out->resolve_failed = counters[ZAN_CTR_RESOLVE_REF_FAILED];
+    out->bind_failed = counters[ZAN_CTR_BIND_FAILED];
+    out->reserve_failed = counters[ZAN_CTR_CREATE_RESERVE_FAILED];
+    out->insert_failed = counters[ZAN_CTR_INSERT_FAILED_A] + counters[ZAN_CTR_INSERT_FAILED_B];
+    out->hw_failed = counters[ZAN_CTR_CREATE_HW_FAILED];
+    out->rolled_back = counters[ZAN_CTR_CREATE_ROLLED_BACK];
+    return true;
+}
+
+} // namespace
+
+int64_t monotonic_ms()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (int64_t)t.tv_sec * 1000 + t.tv_nsec / 1000000;
+}
+
+void count_trace_errors(node_t *node)
+{
+    constexpr uint32_t chunk = 256;
+    static zan_trace_record_st records[chunk]; /* dispatcher thread only */
+    for (uint32_t n = chunk; n == chunk;) {
+        n = zan_trace_read(node->trace_seen, records, chunk);
+        for (uint32_t i = 0; i < n; i++)
+            node->trace_errors += is_error_class(records[i].trace_class);
+        if (n)
+            node->trace_seen = records[n - 1].sequence;
+    }
+}
+
+answer_t run_status(node_t *node, const transport_t *transport)
+{
+    zan_status_st status = {};
+    zan_table_status_st table;
+    std::vector<uint8_t> frame(sizeof(zan_frame_hdr_st) + sizeof status);
+    const dispatcher_hold_t hold;
+    count_trace_errors(node);
+    fill_node(node, transport, &status);
+    for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
+        if (!fill_table(node, id, &status, &table))
+            continue;
+        const auto *bytes = (const uint8_t *)&table;
+        frame.insert(frame.end(), bytes, bytes + sizeof table);
+        status.num_tables++;
+    }
+    memcpy(frame.data() + sizeof(zan_frame_hdr_st), &status, sizeof status);
+    return {ZAN_FRAME_STATUS_REPLY, std::move(frame)};
+}

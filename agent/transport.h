@@ -1,0 +1,53 @@
+/* The transport: sessions over one Unix-domain socket, served by one I/O thread.
+ *
+ * The I/O thread alone touches sockets and sessions. It hands whole requests to the dispatcher
+ * thread through a bounded queue and takes finished replies back. Nothing is trusted: a frame is
+ * bounded, grows only as its bytes arrive, and must arrive in time; a client that sends nonsense is
+ * told so and cut off; one that does not read its answers is not read from either.
+ */
+#ifndef ZAN_TRANSPORT_H
+#define ZAN_TRANSPORT_H
+
+#include "../client/zan_wire.h"
+#include "zan_table_def.h"
+
+#include <vector>
+
+/* A request that arrived whole. Its payload is 16-byte aligned. */
+struct request_t {
+    uint64_t session;
+    zan_frame_hdr_st hdr;
+    std::vector<uint8_t> payload;
+};
+
+struct transport_t;
+
+/* Listen at `path` and start the I/O thread; `node` is what clients are told of it (client_id is
+ * filled in). Null and a message on standard error when the socket cannot be had. SIGTERM and
+ * SIGINT must be blocked in the whole process: the I/O thread takes them. */
+transport_t *transport_start(const char *path, const zan_hello_reply_st &node);
+
+/* The next request; false when none came in `timeout_ms`, and at once when the transport is
+ * stopping and all requests are taken. Dispatcher thread. */
+bool transport_take(transport_t *transport, int timeout_ms, request_t *out);
+
+/* Send the reply to a request that was taken: each one exactly once. `frame` is header and payload,
+ * the header's length and tag are filled in here. Dispatcher thread. */
+void transport_reply(transport_t *transport, const request_t &request, uint16_t type,
+                     std::vector<uint8_t> frame);
+
+/* A signal asked for the end: no request comes in any more. Any thread. */
+bool transport_is_stopping(const transport_t *transport);
+
+/* Sessions that are open, and messages refused by the I/O thread. Any thread. */
+uint32_t transport_num_clients(const transport_t *transport);
+uint64_t transport_num_refused(const transport_t *transport);
+
+/* Send what is left, for two seconds at most, close everything, free. */
+void transport_stop(transport_t *transport);
+
+/* An error as a frame with room for its header in front. */
+std::vector<uint8_t> make_error_frame(zan_wire_error_et error, uint32_t object_index,
+                                      const char *field, const char *text);
+
+#endif

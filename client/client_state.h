@@ -1,0 +1,51 @@
+/* The records behind the client library's handles, shared by its sources. */
+#ifndef ZAN_CLIENT_STATE_H
+#define ZAN_CLIENT_STATE_H
+
+#include "zan_client.h"
+
+#include <vector>
+
+/* A growing block of bytes, 16-byte aligned. */
+struct byte_block_t {
+    uint8_t *bytes;
+    size_t len, capacity;
+};
+bool block_reserve(byte_block_t *block, size_t len);
+
+struct zan_client_t {
+    int fd;             /* -1: lost */
+    uint64_t next_tag;  /* of the next request */
+    uint64_t reply_tag; /* that the next reply must carry */
+    zan_hello_reply_st node;
+    bool has_refusal;
+    zan_error_st refusal;
+    char error[512];
+};
+
+struct zan_batch_t {
+    uint32_t flags;
+    uint32_t payload;
+    byte_block_t request;          /* frame header, batch frame, objects */
+    std::vector<uint32_t> offsets; /* of the objects, from the start of the first */
+    byte_block_t reply;            /* zan_batch_reply_st, slots, objects */
+    bool answered;
+};
+
+/* Record a failure in words; always -1. */
+__attribute__((format(printf, 2, 3))) int client_fail(zan_client_t *client, const char *format,
+                                                      ...);
+/* The same, and the session is over. */
+__attribute__((format(printf, 2, 3))) int client_lose(zan_client_t *client, const char *format,
+                                                      ...);
+
+/* Send one frame: `frame` is a header with length and type filled in, the payload follows it. */
+int client_send(zan_client_t *client, uint8_t *frame);
+/* Receive the reply to the oldest request into `payload`: its type must be the wanted one. An error
+ * reply becomes the client's refusal. */
+int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload);
+/* Send a frame of a type with a payload, and receive its reply. */
+int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_t length,
+               uint16_t reply_type, byte_block_t *reply);
+
+#endif

@@ -1,0 +1,113 @@
+/* The client library of the table agent: build a batch, send it, read the slots and the objects.
+ *
+ * A client is one session with an agent over its Unix-domain socket. All calls block; one thread at
+ * a time may use a client and its batches, different clients are independent. Functions that return
+ * int give 0, or -1 and then zan_client_error tells why; a batch that the agent refuses was not run
+ * in any part, and the session goes on. After ZAN_CLIENT_LOST every further call fails: connect
+ * again.
+ *
+ *   zan_client_t *client = zan_client_connect(path, "my tool", why, sizeof why);
+ *   zan_batch_t *batch = zan_batch_new(0, 0);
+ *   zan_table_base_st *route = zan_obj_parse(def, "vrf_id=0 prefix=10.0.0.0/8 ...", why, sizeof
+ * why); zan_batch_append(batch, route, ZAN_TABLE_CREATE); if (zan_client_run(client, batch) == 0)
+ *       rc = zan_batch_rc(batch, 0);
+ */
+#ifndef ZAN_CLIENT_H
+#define ZAN_CLIENT_H
+
+#include "zan_tables_private.h"
+#include "zan_wire.h"
+
+typedef struct zan_client_t zan_client_t;
+typedef struct zan_batch_t zan_batch_t;
+
+/* Where the agent listens when nobody says otherwise. */
+#define ZAN_DEFAULT_SOCKET "/run/zan/agent.sock"
+
+ZAN_EXTERN_C_BEGIN
+
+/* ---- Session ---- */
+
+/* Connect and say hello; null and a reason in `why` when there is no agent, or when it was built
+ * from other definitions. `name` is for people, cut to 39 bytes. */
+ZAN_EXPORT zan_client_t *zan_client_connect(const char *socket_path, const char *name, char *why,
+                                            size_t why_size);
+/* Say goodbye and free; null is allowed. Batches under way are lost to the caller. */
+ZAN_EXPORT void zan_client_close(zan_client_t *client);
+
+/* What the agent said of itself. */
+ZAN_EXPORT const zan_hello_reply_st *zan_client_node(const zan_client_t *client);
+
+/* Why the last call failed, in words; the record behind it, with object index and field, when the
+ * agent refused, else null. Valid until the next call. */
+ZAN_EXPORT const char *zan_client_error(const zan_client_t *client);
+ZAN_EXPORT const zan_error_st *zan_client_refusal(const zan_client_t *client);
+/* The session is over: the connection broke or the peer does not keep to the protocol. */
+ZAN_EXPORT bool zan_client_lost(const zan_client_t *client);
+
+/* ---- Batches ---- */
+
+enum {
+    ZAN_BATCH_ASYNC = 1u << 0, /* nobody waits: one slot for all, which reads 0 for two or more */
+    ZAN_BATCH_CONTINUE_ON_ERROR = 1u << 1, /* a failure does not stop the batch */
+};
+
+/* An empty batch whose slots have room for `payload` bytes of text, rounded up to 8. The caller
+ * frees it; null without memory. */
+ZAN_EXPORT zan_batch_t *zan_batch_new(uint32_t flags, uint32_t payload);
+ZAN_EXPORT void zan_batch_free(zan_batch_t *batch); /* null is allowed */
+/* Make it empty again; its memory stays. */
+ZAN_EXPORT void zan_batch_clear(zan_batch_t *batch);
+
+/* Append a copy of an object (any form, pointers valid) with an operation. -1 when the batch would
+ * exceed a frame (send it, then go on) or without memory. */
+ZAN_EXPORT int zan_batch_append(zan_batch_t *batch, const zan_table_base_st *obj,
+                                uint8_t operation);
+ZAN_EXPORT uint32_t zan_batch_count(const zan_batch_t *batch);
+ZAN_EXPORT size_t zan_batch_bytes(const zan_batch_t *batch);
+
+/* Send and wait for the reply. */
+ZAN_EXPORT int zan_client_run(zan_client_t *client, zan_batch_t *batch);
+/* The two halves of it: up to ZAN_PIPELINE_MAX batches may be under way, replies come in the order
+ * of the sends. Between the two the batch must not be touched. */
+ZAN_EXPORT int zan_client_submit(zan_client_t *client, zan_batch_t *batch);
+ZAN_EXPORT int zan_client_complete(zan_client_t *client, zan_batch_t *batch);
+
+/* After a reply: slots answered (one in an asynchronous batch), the code and the slot of an object,
+ * and the object as the agent wrote it back: a heap form that the caller frees with free; null when
+ * nothing was written back, or without memory. */
+ZAN_EXPORT uint32_t zan_batch_slots(const zan_batch_t *batch);
+ZAN_EXPORT zan_rcode zan_batch_rc(const zan_batch_t *batch, uint32_t index);
+ZAN_EXPORT const zan_table_response_st *zan_batch_slot(const zan_batch_t *batch, uint32_t index);
+ZAN_EXPORT zan_table_base_st *zan_batch_object(const zan_batch_t *batch, uint32_t index);
+
+/* ---- Reads ---- */
+
+/* Read one object: ZAN_TABLE_GET, _GET_FIRST, _GET_NEXT or _GET_GT_EQ, by the key or handle of
+ * `lookup` (a heap form of the table). -1 only when no answer came; else *rc is the code, and on
+ * success *out the object, which the caller frees with free. Asks again with more room when the
+ * stored object has more members than expected. */
+ZAN_EXPORT int zan_client_read(zan_client_t *client, uint8_t operation,
+                               const zan_table_base_st *lookup, zan_rcode *rc,
+                               zan_table_base_st **out);
+
+/* Visit a table in key order from the first key that is not below that of `from`, or from the start
+ * when it is null. The visitor does not own the object; a non-zero return ends the walk. *rc is the
+ * code that ended it, 0 when all was visited. */
+typedef int (*zan_client_visit_f)(const zan_table_base_st *obj, void *arg);
+ZAN_EXPORT int zan_client_walk(zan_client_t *client, const zan_table_def_t *def,
+                               const zan_table_base_st *from, zan_client_visit_f visit, void *arg,
+                               zan_rcode *rc);
+
+/* ---- The node ---- */
+
+/* *tables gets status->num_tables records, which the caller frees with free. */
+ZAN_EXPORT int zan_client_status(zan_client_t *client, zan_status_st *status,
+                                 zan_table_status_st **tables);
+/* *differences gets reply->num_differences records, which the caller frees with free. */
+ZAN_EXPORT int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
+                                  zan_compare_reply_st *reply, zan_difference_st **differences);
+
+ZAN_EXTERN_C_END
+
+#endif

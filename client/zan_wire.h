@@ -1,0 +1,170 @@
+/* What goes over the agent's socket.
+ *
+ * A session is a stream of frames in each direction, all numbers in host byte order, since both
+ * ends run on one machine: a header of 16 bytes, then `length` bytes of payload. The client opens
+ * with ZAN_FRAME_HELLO; every request after it gets exactly one reply with the request's tag, in
+ * the order of the requests, and that reply may be ZAN_FRAME_ERROR. docs/wire-format.md tells the
+ * session.
+ */
+#ifndef ZAN_WIRE_H
+#define ZAN_WIRE_H
+
+#include "zan_table_base.h"
+
+#define ZAN_WIRE_MAGIC    0x31304c42544e415aull /* "ZANTBL01" */
+#define ZAN_WIRE_VERSION  1u
+#define ZAN_FRAME_MAX     (64u << 20) /* bytes of a payload */
+#define ZAN_CLIENTS_MAX   64u
+#define ZAN_PIPELINE_MAX  4u /* requests of one client that the agent holds; it reads no further */
+#define ZAN_WIRE_NO_INDEX 0xffffffffu
+
+typedef enum zan_frame_type_et {
+    ZAN_FRAME_HELLO = 1,       /* zan_hello_st */
+    ZAN_FRAME_HELLO_REPLY = 2, /* zan_hello_reply_st */
+    ZAN_FRAME_BATCH = 3,       /* zan_batch_frame_st, then the objects */
+    ZAN_FRAME_BATCH_REPLY = 4, /* zan_batch_reply_st, then the slots, then the objects or nothing */
+    ZAN_FRAME_STATUS = 5,      /* empty */
+    ZAN_FRAME_STATUS_REPLY = 6,  /* zan_status_st, then num_tables zan_table_status_st */
+    ZAN_FRAME_COMPARE = 7,       /* zan_compare_st */
+    ZAN_FRAME_COMPARE_REPLY = 8, /* zan_compare_reply_st, then num_differences zan_difference_st */
+    ZAN_FRAME_GOODBYE = 9,       /* empty, no reply: the session is over */
+    ZAN_FRAME_ERROR = 10,        /* zan_error_st */
+} zan_frame_type_et;
+
+typedef struct zan_frame_hdr_st {
+    uint32_t length; /* of the payload, at most ZAN_FRAME_MAX */
+    uint16_t type;   /* zan_frame_type_et */
+    uint16_t reserved;
+    uint64_t tag; /* the client's; the reply carries it */
+} zan_frame_hdr_st;
+ZAN_STATIC_ASSERT(sizeof(zan_frame_hdr_st) == 16, "frame header");
+
+typedef struct zan_hello_st {
+    uint64_t magic;
+    uint64_t fingerprint; /* zan_schema_fingerprint of the client's definitions */
+    uint32_t version;
+    uint32_t reserved;
+    char name[40]; /* of the client, for people; terminated */
+} zan_hello_st;
+ZAN_STATIC_ASSERT(sizeof(zan_hello_st) == 64, "hello");
+
+/* Bits of zan_hello_reply_st.node and zan_status_st.node. */
+enum {
+    ZAN_NODE_STANDBY = 1u << 0,             /* the database is written, no hardware touched */
+    ZAN_NODE_PER_OBJECT_NPU_MASK = 1u << 1, /* an object's own mask narrows a write */
+    ZAN_NODE_STEPPED = 1u << 2,
+    ZAN_NODE_CAN_COMPARE = 1u << 3, /* the platform tells what its NPUs hold */
+};
+
+typedef struct zan_hello_reply_st {
+    uint64_t fingerprint;
+    uint32_t version;
+    uint32_t client_id; /* the number of the session; it goes into the server's traces */
+    uint32_t num_npus;
+    uint32_t node;
+} zan_hello_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_hello_reply_st) == 24, "hello reply");
+
+/* hdr.client_id is overwritten by the agent. An asynchronous batch has one slot. */
+typedef struct zan_batch_frame_st {
+    kor_table_req_hdr_st hdr;
+    uint32_t payload_alloc_sz; /* of each slot; a multiple of 8 */
+    uint32_t reserved;
+} zan_batch_frame_st;
+ZAN_STATIC_ASSERT(sizeof(zan_batch_frame_st) == 24, "batch frame");
+
+/* The objects are written back when the batch has reads, or creates in a table that answers with
+ * what it stored. The slots take slots_len bytes. */
+typedef struct zan_batch_reply_st {
+    int32_t last_rc; /* how the last object went */
+    uint32_t num_slots;
+    uint32_t payload_alloc_sz;
+    uint32_t slots_len;
+    uint32_t msg_len; /* 0 or the request's */
+    uint32_t reserved;
+} zan_batch_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_batch_reply_st) == 24, "batch reply");
+
+/* What an NPU did and holds; zero where the platform cannot tell. */
+typedef struct zan_npu_status_st {
+    uint64_t program_cnt; /* attempts to program it */
+    uint64_t objects, bytes;
+    uint64_t creates, updates, deletes, gets, failures;
+} zan_npu_status_st;
+
+typedef struct zan_status_st {
+    uint32_t node; /* ZAN_NODE_* */
+    uint32_t num_npus;
+    uint32_t num_clients;
+    uint32_t queue_depth; /* messages waiting for the NPUs */
+    uint64_t uptime_ms;
+    uint64_t pool_bytes;   /* of stored objects */
+    uint64_t index_bytes;  /* of the indices outside the pool */
+    uint64_t heap_blocks;  /* heap copies and records in use */
+    uint64_t trace_errors; /* seen in the trace ring since the start; at least that many */
+    uint64_t batches, objects;
+    uint64_t refused; /* messages that were not well-formed */
+    uint64_t hooks_platform, hooks_default, hooks_none;
+    zan_npu_status_st npu[ZAN_MAX_NPUS];
+    uint32_t num_tables; /* of the tables that hold something or were asked to */
+    uint32_t reserved;
+} zan_status_st;
+
+typedef struct zan_table_status_st {
+    uint64_t stored;
+    uint64_t index_bytes;
+    uint64_t identifiers; /* held, over all NPUs */
+    uint64_t held[ZAN_MAX_NPUS];
+    uint32_t hw_create_errors[ZAN_MAX_NPUS];
+    /* Counters since the start. */
+    uint32_t creates, duplicates, resolve_failed, bind_failed, reserve_failed, insert_failed,
+        hw_failed, rolled_back;
+    uint32_t table_id;
+    uint32_t reserved;
+} zan_table_status_st;
+
+/* Compare the database with what the NPUs hold, all queues stopped meanwhile. */
+typedef struct zan_compare_st {
+    uint32_t table_id;        /* or ZAN_WIRE_NO_INDEX for all tables */
+    uint32_t max_differences; /* to report in full; all are counted */
+} zan_compare_st;
+
+typedef struct zan_compare_reply_st {
+    uint64_t compared;           /* objects times NPUs that should hold them */
+    uint64_t missing, different; /* not held; held with another content */
+    uint64_t surplus;            /* held but not stored, or not for that NPU */
+    uint32_t num_tables;         /* with objects */
+    uint32_t num_differences;
+} zan_compare_reply_st;
+
+typedef enum zan_difference_et {
+    ZAN_DIFFERENCE_MISSING = 1,
+    ZAN_DIFFERENCE_CONTENT = 2,
+    ZAN_DIFFERENCE_SURPLUS = 3, /* of a whole table: no key; `text` tells how many */
+} zan_difference_et;
+
+typedef struct zan_difference_st {
+    uint32_t table_id;
+    uint16_t npu;
+    uint16_t kind;  /* zan_difference_et */
+    char text[184]; /* the key, then what differs; terminated */
+} zan_difference_st;
+ZAN_STATIC_ASSERT(sizeof(zan_difference_st) == 192, "difference");
+
+typedef enum zan_wire_error_et {
+    ZAN_WIRE_BAD_FRAME = 1,   /* the agent closes the session */
+    ZAN_WIRE_BAD_HELLO = 2,   /* likewise */
+    ZAN_WIRE_BAD_BATCH = 3,   /* the batch was not run, the session goes on */
+    ZAN_WIRE_BAD_REQUEST = 4, /* likewise */
+    ZAN_WIRE_UNAVAILABLE = 5, /* too many clients, no memory, or the platform cannot */
+} zan_wire_error_et;
+
+typedef struct zan_error_st {
+    uint32_t error;        /* zan_wire_error_et */
+    uint32_t object_index; /* in the batch, or ZAN_WIRE_NO_INDEX */
+    char field[96];        /* the field at fault, or empty; terminated */
+    char text[256];        /* what is wrong and what to do; terminated */
+} zan_error_st;
+ZAN_STATIC_ASSERT(sizeof(zan_error_st) == 360, "error");
+
+#endif

@@ -1,0 +1,62 @@
+/* zanctl: the agent's command line. Each command takes the open session and gives the exit status:
+ * 0 all went well, 1 something was refused or differs, 2 it could not be done at all. */
+#ifndef ZANCTL_H
+#define ZANCTL_H
+
+#include "zan_client.h"
+
+#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+using json_t = nlohmann::ordered_json;
+
+enum exit_et {
+    EXIT_WELL = 0,
+    EXIT_REFUSED = 1,
+    EXIT_FAILED = 2,
+};
+
+struct session_t {
+    zan_client_t *client;
+    bool json;
+};
+
+struct free_object_t {
+    void operator()(void *block) const
+    {
+        free(block);
+    }
+};
+using object_ptr_t = std::unique_ptr<zan_table_base_st, free_object_t>;
+
+struct free_batch_t {
+    void operator()(zan_batch_t *batch) const
+    {
+        zan_batch_free(batch);
+    }
+};
+using batch_ptr_t = std::unique_ptr<zan_batch_t, free_batch_t>;
+
+int run_create(session_t *session, const std::string &text);
+int run_get(session_t *session, const std::string &text);
+int run_list(session_t *session, const std::string &table, const std::string &from, uint64_t limit);
+int run_apply(session_t *session, const std::string &file);
+int run_status(session_t *session);
+int run_compare(session_t *session, const std::string &table);
+/* The outcome of a comparison, for people. */
+void print_comparison(const zan_compare_reply_st &reply, const zan_difference_st *differences);
+int run_load(session_t *session, const std::vector<std::string> &files);
+
+/* The agent could not be asked: say so. */
+int fail_session(const session_t *session);
+int fail_text(const std::string &text);
+
+/* "0x2f908002", the name and the words of a code; as fields of a JSON object. */
+std::string code_text(zan_rcode rc);
+void put_code(json_t *out, zan_rcode rc);
+std::string key_text(const zan_table_base_st *obj);
+
+#endif
