@@ -132,6 +132,46 @@ void kor_dpd_table_list_init(zan_table_base_st *db_obj)
     memset(&db_obj->dpd, 0, sizeof db_obj->dpd);
 }
 
+static host_parent_slots_t *all_slots;
+
+static host_parent_slots_t *new_slots(uint32_t capacity)
+{
+    auto *slots = (host_parent_slots_t *)host_block_alloc(sizeof(host_parent_slots_t) +
+                                                          capacity * sizeof(host_link_t));
+    if (!slots)
+        return nullptr;
+    slots->capacity = capacity;
+    slots->prev = nullptr;
+    slots->next = all_slots;
+    if (all_slots)
+        all_slots->prev = slots;
+    all_slots = slots;
+    return slots;
+}
+
+static void free_slots(host_graph_area_t *area)
+{
+    host_parent_slots_t *slots = area->slots;
+    if (!slots)
+        return;
+    if (slots->next)
+        slots->next->prev = slots->prev;
+    if (slots->prev)
+        slots->prev->next = slots->next;
+    else
+        all_slots = slots->next;
+    host_block_free(slots);
+    area->slots = nullptr;
+}
+
+void host_parent_slots_release(void)
+{
+    while (host_parent_slots_t *slots = all_slots) {
+        all_slots = slots->next;
+        host_block_free(slots);
+    }
+}
+
 void kor_dpd_parent_init(zan_table_base_st *db_obj, uint32_t max_parents, uint32_t)
 {
     host_graph_area_t *area = host_area(db_obj);
@@ -139,15 +179,10 @@ void kor_dpd_parent_init(zan_table_base_st *db_obj, uint32_t max_parents, uint32
     if (max_parents > UINT16_MAX)
         max_parents = UINT16_MAX;
     if (area->slots && area->slots->capacity < max_parents) {
-        host_block_free(area->slots);
-        area->slots = nullptr;
+        free_slots(area);
     }
-    if (max_parents > 1 && !area->slots) {
-        area->slots = (host_parent_slots_t *)host_block_alloc(sizeof(host_parent_slots_t) +
-                                                              max_parents * sizeof(host_link_t));
-        if (area->slots)
-            area->slots->capacity = max_parents;
-    }
+    if (max_parents > 1 && !area->slots)
+        area->slots = new_slots(max_parents);
     /* Without memory there is the one slot, and the second bind is refused. */
     area->max_parents = (uint16_t)(max_parents > 1 && !area->slots ? 1 : max_parents);
     if (area->dpd_child_cnt == 0)
@@ -213,7 +248,7 @@ void kor_dpd_reset(zan_table_base_st *db_obj, uint32_t)
     host_graph_area_t *area = host_area(db_obj);
     HOST_ASSERT(area->dpd_child_cnt == 0, "an object about to be freed has no children");
     unbind_all(db_obj);
-    host_block_free(area->slots);
+    free_slots(area);
     memset(&db_obj->dpd, 0, sizeof db_obj->dpd);
 }
 

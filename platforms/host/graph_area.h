@@ -26,8 +26,10 @@ typedef struct host_link_t {
 #define HOST_GROUP_LAST  ((uintptr_t)2)
 #define HOST_GROUP_MARKS (HOST_GROUP_FIRST | HOST_GROUP_LAST)
 
-/* Parent slots of an object that has room for more than one. */
+/* Parent slots of an object that has room for more than one. All of them are on one list, since at the
+ * end of the process the objects go without a delete of each. */
 typedef struct host_parent_slots_t {
+    host_parent_slots_t *next, *prev;
     uint32_t capacity;
     host_link_t links[];
 } host_parent_slots_t;
@@ -109,5 +111,10 @@ zan_rcode host_ranks_make_room(const zan_table_base_st *parent, zan_table_base_s
 bool host_ranks_path_exists(zan_table_base_st *from, const zan_table_base_st *to);
 /* Give the work space back. */
 void host_ranks_release(void);
+
+/* ---- Parent slots (dependency_graph.cpp) ---- */
+
+/* Free the parent slots of all objects; no object may be used afterwards. */
+void host_parent_slots_release(void);
 
 #endif

@@ -153,6 +153,7 @@ void zan_db_deinit(void)
         zan_db_fini_table(table_id);
     radix_nodes_release();
     host_pool_close();
+    host_parent_slots_release();
     host_ranks_release();
     host_blocks_trim();
 }

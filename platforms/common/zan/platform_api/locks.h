@@ -1,15 +1,18 @@
 /* The locks that the server shares with its platform.
  *
- * Order, outermost first. Nobody takes one while holding one below it.
+ * Order, outermost first. Nobody takes one while holding one below it, but for the first two:
  *
  *   1 dispatch lock      held by who holds the dispatcher; dropped in the in-flight wait only
- *   2 programming lock   held by the dispatcher thread while it runs flows; dropped while it waits
+ *   1 programming lock   held by the dispatcher thread while it runs flows; dropped while it waits
  *                        for the NPU threads
- *   3 fec id lock        identifier allocation; around the hook loops only, never across a
+ *   2 fec id lock        identifier allocation; around the hook loops only, never across a
  *                        hardware step
- *   4 notification mutex one per table, in the server
- *   5 database locks     writes of database objects in the statistics tables, against the
+ *   3 notification mutex one per table, in the server
+ *   4 database locks     writes of database objects in the statistics tables, against the
  *                        statistics thread; never with another lock inside
+ *
+ * Each of the first two is dropped and taken again under the other, so they have no order: only the
+ * thread that runs flows may hold both, and any other takes one of them alone.
  *
  * All return 0, or an errno number when the lock is broken.
  */

@@ -235,8 +235,10 @@ int zan_table_server_block_dispatcher(zan_table_base_st *wire_obj, zan_table_res
     const bool read = operation >= ZAN_TABLE_GET && operation <= ZAN_TABLE_GET_NEXT;
     const bool write = operation == ZAN_TABLE_CREATE || operation == ZAN_TABLE_UPDATE;
     if (read || (write && (props->option_bits & ZAN_OPTION_SERIALIZE_BACK))) {
-        heap->total_obj_size = wire_obj->total_obj_size;
+        const uint32_t to_next = wire_obj->total_obj_size; // the room that the request came with
+        heap->total_obj_size = to_next;
         props->serialize(heap, wire_obj);
+        wire_obj->total_obj_size = to_next;
     }
     props->copy_dtor(heap);
     return (int)rc;
