@@ -27,12 +27,12 @@ std::vector<prefix_t> read_prefixes(const std::string &path);
 void write_route(const prefix_t &prefix, uint32_t group, uint32_t trans_id, uint8_t *out);
 uint32_t route_size(const prefix_t &prefix);
 
-/* The floor: what storing the same objects costs with good general-purpose parts and nothing else. An
- * object is calloc'ed and copied, put into a hash table and a B-tree under its key, and linked to its
- * parent. */
+/* The floor: what storing the same objects costs with good general-purpose parts and nothing else.
+ * An object is calloc'ed and copied, put into a hash table and a B-tree under its key, and linked
+ * to its parent. */
 class floor_t
 {
-  public:
+public:
     floor_t();
     ~floor_t();
     floor_t(const floor_t &) = delete;
@@ -42,14 +42,14 @@ class floor_t
     bool read(const uint8_t *wire, uint8_t *out);
     size_t size() const;
 
-  private:
+private:
     struct state_t;
     state_t *state_;
 };
 
 class stopwatch_t
 {
-  public:
+public:
     void start()
     {
         start_ = std::chrono::steady_clock::now();
@@ -63,7 +63,7 @@ class stopwatch_t
         return std::chrono::duration<double>(total_).count();
     }
 
-  private:
+private:
     std::chrono::steady_clock::time_point start_;
     std::chrono::steady_clock::duration total_{};
 };

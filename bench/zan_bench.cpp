@@ -2,12 +2,11 @@
  *
  *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|all] [--only server|floor]
  *
- * create  N routes, shuffled, asynchronous, one NPU whose hooks return at once: from the batch entry
- *         until the last NPU has finished
- * read    all of them by key, in another shuffle
+ * create  N routes, shuffled, asynchronous, one NPU whose hooks return at once: from the batch
+ * entry until the last NPU has finished read    all of them by key, in another shuffle
  *
- * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for counting
- * instructions.
+ * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for
+ * counting instructions.
  */
 #include "bench.h"
 
@@ -156,8 +155,7 @@ double server_create(messages_t *m)
     watch.start();
     for (const auto &[offset, length] : m->batches) {
         slot.err_code = 0;
-        zan_table_server_dispatcher(m->at(offset), &slot, {1, (uint32_t)length, 0, 0, {}},
-                                    nullptr);
+        zan_table_server_dispatcher(m->at(offset), &slot, {1, (uint32_t)length, 0, 0, {}}, nullptr);
     }
     settle();
     watch.stop();

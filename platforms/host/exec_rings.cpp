@@ -1,10 +1,9 @@
 /* Rings, and the NPU threads.
  *
- * A push costs a store. A parked thread is woken for a run of messages, not for each: when 64 wait for
- * it, when somebody waits for it, and at the end of a batch.
- * Before it parks a thread looks again for a while: it spins if the machine has cores for all
- * threads here, else it lets the others run first, which halves the cost of a message with 3 NPUs
- * on 2 cores.
+ * A push costs a store. A parked thread is woken for a run of messages, not for each: when 64 wait
+ * for it, when somebody waits for it, and at the end of a batch. Before it parks a thread looks
+ * again for a while: it spins if the machine has cores for all threads here, else it lets the
+ * others run first, which halves the cost of a message with 3 NPUs on 2 cores.
  */
 #include "exec_rings.h"
 #include "clock.h"

@@ -25,8 +25,10 @@ zan_rcode zan_ctx_bind(zan_global_ctx_st **ctx)
 
 zan_rcode zan_host_start(const zan_host_config_t *config)
 {
-    if (config->num_npus > ZAN_MAX_NPUS)
+    static bool started_once;
+    if (config->num_npus > ZAN_MAX_NPUS || started_once)
         return ZAN_RC_INVALID;
+    started_once = true;
     memset(&context, 0, sizeof context);
     context.num_npus = config->num_npus;
     context.npu_mask_all = ((kor_npu_mask_t)1 << config->num_npus) - 1;

@@ -26,8 +26,8 @@ typedef struct host_link_t {
 #define HOST_GROUP_LAST  ((uintptr_t)2)
 #define HOST_GROUP_MARKS (HOST_GROUP_FIRST | HOST_GROUP_LAST)
 
-/* Parent slots of an object that has room for more than one. All of them are on one list, since at the
- * end of the process the objects go without a delete of each. */
+/* Parent slots of an object that has room for more than one. All of them are on one list, since at
+ * the end of the process the objects go without a delete of each. */
 typedef struct host_parent_slots_t {
     host_parent_slots_t *next, *prev;
     uint32_t capacity;

@@ -1,7 +1,8 @@
 /* Start and stop of the host platform, and what it is told at its start.
  *
  * The process calls zan_host_start once, before the first batch, on the thread that will dispatch,
- * and zan_host_stop at its end, after the server's tear-down. A test may start again after a stop.
+ * and zan_host_stop at its end, after the server's tear-down. A process starts once: a table's init
+ * does not run again.
  */
 #ifndef ZAN_HOST_START_H
 #define ZAN_HOST_START_H

@@ -197,8 +197,10 @@ void zan_dsp_q_process_east_west(void)
 
 void zan_call_pd_handle_delayed_delete_rc(zan_rcode rc, zan_table_base_st *obj)
 {
-    if (rc != EOK)
-        return; /* the client hears of the delete when it succeeds */
+    /* The client hears of the delete when it has gone through: not when it failed, and not when the
+     * object found children again and stays. */
+    if (rc != EOK || zan_db_hdl_is_valid(obj->table_id, obj->obj_handle))
+        return;
     srv_zan_table_props_t *props = zan_srv_table_props_get(obj->table_id);
     if (props && props->delete_notify)
         props->delete_notify(obj);

@@ -25,17 +25,17 @@ namespace
 
 constexpr uint32_t max_rings = 32;
 constexpr uint32_t records_per_ring = 16384; /* a power of two */
-constexpr uint32_t text_words = 5;
+constexpr uint32_t text_words = 14;
 
 struct record_t {
     uint64_t sequence; /* 0 while it is written */
     uint64_t msg;
     uint64_t class_and_trans;
     uint64_t arg[7];
-    uint64_t text[text_words];
-    uint64_t unused;
+    uint64_t text[text_words]; /* left alone by a message of integers */
 };
-static_assert(sizeof(record_t) == 128, "a record is two cache lines");
+static_assert(sizeof(record_t) == 192,
+              "a record is three cache lines, of which most traces touch two");
 
 struct ring_t {
     uint32_t taken;
@@ -142,7 +142,7 @@ struct enable_at_start_t {
     enable_at_start_t()
     {
         for (uint32_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++)
-            zan_trace_enabled[c] = c >= ZAN_SHARED_TRACE_CLASS_BASE || c % 3 == 0;
+            zan_trace_enabled[c] = c >= ZAN_SHARED_TRACE_CLASS_BASE || c % 3 != 2;
         zan_trace_enabled[ZAN_CLASS_ZAN_BATCH_CRUD_VERBOSE__] = 0;
         zan_trace_enabled[ZAN_CLASS_ZAN_RETRY_VERBOSE__] = 0;
         zan_trace_enabled[ZAN_CLASS_ZAN_BWALK_EVENT__] = 0;
@@ -229,26 +229,30 @@ zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums, u
     return (zan_trace_class_t)enums->level[level - 1];
 }
 
+/* The oldest records stand in a heap whose top is the newest of them, which gives way first. */
 uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
 {
-    auto *found =
-        (zan_trace_record_st *)malloc(sizeof(zan_trace_record_st) * max_rings * records_per_ring);
-    if (!found)
-        return 0;
+    const auto older = [](const zan_trace_record_st &a, const zan_trace_record_st &b) {
+        return a.sequence < b.sequence;
+    };
     uint32_t n = 0;
+    zan_trace_record_st r;
     for (const ring_t &ring : rings) {
         const record_t *records = __atomic_load_n(&ring.records, __ATOMIC_ACQUIRE);
-        for (uint32_t i = 0; records && i < records_per_ring; i++)
-            if (read_record(&records[i], &found[n]) && found[n].sequence > after)
-                n++;
+        for (uint32_t i = 0; records && max && i < records_per_ring; i++) {
+            if (!read_record(&records[i], &r) || r.sequence <= after)
+                continue;
+            if (n == max) {
+                if (r.sequence >= out[0].sequence)
+                    continue;
+                std::pop_heap(out, out + n--, older);
+            }
+            out[n++] = r;
+            std::push_heap(out, out + n, older);
+        }
     }
-    std::sort(found, found + n, [](const zan_trace_record_st &a, const zan_trace_record_st &b) {
-        return a.sequence < b.sequence;
-    });
-    const uint32_t count = std::min(n, max);
-    memcpy(out, found + (n - count), count * sizeof *out);
-    free(found);
-    return count;
+    std::sort_heap(out, out + n, older);
+    return n;
 }
 
 /* ---- Messages to the operator: standard error, and the system's log ---- */

@@ -21,6 +21,11 @@ bool get_prune_marker(const uint64_t *child_tables, const uint64_t *event_tables
     return false;
 }
 
+/* No walk reads colours yet, so none are painted. */
+void zan_colored_event_fwalk_on_create(zan_table_base_st *)
+{
+}
+
 void zan_walk_ctx_push_attr_upd_mask(kor_dpd_event_ctx_t *walk_ctx, uint32_t, uint64_t mask)
 {
     walk_ctx->attrib_upd_mask |= mask;

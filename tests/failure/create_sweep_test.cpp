@@ -1,6 +1,6 @@
-/* The failure sweep over create: the N-th platform call fails, for N = 1, 2, ... until the flow succeeds,
- * once transiently and once for good. The result is success or the code of the step, with exactly the
- * residue that the step leaves and nothing beside it. */
+/* The failure sweep over create: the N-th platform call fails, for N = 1, 2, ... until the flow
+ * succeeds, once transiently and once for good. The result is success or the code of the step, with
+ * exactly the residue that the step leaves and nothing beside it. */
 #include <gtest/gtest.h>
 
 #include "fault_points.h"
@@ -35,7 +35,8 @@ outcome_t expected(const zan_table_def_t *def, point_t point)
     switch (point) {
     case RESOLVE_HOOK:
         return {hook_rc, false, false, false};
-    case RESERVE_ID: /* a mode that keeps hardware codes back lets the flow go on with the code set */
+    case RESERVE_ID: /* a mode that keeps hardware codes back lets the flow go on with the code set
+                      */
         if (def->hw_rc_mode == 2)
             return {hook_rc, true, true, false};
         return {hook_rc, false, true, false};
@@ -186,7 +187,7 @@ TEST_P(CreateSweep, EndsInTheStatedCodeAndResidue)
 
 INSTANTIATE_TEST_SUITE_P(Tables, CreateSweep,
                          testing::Combine(testing::Values("ipnhgroup", "iproute", "mplsnh",
-                                                          "sr6sid", "l2brmac", "iptnldecap",
-                                                          "ipnh", "redirectvrf", "l2intf"),
+                                                          "sr6sid", "l2brmac", "iptnldecap", "ipnh",
+                                                          "redirectvrf", "l2intf"),
                                           testing::Bool()),
                          name_of);

@@ -75,8 +75,7 @@ ZAN_EXPORT int kor_exec_q_req_bcast(kor_exec_q_st *queue, zan_exec_q_msg_st *msg
 
 ZAN_EXPORT zan_rcode kor_dpd_add(zan_table_base_st *parent, zan_table_base_st *child)
 {
-    static auto *real =
-        host<zan_rcode(zan_table_base_st *, zan_table_base_st *)>("kor_dpd_add");
+    static auto *real = host<zan_rcode(zan_table_base_st *, zan_table_base_st *)>("kor_dpd_add");
     return fails(BIND) ? ZAN_RC_BIND_REFUSED : real(parent, child);
 }
 
@@ -111,8 +110,9 @@ ZAN_EXPORT zan_rcode zan_db_insert(zan_table_base_st *db_obj)
         return fails(RESERVE_ID) ? hook_rc : srv_##T##_reserve_id_infra_default(npu, obj);         \
     }
 
-/* One table for each distinct way of a create: the four hardware forms, with and without identifiers
- * (per NPU and for the object), members, in-flight tracking, and each mode of hardware codes. */
+/* One table for each distinct way of a create: the four hardware forms, with and without
+ * identifiers (per NPU and for the object), members, in-flight tracking, and each mode of hardware
+ * codes. */
 SWEPT_HOOKS(ipnhgroup)
 SWEPT_IDENTIFIERS(ipnhgroup)
 SWEPT_HOOKS(iproute)

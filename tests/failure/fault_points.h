@@ -1,5 +1,5 @@
-/* Platform calls that can be told to fail: this binary's definitions stand in front of the host's, count,
- * and pass on. Hooks come in the same way, since this binary is the platform. */
+/* Platform calls that can be told to fail: this binary's definitions stand in front of the host's,
+ * count, and pass on. Hooks come in the same way, since this binary is the platform. */
 #ifndef ZAN_FAULT_POINTS_H
 #define ZAN_FAULT_POINTS_H
 
@@ -26,7 +26,10 @@ constexpr int send_rc = 28; /* ENOSPC */
 
 /* The N-th call from now on fails, and with `persistent` all behind it: of those on the dispatcher
  * thread, or of those under an NPU's identity, whose order against the others a seed decides. */
-enum side_t { ON_DISPATCHER, ON_NPUS };
+enum side_t {
+    ON_DISPATCHER,
+    ON_NPUS
+};
 void arm(uint32_t nth, bool persistent, side_t side);
 void disarm();
 /* The point that failed first since then, or NONE. */

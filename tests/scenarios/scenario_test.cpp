@@ -1,12 +1,11 @@
-/* Scenarios: text files of operations with what they must come to. Each runs with one and with three
- * NPUs, with NPU threads and stepped, in synchronous and in asynchronous batches.
+/* Scenarios: text files of operations with what they must come to. Each runs with one and with
+ * three NPUs, with NPU threads and stepped, in synchronous and in asynchronous batches.
  *
  *   create TABLE FIELDS          must succeed
  *   refuse CODE create TABLE ... must be refused with the code, and leave everything as it was
  *   get TABLE FIELDS             must be found
- *   dump TABLE                   the table holds exactly the objects of the lines that follow, in order:
- *   = FIELDS
- *   # a comment
+ *   dump TABLE                   the table holds exactly the objects of the lines that follow, in
+ * order: = FIELDS # a comment
  */
 #include <filesystem>
 #include <fstream>
@@ -28,12 +27,9 @@ struct variant_t {
 };
 
 const variant_t variants[] = {
-    {1, false, 0, false, "one_npu"},
-    {3, false, 0, false, "three_npus"},
-    {3, false, 0, true, "three_npus_async"},
-    {1, true, 1, true, "stepped_one_npu_async"},
-    {3, true, 2, false, "stepped_three_npus"},
-    {3, true, 3, true, "stepped_three_npus_async"},
+    {1, false, 0, false, "one_npu"},           {3, false, 0, false, "three_npus"},
+    {3, false, 0, true, "three_npus_async"},   {1, true, 1, true, "stepped_one_npu_async"},
+    {3, true, 2, false, "stepped_three_npus"}, {3, true, 3, true, "stepped_three_npus_async"},
 };
 
 zan_rcode code_named(const std::string &name)
@@ -50,7 +46,7 @@ zan_rcode code_named(const std::string &name)
 
 class scenario_t
 {
-  public:
+public:
     scenario_t(const std::string &path, const variant_t &variant) : path_(path), variant_(variant)
     {
     }
@@ -71,7 +67,7 @@ class scenario_t
         EXPECT_GT(checked_, 0u) << path_ << " checks nothing";
     }
 
-  private:
+private:
     std::string where() const
     {
         return path_ + ":" + std::to_string(line_);

@@ -34,8 +34,7 @@ TEST(Batch, AFailureCutsTheRestUnlessTheClientGoesOn)
     batch_t batch;
     batch.add(object("l3intf intf=1")).add(object(missing_group)).add(object("l3intf intf=2"));
     auto results = batch.run();
-    EXPECT_EQ(codes(results),
-              (std::vector<zan_rcode>{EOK, ZAN_RC_NOT_FOUND, ZAN_RC_BATCH_CUT}));
+    EXPECT_EQ(codes(results), (std::vector<zan_rcode>{EOK, ZAN_RC_NOT_FOUND, ZAN_RC_BATCH_CUT}));
     EXPECT_FALSE(results[1].batch_cut);
     EXPECT_TRUE(results[2].batch_cut);
     EXPECT_EQ((zan_rcode)results[0].returned, ZAN_RC_BATCH_CUT) << "how the last object went";
@@ -94,8 +93,8 @@ TEST(Batch, EndOfRunMessagesComeWhereTheRunEndsAndNowhereElse)
     const zan_table_def_t *route = table("iproute");
     static uint32_t ends;
     ends = 0;
-    zan_srv_table_props_get(route->id)->async_batch_end_npu_cb =
-        [](uint32_t, uint32_t) -> zan_rcode {
+    zan_srv_table_props_get(route->id)->async_batch_end_npu_cb = [](uint32_t,
+                                                                    uint32_t) -> zan_rcode {
         ends++;
         return EOK;
     };
@@ -117,8 +116,7 @@ TEST(Batch, QueueTwoGoesFirst)
     const server_t server({});
     const zan_table_def_t *def = table("l2port");
     run(with_key(def, 1));
-    zan_table_base_st *queued =
-        zan_srv_table_props_get(def->id)->copy_ctor(with_key(def, 2).get());
+    zan_table_base_st *queued = zan_srv_table_props_get(def->id)->copy_ctor(with_key(def, 2).get());
     queued->table_operation = ZAN_TABLE_CREATE;
     ASSERT_EQ(kor_core_queue_enqueue(queued, ZAN_QUEUE_INTERNAL_ASYNC), (zan_rcode)EOK);
     const result_t r = run(with_key(def, 2));

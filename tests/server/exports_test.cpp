@@ -1,4 +1,5 @@
-/* Every name that clients and platforms bind to exists with C linkage, for every table that has it. */
+/* Every name that clients and platforms bind to exists with C linkage, for every table that has it.
+ */
 #include <cstring>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -112,8 +113,7 @@ TEST(Exports, EveryTableHasItsNames)
             << def->name;
         for (uint32_t i = 0; i < def->num_events; i++) {
             const char *event = def->events[i].name + strlen(def->upper) + 1;
-            const std::string push =
-                name_for("zan_walk_events_%_push_", def) + lower(event);
+            const std::string push = name_for("zan_walk_events_%_push_", def) + lower(event);
             EXPECT_TRUE(exported(push)) << push;
             pushes++;
         }
@@ -130,8 +130,8 @@ TEST(Exports, EveryTableHasItsNames)
 TEST(Exports, EventArraysAgreeWithTheDefinitions)
 {
     for (const zan_table_def_t *def : zan_table_defs) {
-        const auto *events = (zan_event_record_t *)dlsym(RTLD_DEFAULT,
-                                                         name_for("%_events", def).c_str());
+        const auto *events =
+            (zan_event_record_t *)dlsym(RTLD_DEFAULT, name_for("%_events", def).c_str());
         if (!events)
             continue;
         EXPECT_EQ(std::string(events[0].name), std::string(def->upper) + "_NPI_TYPE_INVALID");

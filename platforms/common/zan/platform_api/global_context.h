@@ -26,8 +26,9 @@ ZAN_STATIC_ASSERT(sizeof(zan_table_npu_block_st) == 16, "NPU block");
 /* The table's record. Zero until the table's first operation. */
 typedef struct zan_global_table_st {
     uint32_t table_id;
-    uint8_t option_bytes[2];     /* as the definition sets them */
+    uint8_t first_option;        /* the option bytes are as the definition sets them */
     uint8_t first_option_active; /* set when the first option byte is */
+    uint8_t second_option;
     uint8_t reserved;
     void *specific[2];             /* results of the platform's specific_init */
     uint32_t quarantine_max_depth; /* longest search of the quarantine so far */

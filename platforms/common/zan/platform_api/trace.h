@@ -61,7 +61,7 @@ typedef struct zan_trace_record_st {
     zan_trace_class_t trace_class;
     uint32_t trans_id;
     uint64_t arg[7];
-    char text[48]; /* of the string arguments, blank-separated; cut */
+    char text[112]; /* of the string arguments, blank-separated; cut */
 } zan_trace_record_st;
 
 ZAN_EXTERN_C_BEGIN
@@ -87,8 +87,9 @@ ZAN_EXPORT void _ringlogs(zan_trace_class_t c, uint64_t msg, ...);
 ZAN_EXPORT zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums,
                                                        uint32_t level, bool retry);
 
-/* The newest records, oldest first: at most `max` of those with a sequence above `after`. Returns
- * how many were copied. Any thread; records being written meanwhile are left out. */
+/* The oldest `max` records with a sequence above `after`, oldest first: ask again with the last
+ * one's sequence for what follows. Returns how many were copied. Any thread; records being written
+ * meanwhile are left out. */
 ZAN_EXPORT uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max);
 
 /* A message to the operator: severity as syslog(3), 0 emergency to 7 debug. */

@@ -75,6 +75,8 @@ ZAN_EXPORT void zan_walk_ctx_push_attr_upd_mask(kor_dpd_event_ctx_t *walk_ctx, u
 ZAN_EXPORT void zan_walk_ctx_set_trans_id(kor_dpd_event_ctx_t *walk_ctx, uint32_t trans_id);
 ZAN_EXPORT uint32_t zan_walk_ctx_get_trans_id(const kor_dpd_event_ctx_t *walk_ctx);
 
+/* Paint a new object's colours on the way up to its sources; a forward walk. */
+ZAN_EXPORT void zan_colored_event_fwalk_on_create(zan_table_base_st *db_obj);
 /* The colours that an object carries: green 1, red 2, brown 4. */
 ZAN_EXPORT uint8_t zan_color_get_self_mask(const zan_table_base_st *obj);
 

@@ -166,8 +166,9 @@ void zan_crud_ctx_server_api_crud_init(zan_table_crud_ctx_t *crud, zan_table_res
                                        zan_bool_t *owned_flag, kor_dpd_event_ctx_t *walk_ctx,
                                        kor_db_ctx_t *db_ctx, uint32_t *new_to_old_map);
 
-/* Run the table's init if this is its first operation. */
-void zan_server_table_once(const zan_table_def_t *def);
+/* Run the table's init if this is its first operation. False when the table could not start: it
+ * stays unusable, and its operations are refused. */
+bool zan_server_table_once(const zan_table_def_t *def);
 /* And, in front of a create, register it for periodic statistics. */
 void zan_server_table_stats_once(const zan_table_def_t *def);
 

@@ -23,31 +23,38 @@ typedef struct zan_hook_pair_t {
     extern "C" ZAN_WEAK ZAN_EXPORT void srv_##T##_##name##_infra_default(void);
 #define ZAN_HOOK_PAIR(T, name) {srv_##T##_##name, srv_##T##_##name##_infra_default},
 
-/* Every table; the order is that of ZAN_COMMON_HOOKS. */
-#define ZAN_HOOK_LIST(F, T)                                                                        \
-    F(T, create)                                                                                   \
-    F(T, update) F(T, delete) F(T, event) F(T, eod) F(T, get) F(T, get_first) F(T, get_next)       \
-        F(T, get_gt_eq) F(T, resolve) F(T, specific_init) F(T, specific_access_fn)                 \
-            F(T, pre_create_rdesc) F(T, post_create_rdesc) F(T, pre_update_rdesc)                  \
-                F(T, post_update_rdesc) F(T, pre_delete_rdesc) F(T, post_delete_rdesc)             \
-                    F(T, update_zan_db_stats_from_rdesc) F(T, calculate_num_paths)                 \
-                        F(T, update_rdesc_from_hw) F(T, fill_default_async_notif_cb)               \
-                            F(T, fill_sdk_show_buffer) F(T, sync_error_handling)                   \
-                                F(T, async_bwalk_error_handling) F(T, color_using_fwalk)           \
-                                    F(T, async_batch_end_npu_cb)                                   \
-                                        F(T, delete_independent_hw_resource)
-#define ZAN_HOOK_LIST_IDENTIFIERS(F, T)                                                            \
+/* A hook that no library has a default for. */
+#define ZAN_HOOK_DECLARE_ALONE(T, name) extern "C" ZAN_WEAK ZAN_EXPORT void srv_##T##_##name(void);
+#define ZAN_HOOK_PAIR_ALONE(T, name)    {srv_##T##_##name, nullptr},
+
+/* F(T, name) for a hook that a library may have a default for, A(T, name) for one without. The
+ * common ones, in the order of ZAN_COMMON_HOOKS: */
+/* clang-format off */
+#define ZAN_HOOK_LIST(F, A, T)                                                                     \
+    F(T, create) F(T, update) F(T, delete) F(T, event) F(T, eod)                                   \
+    F(T, get) F(T, get_first) F(T, get_next) F(T, get_gt_eq)                                       \
+    F(T, resolve) F(T, specific_init) F(T, specific_access_fn)                                     \
+    F(T, pre_create_rdesc) F(T, post_create_rdesc) F(T, pre_update_rdesc)                          \
+    F(T, post_update_rdesc) F(T, pre_delete_rdesc) F(T, post_delete_rdesc)                         \
+    F(T, update_zan_db_stats_from_rdesc) F(T, calculate_num_paths) F(T, update_rdesc_from_hw)      \
+    F(T, fill_default_async_notif_cb) F(T, fill_sdk_show_buffer)                                   \
+    A(T, sync_error_handling) A(T, async_bwalk_error_handling) A(T, color_using_fwalk)             \
+    F(T, async_batch_end_npu_cb) A(T, delete_independent_hw_resource)
+/* Those of an option: */
+#define ZAN_HOOK_LIST_IDENTIFIERS(F, A, T)                                                         \
     F(T, reserve_id) F(T, update_reserve_id) F(T, update_release_id) F(T, release_id)
-#define ZAN_HOOK_LIST_POST_ACTIONS(F, T)                                                           \
+#define ZAN_HOOK_LIST_POST_ACTIONS(F, A, T)                                                        \
     F(T, post_create_action) F(T, post_update_action) F(T, post_delete_action)
-#define ZAN_HOOK_LIST_ASYNC_Q_ERR(F, T)   F(T, internal_async_q_err)
-#define ZAN_HOOK_LIST_REPEATED(F, T)      F(T, update_deprecated) F(T, compare_dynamic_struct_deprecated)
-#define ZAN_HOOK_LIST_DELETE_ACTION(F, T) F(T, delete_action_select)
+#define ZAN_HOOK_LIST_ASYNC_Q_ERR(F, A, T) A(T, internal_async_q_err)
+#define ZAN_HOOK_LIST_REPEATED(F, A, T)                                                            \
+    F(T, update_deprecated) F(T, compare_dynamic_struct_deprecated)
+#define ZAN_HOOK_LIST_DELETE_ACTION(F, A, T) A(T, delete_action_select)
+/* clang-format on */
 
 #define ZAN_TABLE_HOOK_ARRAY(T, array, LIST)                                                       \
-    LIST(ZAN_HOOK_DECLARE, T)                                                                      \
-    extern "C" ZAN_HIDDEN const zan_hook_pair_t zan_hooks_##array##_##T[];                                    \
-    const zan_hook_pair_t zan_hooks_##array##_##T[] = {LIST(ZAN_HOOK_PAIR, T)};
+    LIST(ZAN_HOOK_DECLARE, ZAN_HOOK_DECLARE_ALONE, T)                                              \
+    extern "C" ZAN_HIDDEN const zan_hook_pair_t zan_hooks_##array##_##T[];                         \
+    const zan_hook_pair_t zan_hooks_##array##_##T[] = {LIST(ZAN_HOOK_PAIR, ZAN_HOOK_PAIR_ALONE, T)};
 
 #define ZAN_TABLE_HOOKS(T) ZAN_TABLE_HOOK_ARRAY(T, common, ZAN_HOOK_LIST)
 #define ZAN_TABLE_HOOKS_IDENTIFIERS(T)                                                             \

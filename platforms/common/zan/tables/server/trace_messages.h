@@ -46,8 +46,8 @@
     X(FINAL_RC, "failed: trans %u, rdesc %x, err %x, post %x, hw %x, result %x")                   \
     X(FINAL_RC_REST, "failed: trans %u, bwalk %x, reserve %x")                                     \
     X(KEY_NOT_FOUND, "not found: trans %u, %s")                                                    \
-    X(KEY_PRINT, "key: trans %u, %s")                                                              \
     X(KEY_PRINT_OLD, "key of the old object: trans %u, %s")                                        \
+    X(KEY_PRINT, "key: trans %u, %s")                                                              \
     X(PARENT_KEY_NOT_FOUND, "parent not found: trans %u, %s")                                      \
     X(OPERATION_DIFFERS, "operation of stored object %u and of request %u: trans %u, obj %x")      \
     X(CREATE_EXISTING, "create meets stored object %x: trans %u, write_kind %u, first change %u")  \

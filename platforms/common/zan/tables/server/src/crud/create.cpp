@@ -47,7 +47,8 @@ bool fail(create_op_t *op, zan_rcode rc)
 
 /* ---- Entry ---- */
 
-void create_enter(create_op_t *op, const zan_table_def_t *def, zan_table_base_st *obj,
+/* False when the table could not start; the slot says so. */
+bool create_enter(create_op_t *op, const zan_table_def_t *def, zan_table_base_st *obj,
                   zan_table_response_st *response, uint32_t flags)
 {
     op->def = def;
@@ -61,12 +62,14 @@ void create_enter(create_op_t *op, const zan_table_def_t *def, zan_table_base_st
     zan_crud_ctx_server_api_crud_init(&op->crud, response, obj, trans_id, &op->owned, nullptr,
                                       db_ctx, nullptr);
     zan_counter_raise(def->id, ZAN_CTR_CREATE);
-    zan_server_table_once(def);
+    if (!zan_server_table_once(def))
+        return fail(op, ZAN_RC_INVALID);
     zan_server_table_stats_once(def);
     zan_table_state(def)->info.create_cnt++;
     sanitize_input_obj(def, obj, ZAN_TABLE_CREATE);
     zan_obj_base_take_npu_mask(def, obj);
     op->saved_mask = obj->npu_mask;
+    return true;
 }
 
 bool create_find_stored(create_op_t *op)
@@ -74,8 +77,8 @@ bool create_find_stored(create_op_t *op)
     const zan_table_def_t *def = op->def;
     zan_table_base_st *db_obj = zan_db_get(op->obj);
     op->crud.db_obj = db_obj;
-    if (!db_obj)
-        return true;
+    if (!db_obj) /* a handle that leads nowhere is no new key */
+        return op->obj->obj_handle == 0 || fail(op, ZAN_RC_NOT_FOUND);
     sanity_check_db_obj_base(db_obj, def->id);
     op->create_to_update_copy = copy_ctor_for_create_to_update(op->obj, db_obj);
     const bool key_is_set = op->obj->key_len != 0;
@@ -140,6 +143,7 @@ void create_convert_to_update(create_op_t *op)
 {
     zan_table_base_st *db_obj = op->crud.db_obj;
     zan_table_base_st *copy = op->create_to_update_copy;
+    ZAN_ASSERT(copy, "create_to_update_copy");
     db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE;
     copy->table_operation = ZAN_TABLE_UPDATE;
     zan_server_api_update(op->def, copy, op->response, op->flags, nullptr);
@@ -151,13 +155,13 @@ void create_duplicate(create_op_t *op)
 {
     zan_table_base_st *db_obj = op->crud.db_obj;
     zan_counter_raise(op->def->id, ZAN_CTR_CREATE_DUPLICATE);
+    zan_table_state(op->def)->info.dup_create_cnt++;
     if (db_obj->flag & ZAN_FLAG_STALE) {
         create_accept_stored(op);
         if (op->def->obj_ref_cnt_offset)
             *kor_obj_ref_cnt(op->def, db_obj) = 1;
         return;
     }
-    zan_table_state(op->def)->info.dup_create_cnt++;
     if (op->def->obj_ref_cnt_offset) {
         kor_ref_adjust(op->def, db_obj, true);
         op->response->obj = (uint64_t)(uintptr_t)db_obj;
@@ -368,7 +372,8 @@ bool create_store(create_op_t *op)
     kor_count_objects(def, op->obj->npu_mask, 1);
     if (def->obj_ref_cnt_offset)
         *kor_obj_ref_cnt(def, op->obj) = 1;
-    ZAN_TRACE(zan_history_class(def, false), HISTORY_CREATE, def->id, op->block, op->crud.trans_id);
+    ZAN_TRACE(zan_history_class(def, op->crud.retry_mode != 0), HISTORY_CREATE, def->id, op->block,
+              op->crud.trans_id);
     zan_table_base_st *src = is_async(op) ? op->obj : op->crud.new_obj;
     if (def->obj_ref_cnt_offset && src != op->obj)
         *kor_obj_ref_cnt(def, src) = 1;
@@ -394,8 +399,10 @@ bool create_store(create_op_t *op)
 
 void create_color(create_op_t *op, zan_table_base_st *db_obj)
 {
-    if (zan_fwalk_coloring_is_true(op->obj))
-        db_obj->flag |= ZAN_FLAG_FWALK_COLORED;
+    if (!zan_fwalk_coloring_is_true(op->obj))
+        return;
+    zan_colored_event_fwalk_on_create(db_obj);
+    db_obj->flag |= ZAN_FLAG_FWALK_COLORED;
 }
 
 void create_new(create_op_t *op)
@@ -496,9 +503,10 @@ zan_rcode create_leave(create_op_t *op)
 zan_rcode zan_server_api_create(const zan_table_def_t *def, zan_table_base_st *obj,
                                 zan_table_response_st *response, uint32_t flags)
 {
-    create_op_t op = {};                          // all that one create carries, on this frame
-    create_enter(&op, def, obj, response, flags); // context, counters, first use, sanity, masks
-    if (create_find_stored(&op) && create_resolve(&op)) {
+    create_op_t op = {}; // all that one create carries, on this frame
+    // context, counters, first use, sanity, masks
+    if (create_enter(&op, def, obj, response, flags) && create_find_stored(&op) &&
+        create_resolve(&op)) {
         if (op.crud.db_obj)
             create_on_stored(&op); // a repeat, a duplicate, or an update in disguise
         else

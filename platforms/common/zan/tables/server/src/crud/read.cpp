@@ -32,7 +32,7 @@ zan_rcode fail(read_op_t *op, zan_rcode rc)
     return rc;
 }
 
-void read_enter(read_op_t *op, const zan_table_def_t *def, zan_table_base_st *obj,
+bool read_enter(read_op_t *op, const zan_table_def_t *def, zan_table_base_st *obj,
                 zan_table_response_st *response, uint32_t flags)
 {
     op->def = def;
@@ -41,11 +41,12 @@ void read_enter(read_op_t *op, const zan_table_def_t *def, zan_table_base_st *ob
     op->operation = obj->table_operation;
     op->owned = 1;
     zan_set_trans_id(*zan_obj_trans_id(def, obj), response, flags);
-    zan_server_table_once(def);
+    const bool started = zan_server_table_once(def);
     zan_crud_ctx_server_api_crud_init(&op->crud, response, obj, obj->base_trans_id, &op->owned,
                                       nullptr, &zan_table_state(def)->db_ctx, nullptr);
     sanitize_input_obj(def, obj, ZAN_TABLE_GET);
     zan_table_state(def)->info.get_cnt++;
+    return started;
 }
 
 zan_table_base_st *search(const read_op_t *op)
@@ -67,6 +68,10 @@ bool read_search(read_op_t *op, zan_rcode *answer)
 {
     if (op->operation < ZAN_TABLE_GET || op->operation > ZAN_TABLE_GET_NEXT) {
         *answer = fail(op, ZAN_RC_INVALID);
+        return false;
+    }
+    if (op->operation != ZAN_TABLE_GET_FIRST && !op->obj->key_len && !op->obj->obj_handle) {
+        *answer = fail(op, ZAN_RC_INVALID); // names nothing
         return false;
     }
     op->found = search(op);
@@ -196,15 +201,19 @@ zan_rcode zan_server_api_get_common(const zan_table_def_t *def, zan_table_base_s
                                     zan_table_response_st *response, uint32_t flags)
 {
     read_op_t op = {};
-    read_enter(&op, def, obj, response, flags);
     zan_rcode answer = EOK;
-    if (read_search(&op, &answer)) {
+    bool found = false;
+    if (!read_enter(&op, def, obj, response, flags))
+        answer = fail(&op, ZAN_RC_INVALID); // the table could not start
+    else
+        found = read_search(&op, &answer);
+    if (found) {
         read_stop_queues(&op);
         answer = read_found(&op);
-        if (op.queues_stopped)
-            zan_sync_allow_all_npu_queues(def->id, op.operation, op.crud.trans_id);
     }
     kor_log_not_found_key(&op.crud, obj);
+    if (op.queues_stopped)
+        zan_sync_allow_all_npu_queues(def->id, op.operation, op.crud.trans_id);
     zan_clear_trans_id();
     return answer;
 }

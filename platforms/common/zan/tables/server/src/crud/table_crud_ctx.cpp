@@ -41,13 +41,14 @@ void zan_crud_ctx_server_api_crud_init(zan_table_crud_ctx_t *crud, zan_table_res
         memset(db_ctx->scratch, 0, sizeof db_ctx->scratch);
 }
 
-void zan_server_table_once(const zan_table_def_t *def)
+bool zan_server_table_once(const zan_table_def_t *def)
 {
     zan_table_state_t *state = zan_table_state(def);
     if (ZAN_LIKELY(__atomic_load_n(&state->db_ctx.db_type, __ATOMIC_ACQUIRE)))
-        return;
+        return true;
     int prc = pthread_once(&state->once, zan_table_entry_get(def->id)->init_once);
     ZAN_ASSERT(prc == EOK, "prc == EOK");
+    return state->db_ctx.db_type != 0;
 }
 
 void zan_server_table_stats_once(const zan_table_def_t *def)

@@ -90,8 +90,8 @@ uint32_t disp_msg_get_num_objs(const zan_dispatch_msg_t *msg_ctx)
     return msg_ctx->curr_resp_idx + 1;
 }
 
-/* The batch is known ahead: what the lookups of the next objects will touch is on its way to the cache
- * while the first of them is worked on. */
+/* The batch is known ahead: what the lookups of the next objects will touch is on its way to the
+ * cache while the first of them is worked on. */
 void look_ahead(batch_t *batch)
 {
     const zan_table_base_st *lookups[ZAN_DB_PREFETCH_MAX];
@@ -127,10 +127,9 @@ void object_failed(batch_t *batch, const zan_table_base_st *obj, const zan_table
 /* Dispatch, pass over, or cut the object, by the first rule that fits. */
 void decide_object(batch_t *batch, zan_table_base_st *obj, zan_table_response_st *slot)
 {
-    const auto set_in_advance = (zan_rcode)slot->err_code;
-    if (set_in_advance != EOK) {
+    if (slot->err_code != EOK) { // set in advance
         batch->last_rc = EOK;
-        object_failed(batch, obj, slot, set_in_advance);
+        object_failed(batch, obj, slot, (zan_rcode)slot->err_code);
     } else if (batch->batch_rc != EOK && !batch->keep_going) {
         slot->err_code = ZAN_RC_BATCH_CUT;
         slot->batch_cut = 1;

@@ -81,6 +81,7 @@ static void drain_delay_deletes(void)
     while (zan_table_base_st *obj = kor_core_queue_dequeue(ZAN_QUEUE_DELAY_DELETE)) {
         const srv_zan_table_props_t *props = zan_srv_table_props_get(obj->table_id);
         zan_table_base_st *copy = props->copy_ctor(obj);
+        ZAN_ASSERT(copy, "copy");
         const zan_rcode rc = zan_core_process_queue_obj(obj, true);
         props->npd_delay_delete(copy, rc);
         props->copy_dtor(copy);

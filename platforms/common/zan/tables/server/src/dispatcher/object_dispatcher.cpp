@@ -115,7 +115,8 @@ uint64_t kor_core_iterator(const zan_table_def_t *def, zan_iterator_visitor_f vi
 {
     if (zan_core_is_secondary_server_thread() && def->periodic_stats)
         return 0;
-    zan_server_table_once(def);
+    if (!zan_server_table_once(def))
+        return 0;
     memset(zan_table_state(def)->db_ctx.scratch, 0, sizeof zan_table_state(def)->db_ctx.scratch);
     zan_table_base_st lookup = {};
     lookup.key_len = 4;

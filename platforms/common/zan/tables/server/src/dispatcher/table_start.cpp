@@ -27,10 +27,10 @@ static void init_global_record(const zan_table_def_t *def, const srv_zan_table_p
                                zan_global_table_st *record)
 {
     record->table_id = def->id;
-    record->option_bytes[0] = def->init_option_bytes[0];
-    record->option_bytes[1] = def->init_option_bytes[1];
+    record->first_option = def->init_option_bytes[0];
+    record->second_option = def->init_option_bytes[1];
     props->specific_init(&record->specific[0], &record->specific[1]);
-    if (record->option_bytes[0])
+    if (record->first_option)
         record->first_option_active = 1;
 }
 

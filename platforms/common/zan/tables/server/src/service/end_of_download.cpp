@@ -6,7 +6,10 @@
 zan_rcode zan_server_api_eod(const zan_table_def_t *def, zan_table_base_st *obj,
                              zan_table_response_st *response)
 {
-    zan_server_table_once(def);
+    if (!zan_server_table_once(def)) {
+        response->err_code = ZAN_RC_INVALID;
+        return ZAN_RC_INVALID;
+    }
     const uint8_t operation = obj->table_operation;
     const uint32_t trans_id = obj->base_trans_id;
     zan_table_state_t *state = zan_table_state(def);
