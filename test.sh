@@ -5,8 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 . ./install_needs.sh
-install_needs g++ cmake ninja-build python3 libgtest-dev libbenchmark-dev libcli11-dev \
-    nlohmann-json3-dev zlib1g-dev clang-format binutils
+install_needs g++ cmake ninja-build python3 libgtest-dev libcli11-dev nlohmann-json3-dev zlib1g-dev \
+    libabsl-dev clang-format binutils git
 
 jobs=$(nproc)
 build() { # <directory> <cmake options ...>
@@ -23,9 +23,9 @@ run_tests() { # <directory> <ctest options ...>
     ctest --test-dir "$dir" --output-on-failure --no-tests=error -j "$jobs" "$@"
 }
 
+build build -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=ON -DZAN_BENCH=ON
 build build-asan -DCMAKE_BUILD_TYPE=Release -DZAN_SANITIZE=address -DZAN_BENCH=OFF
 build build-tsan -DCMAKE_BUILD_TYPE=Release -DZAN_SANITIZE=thread -DZAN_BENCH=OFF
-build build -DCMAKE_BUILD_TYPE=Release
 
 echo "== checks of the tree"
 python3 schema/generator/test_generator.py
