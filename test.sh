@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 . ./install_needs.sh
 install_needs g++ cmake ninja-build python3 libgtest-dev libcli11-dev nlohmann-json3-dev zlib1g-dev \
-    libabsl-dev clang-format binutils git
+    libabsl-dev clang-format binutils git valgrind
 
 jobs=$(nproc)
 build() { # <directory> <cmake options ...>
@@ -31,6 +31,7 @@ echo "== checks of the tree"
 python3 schema/generator/test_generator.py
 bash tests/check_architecture.sh build
 bash tests/check_format.sh
+bash tests/instruction_budget.sh build
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1

@@ -1,6 +1,7 @@
 /* zan_bench: the cost of the main job, as a ratio to a floor on the same keys in the same run.
  *
  *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|all] [--only server|floor]
+ *             [--stepped SEED]
  *
  * create  N routes, shuffled, asynchronous, one NPU whose hooks return at once: from the batch
  * entry until the last NPU has finished read    all of them by key, in another shuffle
@@ -38,12 +39,14 @@ struct options_t {
     size_t objects = 1'000'000;
     bool create = true, read = true;
     bool server = true, floor = true;
+    bool stepped = false;
+    uint64_t seed = 0;
 };
 
 [[noreturn]] void usage()
 {
     fprintf(stderr, "usage: zan_bench [--prefixes FILE] [--objects N] [--phase create|read|all] "
-                    "[--only server|floor]\n");
+                    "[--only server|floor] [--stepped SEED]\n");
     exit(2);
 }
 
@@ -60,7 +63,10 @@ options_t parse(int argc, char **argv)
             o.read = value != "create"; /* a read needs what a create stored */
         else if (name == "--only")
             (value == "server" ? o.floor : o.server) = false;
-        else
+        else if (name == "--stepped") {
+            o.stepped = true;
+            o.seed = strtoull(value.c_str(), nullptr, 0);
+        } else
             usage();
     }
     if (argc % 2 == 0)
@@ -122,10 +128,12 @@ void settle()
     zan_dsp_q_process_post_npu();
 }
 
-void start_server()
+void start_server(const options_t &options)
 {
     zan_host_config_t config = {};
     config.num_npus = 1;
+    config.stepped = options.stepped;
+    config.seed = options.seed;
     zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
     if (zan_host_start(&config) != EOK)
         fail("the host platform does not start");
@@ -240,7 +248,7 @@ int main(int argc, char **argv)
     }
     double create = 0, read = 0;
     if (options.server) {
-        start_server();
+        start_server(options);
         create_groups("ipnhgroup");
         create_groups("ip6nhgroup");
         settle();

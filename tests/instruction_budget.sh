@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Instructions of the hot flows, counted by callgrind: the same total every time, so that a budget with a
+# small margin holds. A flow that has become cheaper by more than the margin wants a new budget too.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bench=$PWD/${1:-build}/bin/zan_bench
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+count() { # <objects> <phase>: instructions of a whole run
+    valgrind --tool=callgrind --callgrind-out-file="$work/out" "$bench" --only server --stepped 1 \
+        --prefixes examples/prefixes.txt.gz --objects "$1" --phase "$2" 2>&1 |
+        sed -n 's/.*Collected : //p'
+}
+
+few=5000
+many=15000
+creates_few=$(count $few create)
+creates_many=$(count $many create)
+reads_many=$(count $many all)
+# What a run costs beside its objects is the same with few and many.
+create=$(((creates_many - creates_few) / (many - few)))
+read=$(((reads_many - creates_many) / many))
+
+failed=0
+hold() { # <flow> <instructions> <budget>
+    local low=$(($3 * 85 / 100))
+    echo "$1: $2 instructions an object, budget $3"
+    if [ "$2" -gt "$3" ]; then
+        echo "$1 is over its budget: find what it does more (callgrind_annotate), or raise the budget and say why" >&2
+        failed=1
+    elif [ "$2" -lt "$low" ]; then
+        echo "$1 is far below its budget: lower the budget in $0" >&2
+        failed=1
+    fi
+}
+hold create "$create" 9000
+hold read "$read" 2300
+exit $failed
