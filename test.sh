@@ -36,6 +36,6 @@ bash tests/instruction_budget.sh build
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1
 export TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/tests/tsan.supp
-run_tests build-asan -LE release_only --quiet
-run_tests build-tsan -LE release_only --quiet
+run_tests build-asan -LE release_only
+run_tests build-tsan -LE release_only
 run_tests build

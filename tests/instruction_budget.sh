@@ -34,6 +34,6 @@ hold() { # <flow> <instructions> <budget>
         failed=1
     fi
 }
-hold create "$create" 9000
-hold read "$read" 2300
+hold create "$create" 8000
+hold read "$read" 2080
 exit $failed

@@ -13,6 +13,7 @@
 #include "host_control.h"
 #include "host_threads.h"
 #include "internal_queues.h"
+#include "trace.h"
 
 #include <cerrno>
 
@@ -185,8 +186,15 @@ int kor_exec_q_req_bcast(kor_exec_q_st *, zan_exec_q_msg_st *head, kor_npu_mask_
 
 void zan_exec_q_enqueue_async_batch_end_msg(uint32_t table_id)
 {
-    if (host_exec.num_npus == 0 || !make_room(all_npus(), 1))
+    if (host_exec.num_npus == 0)
         return;
+    /* As long as a wait for the NPU threads would last: by then a hung one has been told of. */
+    for (uint32_t period = 0; !make_room(all_npus(), 1); period++)
+        if (period == 12) {
+            plat_errmsg(plat_msg_rec_zan_warn_err_getfn(), 4,
+                        "An NPU takes no messages: the end of a run of writes did not reach it");
+            return;
+        }
     host_exec_msg_t *msg = host_exec_msg_take(HOST_EXEC_BATCH_END);
     if (!msg)
         return;

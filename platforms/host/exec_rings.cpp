@@ -92,9 +92,11 @@ void park(uint32_t npu)
     for (uint32_t turn = 0; look_again(turn); turn++)
         if (host_ring_can_run(npu))
             return;
+    /* A message sent outside a batch may come without a wake-up: it waits no longer than this. */
+    const timespec at_most = {0, 20'000'000};
     ring->parked.store(1);
     if (!host_ring_can_run(npu) && !host_exec.quit.load())
-        futex_wait(&ring->parked, 1, nullptr);
+        futex_wait(&ring->parked, 1, &at_most);
     ring->parked.store(0, std::memory_order_relaxed);
 }
 

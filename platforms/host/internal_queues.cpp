@@ -191,6 +191,7 @@ void zan_dsp_q_process_east_west(void)
         now.function(now.arg);
         next = now.next;
     }
+    host_exec_q_flush(); /* what they sent */
 }
 
 /* ---- A postponed delete that is over ---- */

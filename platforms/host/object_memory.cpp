@@ -57,7 +57,7 @@ void *host_block_alloc(size_t size)
         return malloc(size);
     const uint32_t size_class =
         size <= largest ? (uint32_t)((size + class_bytes - 1) / class_bytes) : no_class;
-    if (size_class != no_class && free_blocks[size_class] && host_holds_dispatcher()) {
+    if (size_class != no_class && host_holds_dispatcher() && free_blocks[size_class]) {
         header_t *header = free_blocks[size_class];
         free_blocks[size_class] = header->next;
         return header + 1;

@@ -91,18 +91,16 @@ zan_table_base_st *search(const zan_table_base_st *lookup, host_radix_bound_et b
  * two; nobody else holds both. */
 void lock_for_walk(const zan_table_def_t *def)
 {
-    if (def->db_lock == ZAN_DB_LOCK_DB || def->db_lock == ZAN_DB_LOCK_BOTH)
-        HOST_ASSERT(kor_db_lock() == 0, "kor_db_lock() == 0");
-    if (def->db_lock == ZAN_DB_LOCK_STATS || def->db_lock == ZAN_DB_LOCK_BOTH)
+    HOST_ASSERT(kor_db_lock() == 0, "kor_db_lock() == 0");
+    if (def->db_lock == ZAN_DB_LOCK_BOTH)
         HOST_ASSERT(kor_db_stats_lock() == 0, "kor_db_stats_lock() == 0");
 }
 
 void unlock_for_walk(const zan_table_def_t *def)
 {
-    if (def->db_lock == ZAN_DB_LOCK_STATS || def->db_lock == ZAN_DB_LOCK_BOTH)
+    if (def->db_lock == ZAN_DB_LOCK_BOTH)
         kor_db_stats_unlock();
-    if (def->db_lock == ZAN_DB_LOCK_DB || def->db_lock == ZAN_DB_LOCK_BOTH)
-        kor_db_unlock();
+    kor_db_unlock();
 }
 
 /* Visit the first object, or the one behind `key`, and leave its key there. False at the end. */
@@ -268,7 +266,8 @@ zan_rcode zan_db_walk(uint32_t table_id, void *, zan_db_walk_f visitor, void *ar
         return EOK;
     const zan_table_def_t *def = table->index.def;
     const bool other_thread = zan_core_is_secondary_server_thread();
-    if (other_thread && def->db_lock == ZAN_DB_LOCK_NONE)
+    /* Creates and deletes of the other tables change the index under no lock. */
+    if (other_thread && def->db_lock != ZAN_DB_LOCK_DB && def->db_lock != ZAN_DB_LOCK_BOTH)
         return ZAN_RC_BAD_ARGUMENT;
     uint8_t key[ZAN_KEY_BYTES_MAX];
     zan_rcode rc = EOK;

@@ -30,19 +30,22 @@ std::atomic<int> attention;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
 bool dispatcher_inside, frr_inside;
-uint32_t dispatcher_depth;    /* entries of the dispatcher thread, one inside the other */
-uint64_t next_ticket, served; /* tickets below `served` have had their turn */
+uint32_t dispatcher_depth;      /* entries of the dispatcher thread, one inside the other */
+uint64_t admitted = UINT64_MAX; /* tickets below it may enter; all while the dispatcher is idle */
+uint64_t next_ticket, served;   /* tickets below `served` have had their turn */
 
 void let_frr_threads_in(void)
 {
     pthread_mutex_lock(&mutex);
     if (dispatcher_inside) {
         const uint64_t last = next_ticket;
+        admitted = last; /* one that comes later has the next yield */
         dispatcher_inside = false;
         pthread_cond_broadcast(&changed);
         while (served < last || frr_inside)
             pthread_cond_wait(&changed, &mutex);
         dispatcher_inside = true;
+        admitted = UINT64_MAX;
     }
     pthread_mutex_unlock(&mutex);
 }
@@ -132,8 +135,10 @@ void zan_allow_access_frr_thread(void)
     if (self.role != ZAN_THREAD_DISPATCHER)
         return;
     host_exec_q_step();
-    if (attention.load(std::memory_order_relaxed) >= HOST_YIELD_FRR)
-        let_frr_threads_in();
+    if (attention.load(std::memory_order_relaxed) < HOST_YIELD_FRR)
+        return;
+    host_exec_q_flush(); /* the NPUs do not wait for the FRR threads' turns */
+    let_frr_threads_in();
 }
 
 void zan_frr_enter(void)
@@ -143,7 +148,7 @@ void zan_frr_enter(void)
     pthread_mutex_lock(&mutex);
     const uint64_t ticket = next_ticket++;
     host_yield_attention(HOST_YIELD_FRR);
-    while (dispatcher_inside || frr_inside || served != ticket)
+    while (dispatcher_inside || frr_inside || served != ticket || ticket >= admitted)
         pthread_cond_wait(&changed, &mutex);
     host_yield_attention(-HOST_YIELD_FRR);
     frr_inside = true;

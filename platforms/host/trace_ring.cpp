@@ -12,11 +12,9 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
-#include <syslog.h>
 
 uint8_t zan_trace_enabled[ZAN_NUM_TRACE_CLASSES];
 
@@ -253,28 +251,4 @@ uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
     }
     std::sort_heap(out, out + n, older);
     return n;
-}
-
-/* ---- Messages to the operator: standard error, and the system's log ---- */
-
-struct plat_msg_rec_t {
-    const char *facility;
-};
-
-const plat_msg_rec_t *plat_msg_rec_zan_warn_err_getfn(void)
-{
-    static const plat_msg_rec_t record = {"ZAN-WARN_ERR"};
-    return &record;
-}
-
-const plat_msg_rec_t *plat_msg_rec_zan_auto_recovery_getfn(void)
-{
-    static const plat_msg_rec_t record = {"ZAN-AUTO_RECOVERY"};
-    return &record;
-}
-
-void plat_errmsg(const plat_msg_rec_t *record, int severity, const char *text)
-{
-    fprintf(stderr, "%%%s-%d: %s\n", record->facility, severity, text);
-    syslog(severity, "%s: %s", record->facility, text);
 }

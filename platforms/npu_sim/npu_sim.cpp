@@ -35,15 +35,16 @@ struct npu_t {
     std::atomic<uint64_t> latency_us = 0;
 };
 
-npu_t npus[ZAN_MAX_NPUS];
+/* Never destroyed: an NPU thread may be inside a hook while the process leaves. */
+npu_t (&npus)[ZAN_MAX_NPUS] = *(npu_t(*)[ZAN_MAX_NPUS]) new npu_t[ZAN_MAX_NPUS];
 
 struct failure_t {
     npu_sim_failure_t what;
     uint32_t seen; /* matching calls so far */
 };
 
-std::mutex failures_lock;
-std::vector<failure_t> failures;
+std::mutex &failures_lock = *new std::mutex;
+std::vector<failure_t> &failures = *new std::vector<failure_t>;
 std::atomic<bool> any_failure;
 
 /* ---- The agent's side, bound at the first call: this library is loaded before it ---- */

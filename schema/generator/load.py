@@ -12,7 +12,7 @@ from pathlib import Path
 # unless the file says otherwise: booleans are written true, numbers as numbers, choices by name.
 OPTIONS = (
     "write_mode", "table_class", "hw_rc_mode", "npu_threads", "object_mask_async",
-    "track_inflight", "delete_delay", "serialize_back", "async_batch_end", "evt_walk_suppressed",
+    "track_inflight", "create_waits_inflight", "delete_delay", "serialize_back", "async_batch_end", "evt_walk_suppressed",
     "evt_walk_childless", "periodic_stats", "stats_table", "db_lock", "event_entry", "eod_entry",
     "event_chain", "identifiers", "identifiers_per_npu", "identifiers_per_npu_on_update",
     "notify_update_reserve", "notify_update_missing", "delete_action_select",

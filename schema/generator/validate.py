@@ -156,6 +156,7 @@ def check_options(t, errors):
     need("object_mask_async", o["write_mode"] and o["table_class"], "needs write_mode 1 and a "
          "table_class that uses the object's own mask")
     need("track_inflight", o["write_mode"], "needs write_mode 1")
+    need("create_waits_inflight", o["track_inflight"], "needs track_inflight")
     need("async_batch_end", o["write_mode"], "needs write_mode 1")
     for option in ("serialize_back", "dbobj_fetch"):
         need(option, not t.repeated, "is for objects of one size: what comes back must fit the "

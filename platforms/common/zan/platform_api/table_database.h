@@ -53,8 +53,9 @@ ZAN_EXPORT zan_rcode zan_db_insert(zan_table_base_st *db_obj);
 ZAN_EXPORT void zan_db_delete(zan_db_del_ctx_t *ctx);
 
 /* Visit all objects in key order. The visitor may delete the object it has. `walk_arg` and `flags`
- * are 0. The secondary server thread may call it too: it then sees each object whole under the
- * database lock of the statistics tables. */
+ * are 0. The secondary server thread may call it too, for the tables whose objects are stored and
+ * taken out under kor_db_lock: it sees each object whole, and gets ZAN_RC_BAD_ARGUMENT for any
+ * other. */
 ZAN_EXPORT zan_rcode zan_db_walk(uint32_t table_id, void *walk_arg, zan_db_walk_f visitor,
                                  void *arg, uint32_t flags);
 /* Stored objects of a table; 0 for a table that was never used. Any thread. */

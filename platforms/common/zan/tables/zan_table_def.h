@@ -147,7 +147,9 @@ typedef struct zan_table_def_t {
     uint8_t npu_threads; /* 1: programmed through the NPU threads; 0: on the dispatcher thread */
     uint8_t object_mask_async; /* NPU-thread accounting looks at the object's own mask */
     uint8_t track_inflight;
-    uint8_t delete_delay; /* 5: a delete with children is refused, not postponed */
+    uint8_t create_waits_inflight; /* a create too waits for a write in flight, as update and delete
+                                      do */
+    uint8_t delete_delay;          /* 5: a delete with children is refused, not postponed */
     uint8_t serialize_back;
     uint8_t async_batch_end;
     uint8_t evt_walk_suppressed;

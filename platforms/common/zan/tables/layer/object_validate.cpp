@@ -95,6 +95,8 @@ static const char *check_union(const check_st *check, const zan_union_def_t *u,
         return report(check, &place, nullptr);
     if (!value->selector) /* without a variant nothing says what the key would be */
         return value->refkey_set || value->refhdl_set ? report(check, &place, nullptr) : nullptr;
+    if (!value->is_set) /* a variant of a union that is not set */
+        return report(check, &place, nullptr);
     const zan_variant_def_t *variant = &u->variants[value->selector - 1];
     place.variant = variant->stem;
     return check_parent(check, variant->parent_id, value, &place);

@@ -80,6 +80,8 @@ bool create_find_stored(create_op_t *op)
     if (!db_obj) /* a handle that leads nowhere is no new key */
         return op->obj->obj_handle == 0 || fail(op, ZAN_RC_NOT_FOUND);
     sanity_check_db_obj_base(db_obj, def->id);
+    if (def->create_waits_inflight)
+        zan_server_api_inflight_block(def, op->obj, db_obj);
     op->create_to_update_copy = copy_ctor_for_create_to_update(op->obj, db_obj);
     const bool key_is_set = op->obj->key_len != 0;
     if (key_is_set && zan_key_cmp(def, zan_obj_key(def, op->obj), zan_obj_key(def, db_obj)) != 0)

@@ -106,3 +106,12 @@ const char *zan_trace_message_text(uint32_t number)
     const uint32_t index = (number - ZAN_MSG_TABLE_BASE) % ZAN_MSG_TABLE_STRIDE;
     return index < ZAN_TMSG_COUNT ? table[index] : nullptr;
 }
+
+/* ---- The shared classes, as functions ---- */
+
+#define ZAN_TRACE_CLASS_FUNCTION(name)                                                             \
+    extern "C" ZAN_EXPORT zan_trace_class_t name(void)                                             \
+    {                                                                                              \
+        return ZAN_CLASS_##name;                                                                   \
+    }
+ZAN_SHARED_TRACE_CLASSES(ZAN_TRACE_CLASS_FUNCTION)

@@ -191,16 +191,17 @@ void trace_send_failed(zan_rcode rc, const zan_table_base_st *obj, const zan_tab
     ZAN_TRACE_TABLE(error_class(obj), obj->table_id, SEND_FAILED, rc, obj, old_obj, crud->trans_id,
                     obj->table_operation, crud->walk_ctx);
     ZAN_TRACE_TABLE(error_class(obj), obj->table_id, SEND_FAILED_WALK,
-                    crud->walk_ctx ? crud->trans_id : 0);
+                    crud->walk_ctx ? zan_walk_ctx_get_trans_id(crud->walk_ctx) : 0);
 }
 
 } // namespace
 
 void zan_alloc_npu_sync_mcast_msg(void)
 {
-    if (sync_mcast_msg)
+    if (__atomic_load_n(&sync_mcast_msg, __ATOMIC_ACQUIRE))
         return;
     auto *msg = (kor_core_srv_dispatch_t *)calloc(1, sizeof *sync_mcast_msg);
+    ZAN_ASSERT(msg, "msg");
     kor_core_srv_dispatch_t *none = nullptr;
     if (!__atomic_compare_exchange_n(&sync_mcast_msg, &none, msg, false, __ATOMIC_ACQ_REL,
                                      __ATOMIC_ACQUIRE))

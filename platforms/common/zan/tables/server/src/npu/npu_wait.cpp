@@ -1,4 +1,4 @@
-/* Waiting for the NPU threads: the only place where the dispatcher does.
+/* Waiting for the answers of the NPU threads: the only place where the dispatcher does.
  *
  * A bounded number of time-outs is allowed, and each at which the queue has drained a little does
  * not count: a slow driver is not a hung one. The programming lock is dropped around the blocking

@@ -30,12 +30,17 @@ void bind_one(bind_op_t *op, const zan_ref_value_st *value)
               zan_color_get_self_mask(op->db_obj), parent, zan_color_get_self_mask(parent));
 }
 
-void bind_member(bind_op_t *op, uint32_t member, uint32_t members)
+void bind_plain(bind_op_t *op, uint32_t member, uint32_t members)
 {
     const zan_table_def_t *def = op->def;
     for (uint32_t i = 0; i < def->num_refs; i++)
         if (def->refs[i].repeated ? member < members : member == 0)
             bind_one(op, zan_obj_ref(&def->refs[i], op->db_obj, member));
+}
+
+void bind_unions(bind_op_t *op, uint32_t member, uint32_t members)
+{
+    const zan_table_def_t *def = op->def;
     for (uint32_t i = 0; i < def->num_unions; i++) {
         const zan_union_def_t *u = &def->unions[i];
         if (u->nested_in || (u->repeated ? member >= members : member != 0))
@@ -57,6 +62,8 @@ zan_rcode kor_core_parent_add(const zan_table_def_t *def, zan_table_base_st *db_
     bind_op_t op = {def, db_obj, EOK};
     const uint32_t passes = members > 1 ? members : 1;
     for (uint32_t member = 0; member < passes; member++)
-        bind_member(&op, member, members);
+        bind_plain(&op, member, members);
+    for (uint32_t member = 0; member < passes; member++)
+        bind_unions(&op, member, members);
     return op.last;
 }

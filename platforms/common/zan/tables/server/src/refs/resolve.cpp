@@ -87,9 +87,10 @@ zan_rcode find_parent(const resolve_op_t *op, const zan_ref_def_t *ref, zan_ref_
         zan_lookup_set_key(&lookup, parent_def, zan_ref_key(value));
         zan_table_base_st *by_key = zan_db_get(&lookup.base);
         if (!by_key) {
+            const zan_rcode rc = not_found(op, ref);
             zan_server_print_key(parent_def, ZAN_TMSG_PARENT_KEY_NOT_FOUND, zan_ref_key(value),
                                  op->trans_id, op->def->id);
-            return not_found(op, ref);
+            return rc;
         }
         if (!resolved) {
             resolved = by_key;

@@ -34,11 +34,13 @@ void clear_if_dropped(const union_op_t *op, const zan_union_def_t *u, zan_ref_va
 {
     if (!value->refhdl_set || value->refhdl != 0)
         return;
+    const uint32_t selector = value->selector;
     memset(value, 0, u->stride);
     UNION_TRACE(op, VERBOSE, UNION_CLEARED, op->trans_id);
     const zan_ref_value_st *old_value = old_value_of(op, u, member);
     if (op->old_obj)
-        UNION_TRACE(op, VERBOSE, UNION_CLEARED_OLD, op->old_obj, old_value ? old_value->refhdl : 0);
+        UNION_TRACE(op, VERBOSE, UNION_CLEARED_OLD, op->old_obj,
+                    old_value && old_value->selector == selector ? old_value->refhdl : 0);
 }
 
 zan_rcode resolve_by_key(const union_op_t *op, const zan_table_def_t *parent_def,
