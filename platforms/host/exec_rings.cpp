@@ -26,7 +26,8 @@ host_exec_t host_exec;
 namespace
 {
 
-constexpr uint32_t spin_turns = 500, yield_turns = 4;
+/* Each look takes the ring's line away from the producer: some pauses lie between two. */
+constexpr uint32_t spin_turns = 10, pauses_per_turn = 64, yield_turns = 4;
 
 void futex_wait(std::atomic<uint32_t> *word, uint32_t value, const timespec *timeout)
 {
@@ -46,7 +47,8 @@ inline bool look_again(uint32_t turn)
         return turn < yield_turns;
     }
 #ifdef __x86_64__
-    __builtin_ia32_pause();
+    for (uint32_t i = 0; i < pauses_per_turn; i++)
+        __builtin_ia32_pause();
 #endif
     return turn < spin_turns;
 }
