@@ -5,6 +5,8 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <map>
+#include <sstream>
 
 namespace
 {
@@ -18,10 +20,11 @@ struct order_t {
     size_t line; /* in its file; 0: from the command line */
 };
 
-/* How it went: a code of the server, or words of the agent (or of the parser) and then no code. */
+/* How it went: a code of the server, with the field at fault where one is known, or words of the
+ * agent. */
 struct outcome_t {
     zan_rcode rc;
-    std::string field, words;
+    std::string field, words, hint;
 };
 
 std::string printed(size_t (*print)(const zan_table_def_t *, const zan_table_base_st *, char *,
@@ -88,10 +91,12 @@ void report_json(const order_t &order, const outcome_t &outcome)
     if (order.line)
         out["line"] = order.line;
     put_code(&out, outcome.rc);
-    if (!outcome.words.empty()) {
+    if (!outcome.field.empty())
         out["field"] = outcome.field;
+    if (!outcome.words.empty())
         out["words"] = outcome.words;
-    }
+    if (!outcome.hint.empty())
+        out["hint"] = outcome.hint;
     printf("%s\n", out.dump().c_str());
 }
 
@@ -101,9 +106,9 @@ void report_text(const order_t &order, const outcome_t &outcome)
     if (outcome.rc == EOK && outcome.words.empty())
         return;
     const std::string line = order.line ? "line " + std::to_string(order.line) + ": " : "";
-    const std::string words =
-        outcome.words.empty() ? code_text(outcome.rc)
-                              : (outcome.field.empty() ? "" : outcome.field + ": ") + outcome.words;
+    const std::string words = (outcome.field.empty() ? "" : outcome.field + ": ") +
+                              (outcome.words.empty() ? code_text(outcome.rc) : outcome.words) +
+                              (outcome.hint.empty() ? "" : "; " + outcome.hint);
     fprintf(stderr, "%s%s %s %s refused: %s\n", line.c_str(),
             zan_table_operation_str(order.operation), kor_table_name_get(order.obj->table_id),
             key_text(order.obj.get()).c_str(), words.c_str());
@@ -120,7 +125,7 @@ bool report(const session_t *session, const order_t &order, const outcome_t &out
 
 outcome_t agent_refusal(const zan_error_st *refusal)
 {
-    return {ZAN_RC_BAD_ARGUMENT, refusal->field, refusal->text};
+    return {ZAN_RC_BAD_ARGUMENT, refusal->field, refusal->text, ""};
 }
 
 /* ---- Reads ---- */
@@ -141,8 +146,53 @@ int read_and_print(session_t *session, const order_t &order, bool *well)
     if (rc == EOK)
         print_object(session, found);
     else
-        report(session, order, {rc, "", ""});
+        report(session, order, {rc, "", "", ""});
     return EXIT_WELL;
+}
+
+/* ---- What a refused object lacks ---- */
+
+/* The parents that an object names by key: "TABLE KEY=VALUE..." by field. Their tokens are
+ * FIELD.TABLE.KEY=VALUE. */
+std::map<std::string, std::string> named_parents(const zan_table_base_st *obj)
+{
+    std::map<std::string, std::string> parents;
+    std::istringstream tokens(printed(zan_obj_print, obj));
+    for (std::string token; tokens >> token;) {
+        const std::string name = token.substr(0, token.find('='));
+        const size_t key = name.rfind('.');
+        const size_t table = key == std::string::npos ? key : name.rfind('.', key - 1);
+        if (table == std::string::npos)
+            continue;
+        std::string &text = parents[name.substr(0, key)];
+        if (text.empty())
+            text = name.substr(table + 1, key - table - 1);
+        text += " " + token.substr(key + 1);
+    }
+    return parents;
+}
+
+/* A slot has a code but no room for a field: when something was not found, ask for each parent. */
+outcome_t server_answer(session_t *session, const order_t &order, zan_rcode answer)
+{
+    outcome_t outcome{answer, "", "", ""};
+    if (answer != ZAN_RC_NOT_FOUND)
+        return outcome;
+    for (const auto &[field, text] : named_parents(order.obj.get())) {
+        std::string why;
+        const object_ptr_t lookup = parse_object(text, &why);
+        zan_rcode rc = EOK;
+        zan_table_base_st *found = nullptr;
+        if (!lookup || zan_client_read(session->client, ZAN_TABLE_GET, lookup.get(), &rc, &found))
+            continue;
+        const object_ptr_t owned(found);
+        if (rc != ZAN_RC_NOT_FOUND)
+            continue;
+        outcome.field = field;
+        outcome.hint = "create " + text + " first";
+        break;
+    }
+    return outcome;
 }
 
 /* ---- Writes: batches, in which the agent may refuse one object and with it the rest ---- */
@@ -158,7 +208,8 @@ int run_range(session_t *session, zan_batch_t *batch, const std::vector<order_t>
         return zan_client_refusal(session->client) ? EXIT_REFUSED : fail_session(session);
     for (size_t i = begin; i < end; i++)
         *num_refused +=
-            !report(session, orders[i], {zan_batch_rc(batch, (uint32_t)(i - begin)), "", ""});
+            !report(session, orders[i],
+                    server_answer(session, orders[i], zan_batch_rc(batch, (uint32_t)(i - begin))));
     return EXIT_WELL;
 }
 

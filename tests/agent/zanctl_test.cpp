@@ -66,6 +66,9 @@ TEST_F(zanctl, says_what_was_refused_and_why)
          "\"code\":\"0x4f908011\",\"name\":\"ZAN_RC_EXISTS\",\"words\":\"already exists\"}"},
         {"create l3intf intf=101 npu_mask_req=0x10", 1, "npu_mask_req: 0x10 asks for NPU 4"},
         {"create iproute vrf_id=0 prefix=10.0.0.1/8", 2, "prefix: 10.0.0.1/8"},
+        {"create macllnh intf=100 adj_id=1 l3intf_obj.l3intf.intf=7", 1,
+         "refused: l3intf_obj.l3intf: 0x2f908002 ZAN_RC_NOT_FOUND: not found; create l3intf intf=7 "
+         "first"},
         {"create nonsense a=1", 2, "there is no table nonsense"},
         {"get l3intf intf=100", 0, "l3intf intf=100 ipv4_mtu=1500\n"},
         {"get l3intf intf=100 --json", 0, "\"ipv4_mtu\":1500"},
