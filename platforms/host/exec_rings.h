@@ -1,8 +1,8 @@
 /* The rings of the execution queue, and what takes messages from them: inside the host only.
  *
  *   exec_queue.cpp     what the server calls: broadcast, wait, stop and go
- *   exec_rings.cpp     the rings; which message may run now; the NPU threads, their parking and
- * waking exec_messages.cpp  messages and records, their way home, and who frees what
+ *   exec_rings.cpp     the rings; which message may run now; the NPU threads: parking, waking
+ *   exec_messages.cpp  messages and records, their way home, and who frees what
  *   exec_stepped.cpp   the run without threads
  */
 #ifndef ZAN_HOST_EXEC_RINGS_H
