@@ -127,8 +127,36 @@ zan_table_base_st *stored_form(const zan_table_base_st *request)
 
 } // namespace
 
+/* ---- Announcing a bind ----
+ *
+ * The parent whose bind was checked last is most likely the next to get a child. A bind touches the
+ * first and the last link of the child's group, which stand in other objects: their lines are asked
+ * for in two steps, since the second step's addresses stand in the first's line. */
+
+static uint64_t
+    checked_parent; /* a handle; whether it still leads anywhere is decided at its use */
+
+static void announce_list(uint64_t parent_handle)
+{
+    checked_parent = parent_handle;
+    __builtin_prefetch(host_first_child((const zan_table_base_st *)(uintptr_t)parent_handle));
+}
+
+static void announce_links(void)
+{
+    if (host_pool_stored_table(checked_parent) < 0)
+        return;
+    const host_link_t *first =
+        host_first_child((const zan_table_base_st *)(uintptr_t)checked_parent);
+    if (!first)
+        return;
+    __builtin_prefetch(first->ends.child);
+    __builtin_prefetch((const void *)(first->group & ~HOST_GROUP_MARKS), 1);
+}
+
 void kor_dpd_table_list_init(zan_table_base_st *db_obj)
 {
+    announce_links();
     memset(&db_obj->dpd, 0, sizeof db_obj->dpd);
 }
 
@@ -194,6 +222,7 @@ uint8_t kor_dpd_check_bind_validity(uint64_t parent_handle, const zan_table_base
     const int parent_table = host_pool_stored_table(parent_handle);
     if (parent_table < 0)
         return false;
+    announce_list(parent_handle);
     /* Most tables have nothing below them: no path leads down from their objects. */
     if (links_below[child->table_id] == 0 && parent_table != child->table_id)
         return true;

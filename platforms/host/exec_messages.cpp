@@ -1,8 +1,7 @@
 /* Messages and records of the execution queue, and their way home.
  *
- * A message that its last NPU is done with is put on a list that any thread can push to without a
- * lock; the dispatcher takes the whole list at once in zan_dsp_q_process_post_npu, which costs one
- * load when it is empty. Only there is anything freed: NPU threads free nothing.
+ * A message that no ring has any more goes on a list of the dispatcher's, and is freed in
+ * zan_dsp_q_process_post_npu. Only there is anything freed: NPU threads free nothing.
  *
  * Who owns what: until the send the record, the copies and the delta are the flow's. A message of
  * an asynchronous write brings them home and they are freed here. A message of a synchronous write
@@ -22,7 +21,8 @@
 namespace
 {
 
-std::atomic<host_exec_msg_t *> home;
+/* In the order in which they came. */
+host_exec_msg_t *home, **home_end = &home;
 
 /* The block whose record was handed out last and whose message was not: the next message is that
  * one, so that an asynchronous write needs one block. */
@@ -34,9 +34,10 @@ host_exec_msg_t *new_block(void)
     return memory ? new (memory) host_exec_msg_t() : nullptr;
 }
 
-void free_if_unused(host_exec_msg_t *block)
+void give_part(host_exec_msg_t *block, uint8_t part)
 {
-    if (block->message_out || block->record_out)
+    block->out &= (uint8_t)~part;
+    if (block->out)
         return;
     if (half_taken == block)
         half_taken = nullptr;
@@ -89,8 +90,7 @@ void take_home(host_exec_msg_t *msg)
         release_delta(record);
         zan_srv_msg_free(record);
     }
-    msg->message_out = 0;
-    free_if_unused(msg);
+    give_part(msg, HOST_EXEC_MESSAGE);
 }
 
 } // namespace
@@ -102,35 +102,34 @@ host_exec_msg_t *host_exec_msg_take(host_exec_kind_et kind)
     if (!msg)
         return nullptr;
     msg->kind = kind;
-    msg->message_out = 1;
+    msg->out |= HOST_EXEC_MESSAGE;
     return msg;
 }
 
 void host_exec_send_home(host_exec_msg_t *msg)
 {
-    host_exec_msg_t *first = home.load(std::memory_order_relaxed);
-    do {
-        msg->next_home = first;
-    } while (!home.compare_exchange_weak(first, msg, std::memory_order_release,
-                                         std::memory_order_relaxed));
+    msg->next_home = nullptr;
+    *home_end = msg;
+    home_end = &msg->next_home;
+    __builtin_prefetch(&msg->record);
 }
 
 void zan_dsp_q_process_post_npu(void)
 {
     if (host_stepped)
         host_exec_q_step();
-    if (ZAN_LIKELY(!home.load(std::memory_order_relaxed)) || !host_holds_dispatcher())
+    if (!host_holds_dispatcher())
         return;
-    host_exec_msg_t *last_first = home.exchange(nullptr, std::memory_order_acquire);
-    host_exec_msg_t *msg = nullptr; /* in the order in which they came */
-    while (last_first) {
-        host_exec_msg_t *next = last_first->next_home;
-        last_first->next_home = msg;
-        msg = last_first;
-        last_first = next;
-    }
+    host_rings_collect();
+    if (ZAN_LIKELY(!home))
+        return;
+    host_exec_msg_t *msg = home;
+    home = nullptr;
+    home_end = &home;
     while (msg) {
         host_exec_msg_t *next = msg->next_home;
+        if (next && next->comes_home)
+            __builtin_prefetch(next->record.obj);
         take_home(msg);
         msg = next;
     }
@@ -146,9 +145,7 @@ void zan_exec_q_msg_free(zan_exec_q_msg_st *head)
 {
     if (!head)
         return;
-    auto *msg = (host_exec_msg_t *)head;
-    msg->message_out = 0;
-    free_if_unused(msg);
+    give_part((host_exec_msg_t *)head, HOST_EXEC_MESSAGE);
 }
 
 kor_core_srv_dispatch_t *zan_srv_msg_alloc(uint8_t table_operation)
@@ -156,7 +153,7 @@ kor_core_srv_dispatch_t *zan_srv_msg_alloc(uint8_t table_operation)
     host_exec_msg_t *block = new_block();
     if (!block)
         return nullptr;
-    block->record_out = 1;
+    block->out = HOST_EXEC_RECORD;
     block->record.table_operation = table_operation;
     half_taken = block;
     return &block->record;
@@ -166,7 +163,5 @@ void zan_srv_msg_free(kor_core_srv_dispatch_t *record)
 {
     if (!record)
         return;
-    host_exec_msg_t *block = block_of_record(record);
-    block->record_out = 0;
-    free_if_unused(block);
+    give_part(block_of_record(record), HOST_EXEC_RECORD);
 }

@@ -29,20 +29,14 @@ bool armed;    /* kor_exec_q_resp_wait has something to wait for */
 bool stopped;
 zan_host_perf_exercise_f perf_exercise;
 
-inline uint64_t sent_of(uint32_t npu)
+inline uint64_t pushed_of(uint32_t npu)
 {
-    return host_exec.rings[npu].sent.load(std::memory_order_relaxed);
+    return host_exec.rings[npu].pushed.load(std::memory_order_relaxed);
 }
 
-/* The consumer's position is read only when the ring looks full by the last one seen. */
 inline bool has_room(uint32_t npu, uint32_t messages)
 {
-    host_ring_t *ring = &host_exec.rings[npu];
-    const uint64_t needed = sent_of(npu) + messages;
-    if (ZAN_LIKELY(needed - ring->done_seen <= HOST_RING_SLOTS))
-        return true;
-    ring->done_seen = ring->done.load();
-    return needed - ring->done_seen <= HOST_RING_SLOTS;
+    return pushed_of(npu) + messages - host_exec.rings[npu].collected <= HOST_RING_SLOTS;
 }
 
 /* The rings of the mask that have no room. */
@@ -60,18 +54,22 @@ kor_npu_mask_t full_rings(kor_npu_mask_t mask, uint32_t messages)
  * when there is none after a period. */
 bool make_room(kor_npu_mask_t mask, uint32_t messages)
 {
+    if (ZAN_LIKELY(!full_rings(mask, messages)))
+        return true;
+    host_rings_collect();
     const kor_npu_mask_t full = full_rings(mask, messages);
-    if (ZAN_LIKELY(!full))
+    if (!full)
         return true;
     uint64_t target[ZAN_MAX_NPUS] = {};
     for (kor_npu_mask_t left = full; left; left &= left - 1) {
         const auto npu = (uint32_t)__builtin_ctzll(left);
-        target[npu] = sent_of(npu) + room_to_make - HOST_RING_SLOTS;
+        target[npu] = pushed_of(npu) + room_to_make - HOST_RING_SLOTS;
     }
-    host_rings_wake_owed();
+    host_rings_publish();
     const bool held = host_programming_lock_drop();
     host_rings_wait(target, host_exec.resp_period_us.load());
     host_programming_lock_retake(held);
+    host_rings_collect();
     return full_rings(full, messages) == 0;
 }
 
@@ -83,7 +81,7 @@ inline kor_npu_mask_t all_npus(void)
 /* Hand a message to each NPU of a mask; all have room. */
 void push(host_exec_msg_t *msg, kor_npu_mask_t mask)
 {
-    msg->npus_left.store((uint32_t)__builtin_popcountll(mask), std::memory_order_relaxed);
+    msg->rings_left = (uint32_t)__builtin_popcountll(mask);
     for (kor_npu_mask_t left = mask; left; left &= left - 1)
         host_ring_push((uint32_t)__builtin_ctzll(left), msg);
 }
@@ -116,6 +114,7 @@ void zan_host_exec_q_stop(void)
         return;
     host_exec.held.store(0);
     zan_exec_q_sync_ctrl_allow_all_queues();
+    host_rings_publish();
     if (host_stepped) {
         while (host_stepped_run_one()) {
         }
@@ -145,7 +144,7 @@ void zan_host_exec_q_hold(kor_npu_mask_t mask)
 
 void host_exec_q_flush(void)
 {
-    host_rings_wake_owed();
+    host_rings_publish();
 }
 
 /* ---- Send ---- */
@@ -175,11 +174,11 @@ int kor_exec_q_req_bcast(kor_exec_q_st *, zan_exec_q_msg_st *head, kor_npu_mask_
     push(msg, mask); /* from here on the message may be gone */
     unwaited = !comes_home;
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
-        host_exec.rings[npu].wait_for = mask >> npu & 1 ? sent_of(npu) : 0;
+        host_exec.rings[npu].wait_for = mask >> npu & 1 ? pushed_of(npu) : 0;
     if (gate)
         push(gate, all_npus());
     if (!comes_home)
-        host_rings_wake_owed();
+        host_rings_publish();
     host_exec_q_step();
     return 0;
 }
@@ -200,7 +199,7 @@ void zan_exec_q_enqueue_async_batch_end_msg(uint32_t table_id)
         return;
     msg->table_id = table_id;
     push(msg, all_npus());
-    host_rings_wake_owed();
+    host_rings_publish();
     host_exec_q_step();
 }
 
@@ -220,8 +219,8 @@ int zan_exec_q_sync_ctrl_request_only(void)
     stopped = armed = true;
     unwaited = false;
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++) {
-        host_exec.rings[npu].wait_for = sent_of(npu);
-        host_exec.rings[npu].limit.store(sent_of(npu));
+        host_exec.rings[npu].wait_for = pushed_of(npu);
+        host_exec.rings[npu].limit.store(pushed_of(npu));
     }
     return 0;
 }
@@ -231,7 +230,7 @@ void zan_exec_q_sync_ctrl_allow_all_queues(void)
     stopped = false;
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++) {
         host_exec.rings[npu].limit.store(UINT64_MAX);
-        if (sent_of(npu) != host_exec.rings[npu].done.load(std::memory_order_relaxed))
+        if (pushed_of(npu) != host_exec.rings[npu].ran.load(std::memory_order_relaxed))
             host_ring_wake(npu);
     }
 }
@@ -240,7 +239,7 @@ int kor_exec_q_resp_wait(kor_exec_q_st *)
 {
     if (!armed)
         return 0;
-    host_rings_wake_owed();
+    host_rings_publish();
     uint64_t target[ZAN_MAX_NPUS];
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
         target[npu] = host_exec.rings[npu].wait_for;
@@ -261,12 +260,13 @@ uint32_t kor_exec_q_get_depth(kor_exec_q_st *)
 {
     uint64_t depth = 0;
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
-        depth += sent_of(npu) - host_exec.rings[npu].done.load(std::memory_order_relaxed);
+        depth += pushed_of(npu) - host_exec.rings[npu].ran.load(std::memory_order_relaxed);
     return (uint32_t)depth;
 }
 
 void kor_exec_q_wake_npu_threads(kor_npu_mask_t mask, uint32_t)
 {
+    host_rings_publish();
     for (kor_npu_mask_t left = mask & all_npus(); left; left &= left - 1)
         host_ring_wake((uint32_t)__builtin_ctzll(left));
 }

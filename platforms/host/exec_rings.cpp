@@ -1,9 +1,9 @@
 /* Rings, and the NPU threads.
  *
- * A push costs a store. A parked thread is woken for a run of messages, not for each: when 64 wait
- * for it, when somebody waits for it, and at the end of a batch. Before it parks a thread looks
- * again for a while: it spins if the machine has cores for all threads here, else it lets the
- * others run first, which halves the cost of a message with 3 NPUs on 2 cores.
+ * A push costs a store. The NPU sees a run of messages, not each: when the run is full, when
+ * somebody waits for it, and at the end of a batch. Before it parks a thread looks again for a
+ * while: it spins if the machine has cores for all threads here, else it lets the others run first,
+ * which halves the cost of a message with 3 NPUs on 2 cores.
  */
 #include "exec_rings.h"
 #include "clock.h"
@@ -26,8 +26,9 @@ host_exec_t host_exec;
 namespace
 {
 
-/* Each look takes the ring's line away from the producer: some pauses lie between two. */
-constexpr uint32_t spin_turns = 10, pauses_per_turn = 64, yield_turns = 4;
+/* Each look may take the ring's line away from the producer: some pauses lie between two. All of
+ * them last some 0.2 ms, in which a busy dispatcher fills a run. */
+constexpr uint32_t spin_turns = 200, pauses_per_turn = 64, yield_turns = 4;
 
 void futex_wait(std::atomic<uint32_t> *word, uint32_t value, const timespec *timeout)
 {
@@ -37,6 +38,13 @@ void futex_wait(std::atomic<uint32_t> *word, uint32_t value, const timespec *tim
 void futex_wake(std::atomic<uint32_t> *word)
 {
     syscall(SYS_futex, (uint32_t *)word, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+inline void publish(uint32_t npu)
+{
+    host_ring_t *ring = &host_exec.rings[npu];
+    ring->sent.store(ring->pushed.load(std::memory_order_relaxed));
+    host_ring_wake(npu);
 }
 
 /* Before parking: whether to look again, and a pause until then. */
@@ -53,9 +61,13 @@ inline bool look_again(uint32_t turn)
     return turn < spin_turns;
 }
 
-inline host_exec_msg_t *head_of(host_ring_t *ring)
+inline bool can_run_at(uint32_t npu, uint64_t at)
 {
-    return ring->slots[ring->done.load(std::memory_order_relaxed) % HOST_RING_SLOTS];
+    const host_ring_t *ring = &host_exec.rings[npu];
+    if (at == ring->sent.load() || at >= ring->limit.load() || (host_exec.held.load() >> npu & 1))
+        return false;
+    const host_exec_msg_t *msg = ring->slots[at % HOST_RING_SLOTS];
+    return msg->kind != HOST_EXEC_GATE || msg->closed.load() == 0;
 }
 
 /* ---- Running a message ---- */
@@ -76,8 +88,13 @@ void open_gate(host_exec_msg_t *gate)
         host_ring_wake(npu);
 }
 
-void wake_producer(host_ring_t *ring, uint64_t done)
+/* Show the producer how far the NPU has come. */
+void show_done(host_ring_t *ring)
 {
+    const uint64_t done = ring->ran.load(std::memory_order_relaxed);
+    if (done == ring->done.load(std::memory_order_relaxed))
+        return;
+    ring->done.store(done);
     if (ZAN_LIKELY(done < ring->wake_at.load()))
         return;
     ring->wake_at.store(UINT64_MAX);
@@ -91,14 +108,13 @@ void wake_producer(host_ring_t *ring, uint64_t done)
 void park(uint32_t npu)
 {
     host_ring_t *ring = &host_exec.rings[npu];
+    show_done(ring); /* a thread that was held back in the middle of a run */
     for (uint32_t turn = 0; look_again(turn); turn++)
         if (host_ring_can_run(npu))
             return;
-    /* A message sent outside a batch may come without a wake-up: it waits no longer than this. */
-    const timespec at_most = {0, 20'000'000};
     ring->parked.store(1);
     if (!host_ring_can_run(npu) && !host_exec.quit.load())
-        futex_wait(&ring->parked, 1, &at_most);
+        futex_wait(&ring->parked, 1, nullptr);
     ring->parked.store(0, std::memory_order_relaxed);
 }
 
@@ -113,7 +129,7 @@ void *npu_thread(void *arg) noexcept
         if (host_ring_run_one(npu))
             continue;
         if (host_exec.quit.load() && !host_ring_can_run(npu) &&
-            host_exec.rings[npu].done.load() == host_exec.rings[npu].sent.load())
+            host_exec.rings[npu].ran.load() == host_exec.rings[npu].sent.load())
             return nullptr;
         park(npu);
         if (host_exec.quit.load())
@@ -148,20 +164,16 @@ void host_rings_free(void)
 
 bool host_ring_can_run(uint32_t npu)
 {
-    host_ring_t *ring = &host_exec.rings[npu];
-    const uint64_t at = ring->done.load(std::memory_order_relaxed);
-    if (at == ring->sent.load() || at >= ring->limit.load() || (host_exec.held.load() >> npu & 1))
-        return false;
-    const host_exec_msg_t *msg = head_of(ring);
-    return msg->kind != HOST_EXEC_GATE || msg->closed.load() == 0;
+    return can_run_at(npu, host_exec.rings[npu].ran.load(std::memory_order_relaxed));
 }
 
 bool host_ring_run_one(uint32_t npu)
 {
-    if (!host_ring_can_run(npu))
-        return false;
     host_ring_t *ring = &host_exec.rings[npu];
-    host_exec_msg_t *msg = head_of(ring);
+    uint64_t at = ring->ran.load(std::memory_order_relaxed);
+    if (!can_run_at(npu, at))
+        return false;
+    host_exec_msg_t *msg = ring->slots[at++ % HOST_RING_SLOTS];
     if (msg->kind == HOST_EXEC_REQUEST)
         ring->last_rc.store(kor_core_npu_dispatcher(msg->head.payload, (int32_t)npu),
                             std::memory_order_relaxed);
@@ -169,37 +181,43 @@ bool host_ring_run_one(uint32_t npu)
         run_batch_end(msg->table_id, npu);
     if (msg->gate)
         open_gate(msg->gate);
-    if (msg->npus_left.fetch_sub(1, std::memory_order_acq_rel) == 1)
-        host_exec_send_home(msg); /* from here on it is the dispatcher's */
-    const uint64_t done = ring->done.load(std::memory_order_relaxed) + 1;
-    ring->done.store(done);
-    wake_producer(ring, done);
+    ring->ran.store(at, std::memory_order_relaxed);
+    if (at - ring->done.load(std::memory_order_relaxed) >= HOST_RING_RUN || !can_run_at(npu, at))
+        show_done(ring); /* from here on the messages are the producer's */
     return true;
 }
 
 void host_ring_push(uint32_t npu, host_exec_msg_t *msg)
 {
     host_ring_t *ring = &host_exec.rings[npu];
-    const uint64_t at = ring->sent.load(std::memory_order_relaxed);
+    const uint64_t at = ring->pushed.load(std::memory_order_relaxed);
     ring->slots[at % HOST_RING_SLOTS] = msg;
-    ring->sent.store(at + 1);
-    if (at + 1 - ring->woken_for < HOST_RING_WAKE_BATCH) {
-        host_exec.wakes_owed = true;
-        return;
-    }
-    ring->woken_for = at + 1;
-    host_ring_wake(npu);
+    ring->pushed.store(at + 1, std::memory_order_relaxed);
+    if (at + 1 - ring->sent.load(std::memory_order_relaxed) < HOST_RING_RUN)
+        host_exec.unsent = true;
+    else
+        publish(npu);
 }
 
-void host_rings_wake_owed(void)
+void host_rings_publish(void)
 {
-    if (!host_exec.wakes_owed)
+    if (!host_exec.unsent)
         return;
-    host_exec.wakes_owed = false;
+    host_exec.unsent = false;
+    for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
+        publish(npu);
+}
+
+void host_rings_collect(void)
+{
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++) {
         host_ring_t *ring = &host_exec.rings[npu];
-        ring->woken_for = ring->sent.load(std::memory_order_relaxed);
-        host_ring_wake(npu);
+        const uint64_t done = ring->done.load();
+        while (ring->collected != done) {
+            host_exec_msg_t *msg = ring->slots[ring->collected++ % HOST_RING_SLOTS];
+            if (--msg->rings_left == 0)
+                host_exec_send_home(msg);
+        }
     }
 }
 

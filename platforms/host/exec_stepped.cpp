@@ -68,6 +68,7 @@ void host_exec_q_step(void)
     /* Inside a message this thread is an NPU's: no message runs inside another. */
     if (!host_stepped || !host_holds_dispatcher())
         return;
+    host_rings_publish();
     uint32_t left = random_below(kor_exec_q_get_depth(get_global_exec_q()) + 1);
     while (left-- && host_stepped_run_one()) {
     }

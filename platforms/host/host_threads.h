@@ -35,7 +35,7 @@ void host_let_time_pass(uint64_t microseconds);
  * host_stepped is false with threads, and the function is then not worth a call. */
 extern bool host_stepped;
 void host_exec_q_step(void);
-/* Wake the NPU threads that sleep on messages. Producer; one load when there is none. */
+/* Show the NPU threads all that was sent to them. Producer; one load when there is nothing. */
 void host_exec_q_flush(void);
 
 /* What makes the dispatcher's yield point look closer: not 0 when an FRR thread waits, or in

@@ -7,6 +7,7 @@
  * an asynchronous delete, so each allocator has a spin lock; it is held for a probe, never across a
  * call.
  */
+#include "identifiers.h"
 #include "host_identifier_hooks.h"
 #include "host_services.h"
 #include "zan_tables_private.h"
@@ -203,7 +204,7 @@ allocator_t *allocator_of(const zan_table_def_t *def, int32_t npu)
 
 zan_rcode zan_host_reserve_id(int32_t npu, const zan_table_base_st *obj)
 {
-    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
     const holder_key_t key = key_of(def, obj);
     allocator_t *a = allocator_of(def, npu);
     const spin_guard guard(&a->lock);
@@ -221,6 +222,15 @@ zan_rcode zan_host_reserve_id(int32_t npu, const zan_table_base_st *obj)
     memcpy(entry + 1, key.bytes, key.size);
     a->used++;
     return EOK;
+}
+
+void host_identifiers_prefetch(const zan_table_def_t *def, const uint8_t *key)
+{
+    const uint64_t hash = hash_of(key, def->key_bytes);
+    for (const allocator_t &a : allocators[def->id])
+        if (a.slots)
+            __builtin_prefetch(
+                entry_at(&a, stride_of(def->key_bytes), (uint32_t)hash & (a.slots - 1)), 1);
 }
 
 /* Give back what the key holds in an allocator; false when it holds nothing there. */
@@ -243,7 +253,7 @@ static bool release_from(allocator_t *a, const holder_key_t &key, zan_rcode *rc)
 /* One table reserves once for the object and releases NPU by NPU. */
 zan_rcode zan_host_release_id(int32_t npu, const zan_table_base_st *obj)
 {
-    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
     const holder_key_t key = key_of(def, obj);
     zan_rcode rc = EOK;
     if (!release_from(allocator_of(def, npu), key, &rc) && npu >= 0)
@@ -254,7 +264,7 @@ zan_rcode zan_host_release_id(int32_t npu, const zan_table_base_st *obj)
 zan_rcode zan_host_update_release_id(int32_t npu, const zan_table_base_st *new_obj,
                                      const zan_table_base_st *old_obj)
 {
-    const zan_table_def_t *def = zan_table_defs[new_obj->table_id];
+    const zan_table_def_t *def = zan_table_def_get(new_obj->table_id);
     if (zan_key_cmp(def, zan_obj_key(def, new_obj), zan_obj_key(def, old_obj)) == 0)
         return EOK;
     return zan_host_release_id(npu, old_obj);
@@ -262,7 +272,7 @@ zan_rcode zan_host_update_release_id(int32_t npu, const zan_table_base_st *new_o
 
 uint32_t zan_host_identifier_of(const zan_table_base_st *obj, int32_t npu)
 {
-    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
     const holder_key_t key = key_of(def, obj);
     allocator_t *a = allocator_of(def, npu);
     const spin_guard guard(&a->lock);

@@ -13,6 +13,7 @@
 #include "host_assert.h"
 #include "host_blocks.h"
 #include "host_control.h"
+#include "identifiers.h"
 #include "locks.h"
 #include "quarantine.h"
 #include "radix_nodes.h"
@@ -184,6 +185,8 @@ void zan_db_prefetch(const zan_table_base_st *const *lookups, uint32_t count)
             continue;
         searches[n].tree = &table->index;
         encode(table, lookups[i], searches[n].key);
+        if (lookups[i]->table_operation == ZAN_TABLE_CREATE)
+            host_identifiers_prefetch(table->index.def, searches[n].key);
         n++;
     }
     host_radix_prefetch(searches, n);

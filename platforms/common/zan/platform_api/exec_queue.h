@@ -5,7 +5,7 @@
  * broadcast has been answered. A message that nobody waits for comes home when its last NPU is
  * done: zan_dsp_q_process_post_npu frees the payload and the copies in it on the dispatcher thread.
  *
- * A message that nobody waits for need not wake its NPU's thread at once; it has at the end of the
+ * A message that nobody waits for need not reach its NPU's thread at once; it has at the end of the
  * batch, in zan_dsp_q_process_east_west.
  *
  * Two ways to run it. With threads, as in production; and stepped, where queued messages run on the

@@ -32,8 +32,9 @@ ZAN_EXPORT zan_rcode zan_db_init(zan_global_ctx_st *ctx, uint32_t table_id);
 /* By handle when obj_handle is not 0, else by key. A handle finds only a live stored object of the
  * table, at the cost of two loads from memory outside the pool. */
 ZAN_EXPORT zan_table_base_st *zan_db_get(const zan_table_base_st *lookup);
-/* Bring towards the cache what looking these up by key will touch. A hint: it finds nothing and
- * changes nothing. At most ZAN_DB_PREFETCH_MAX records, of any tables. */
+/* Bring towards the cache what looking these up by key will touch, and for a create what reserving
+ * its identifiers will. A hint: it finds nothing and changes nothing. At most ZAN_DB_PREFETCH_MAX
+ * records, of any tables. */
 #define ZAN_DB_PREFETCH_MAX 16u
 ZAN_EXPORT void zan_db_prefetch(const zan_table_base_st *const *lookups, uint32_t count);
 /* The first object in key order. */
