@@ -54,6 +54,9 @@ static const char *check_key(const check_st *check, const zan_table_def_t *def, 
 static const char *check_attr(const check_st *check, const zan_field_def_t *attr,
                               const zan_table_base_st *obj, uint32_t num_elements)
 {
+    /* Nearly all attributes of nearly all objects. */
+    if (attr->shape == ZAN_SHAPE_SINGLE && !*zan_obj_attr_set(attr, obj, 0, 0))
+        return nullptr;
     uint32_t count = attr->shape == ZAN_SHAPE_REPEATED ? num_elements : attr->count;
     for (uint32_t i = 0; i < count; i++) {
         uint8_t set = *zan_obj_attr_set(attr, obj, i, num_elements);
