@@ -172,13 +172,10 @@ std::map<std::string, std::string> named_parents(const zan_table_base_st *obj)
     return parents;
 }
 
-/* A slot has a code but no room for a field: when something was not found, ask for each parent. */
-outcome_t server_answer(session_t *session, const order_t &order, zan_rcode answer)
+/* The first parent that is not there, and what to do about it; nothing when all are. */
+void find_missing_parent(session_t *session, const zan_table_base_st *obj, outcome_t *outcome)
 {
-    outcome_t outcome{answer, "", "", ""};
-    if (answer != ZAN_RC_NOT_FOUND)
-        return outcome;
-    for (const auto &[field, text] : named_parents(order.obj.get())) {
+    for (const auto &[field, text] : named_parents(obj)) {
         std::string why;
         const object_ptr_t lookup = parse_object(text, &why);
         zan_rcode rc = EOK;
@@ -188,8 +185,51 @@ outcome_t server_answer(session_t *session, const order_t &order, zan_rcode answ
         const object_ptr_t owned(found);
         if (rc != ZAN_RC_NOT_FOUND)
             continue;
-        outcome.field = field;
-        outcome.hint = "create " + text + " first";
+        outcome->field = field;
+        outcome->hint = "create " + text + " first";
+        return;
+    }
+}
+
+/* The union that is set and does not say which variant it holds, or "". */
+std::string union_without_variant(const zan_table_base_st *obj)
+{
+    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
+    for (uint32_t i = 0; i < def->num_unions; i++) {
+        const zan_union_def_t *u = &def->unions[i];
+        const uint32_t members = u->nested_in  ? 0
+                                 : u->repeated ? zan_obj_num_elements(def, obj)
+                                               : 1;
+        for (uint32_t member = 0; member < members; member++) {
+            const zan_ref_value_st *value = zan_obj_union(u, obj, member);
+            if (value->is_set && !value->selector)
+                return u->repeated ? std::string(u->attr) + "[" + std::to_string(member) + "]"
+                                   : u->attr;
+        }
+    }
+    return "";
+}
+
+/* A slot has a code but no room for a field: the code says where to look. A code that is missing
+ * here is about the object as a whole, or about what lies below the server. */
+outcome_t server_answer(session_t *session, const order_t &order, zan_rcode answer)
+{
+    outcome_t outcome{answer, "", "", ""};
+    switch (answer) {
+    case ZAN_RC_NOT_FOUND:
+        find_missing_parent(session, order.obj.get(), &outcome);
+        break;
+    case ZAN_RC_EXISTS:
+    case ZAN_RC_KEY_MISMATCH:
+        outcome.field = "key";
+        break;
+    case ZAN_RC_INVALID:
+        outcome.field = union_without_variant(order.obj.get());
+        break;
+    case ZAN_RC_BIND_REFUSED:
+    case ZAN_RC_PARENT_QUARANTINED: /* one of them; which one only the server knows */
+        for (const auto &[field, text] : named_parents(order.obj.get()))
+            outcome.field += (outcome.field.empty() ? "" : " or ") + field;
         break;
     }
     return outcome;

@@ -60,15 +60,18 @@ TEST_F(zanctl, says_what_was_refused_and_why)
     } cases[] = {
         {"create l3intf intf=100 ipv4_mtu=1500", 0, ""},
         {"create l3intf intf=100 ipv4_mtu=1500", 1,
-         "create l3intf intf=100 refused: 0x4f908011 ZAN_RC_EXISTS: already exists"},
+         "create l3intf intf=100 refused: key: 0x4f908011 ZAN_RC_EXISTS: already exists"},
         {"--json create l3intf intf=100", 1,
          "{\"operation\":\"create\",\"table\":\"l3intf\",\"key\":\"intf=100\","
-         "\"code\":\"0x4f908011\",\"name\":\"ZAN_RC_EXISTS\",\"words\":\"already exists\"}"},
+         "\"code\":\"0x4f908011\",\"name\":\"ZAN_RC_EXISTS\",\"words\":\"already exists\","
+         "\"field\":\"key\"}"},
         {"create l3intf intf=101 npu_mask_req=0x10", 1, "npu_mask_req: 0x10 asks for NPU 4"},
         {"create iproute vrf_id=0 prefix=10.0.0.1/8", 2, "prefix: 10.0.0.1/8"},
         {"create macllnh intf=100 adj_id=1 l3intf_obj.l3intf.intf=7", 1,
          "refused: l3intf_obj.l3intf: 0x2f908002 ZAN_RC_NOT_FOUND: not found; create l3intf intf=7 "
          "first"},
+        {"create iproute vrf_id=0 prefix=10.0.0.0/8 next_obj=none", 1,
+         "refused: next_obj: 0x4f908016 ZAN_RC_INVALID"},
         {"create nonsense a=1", 2, "there is no table nonsense"},
         {"get l3intf intf=100", 0, "l3intf intf=100 ipv4_mtu=1500\n"},
         {"get l3intf intf=100 --json", 0, "\"ipv4_mtu\":1500"},
@@ -102,7 +105,7 @@ TEST_F(zanctl, applies_a_file_and_reports_line_by_line)
                                "and deletes are not served yet"),
               std::string::npos)
         << result.text;
-    EXPECT_NE(result.text.find("line 5: create l3intf intf=2 refused: 0x4f908011"),
+    EXPECT_NE(result.text.find("line 5: create l3intf intf=2 refused: key: 0x4f908011"),
               std::string::npos)
         << result.text;
     EXPECT_NE(result.text.find("6 operations, 2 refused"), std::string::npos) << result.text;
