@@ -346,7 +346,7 @@ void json_options(json_t &j, const zan_table_def_t *def)
     j.field("key_size", def->key_size);
     j.open("elements", '[');
     for (uint16_t i = 0; i < def->num_elements; i++)
-        j.text(def->elements[i]);
+        j.text(def->elements[i].name);
     j.close(']');
     j.field("element_record_bytes", def->element_record_bytes);
     j.field("element_match_field", def->element_match_field);

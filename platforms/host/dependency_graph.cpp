@@ -110,11 +110,13 @@ void unbind_all(zan_table_base_st *child)
     area->num_parents = 0;
 }
 
-/* The stored form of a request, by key if it has one. */
+/* The stored form of a request: what its handle leads to; a heap copy's may lead nowhere, and then
+ * the key counts. */
 zan_table_base_st *stored_form(const zan_table_base_st *request)
 {
-    if (request->key_len == 0 || request->obj_handle == 0)
-        return zan_db_get(request);
+    zan_table_base_st *stored = zan_db_get(request);
+    if (stored || request->obj_handle == 0 || request->key_len == 0)
+        return stored;
     const zan_table_def_t *def = zan_table_def_get(request->table_id);
     alignas(zan_table_base_st) uint8_t lookup[sizeof(zan_table_base_st) + 64 + ZAN_KEY_SIZE_MAX];
     HOST_ASSERT(def->key_offset + def->key_size <= sizeof lookup, "the key begins near the header");

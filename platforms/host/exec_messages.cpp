@@ -14,6 +14,7 @@
 #include "internal_queues.h"
 #include "object_memory.h"
 #include "table_properties.h"
+#include "walk_contexts.h"
 
 #include <cstring>
 #include <new>
@@ -71,10 +72,14 @@ void release_copies(kor_core_srv_dispatch_t *record)
     if (record->old_obj != record->obj && !belongs_to_walk(record->walk_ctx, record->old_obj))
         free_copy(record->old_obj);
     record->obj = record->old_obj = nullptr;
+    if (record->walk_ctx && record->walk_ctx->held_by_npu_threads)
+        host_walk_ctx_came_home(record->walk_ctx);
 }
 
 void release_delta(kor_core_srv_dispatch_t *record)
 {
+    zan_heap_free(record->new_to_old_map);
+    record->new_to_old_map = nullptr;
     if (!record->delta_lists)
         return;
     zan_heap_free(record->delta_lists->delta_buffer);

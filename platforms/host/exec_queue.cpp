@@ -12,6 +12,7 @@
 #include "exec_rings.h"
 #include "host_control.h"
 #include "host_threads.h"
+#include "identifiers.h"
 #include "internal_queues.h"
 #include "trace.h"
 
@@ -171,6 +172,9 @@ int kor_exec_q_req_bcast(kor_exec_q_st *, zan_exec_q_msg_st *head, kor_npu_mask_
     host_exec_msg_t *gate = msg->gate;
     const bool comes_home = head->payload->is_async;
     msg->comes_home = comes_home;
+    if (comes_home && head->payload->table_operation == ZAN_TABLE_DELETE &&
+        !head->payload->resize_aux)
+        host_identifiers_leave(head->payload->obj);
     push(msg, mask); /* from here on the message may be gone */
     unwaited = !comes_home;
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)

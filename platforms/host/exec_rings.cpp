@@ -208,6 +208,12 @@ void host_rings_publish(void)
         publish(npu);
 }
 
+void host_rings_show_done(void)
+{
+    for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
+        show_done(&host_exec.rings[npu]);
+}
+
 void host_rings_collect(void)
 {
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++) {

@@ -102,6 +102,8 @@ bool host_ring_run_one(uint32_t npu);
 void host_ring_push(uint32_t npu, host_exec_msg_t *msg);
 /* Show every NPU what was pushed, and wake it. One load when there is nothing. Producer. */
 void host_rings_publish(void);
+/* Stepped: show how far every NPU has come. */
+void host_rings_show_done(void);
 /* Take what the NPUs are done with out of the rings; what no ring has any more goes home. Costs a
  * load for each NPU when there is nothing. Producer. */
 void host_rings_collect(void);

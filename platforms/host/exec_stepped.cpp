@@ -57,8 +57,10 @@ bool host_stepped_run_one(void)
     for (uint32_t npu = 0; npu < host_exec.num_npus; npu++)
         if (host_ring_can_run(npu))
             ready[count++] = npu;
-    if (count == 0)
+    if (count == 0) {
+        host_rings_show_done(); /* of NPUs that are held in the middle of a run */
         return false;
+    }
     run_as(ready[random_below(count)]);
     return true;
 }

@@ -38,6 +38,11 @@ ZAN_EXPORT void zan_host_set_perf_exercise(zan_host_perf_exercise_f exercise);
 ZAN_EXPORT void zan_host_clock_set_virtual(bool on);
 ZAN_EXPORT void zan_host_clock_advance(uint64_t microseconds);
 
+/* ---- Threads ---- */
+
+/* FRR threads that wait for their turn. Any thread. */
+ZAN_EXPORT uint32_t zan_host_frr_waiting(void);
+
 /* ---- Internal queues ---- */
 
 /* Have the dispatcher thread call a function at its next east-west step. Any thread. False without

@@ -2,10 +2,14 @@
  * identifier.
  *
  * An allocator maps the byte form of a key to a number: an open-addressing hash table of entries
- * {number, key}, whose size is the table's own, so that no entry is larger than its key asks. Freed
- * numbers are given out again, the last one first. The last NPU thread releases the identifiers of
- * an asynchronous delete, so each allocator has a spin lock; it is held for a probe, never across a
- * call.
+ * {number, state, key}, whose size is the table's own, so that no entry is larger than its key
+ * asks. Freed numbers are given out again, the last one first. The last NPU thread releases the
+ * identifiers of an asynchronous delete, so each allocator has a spin lock; it is held for a probe,
+ * never across a call.
+ *
+ * That release comes later than the delete, and a create of the same key may come between: it holds
+ * the number too. So an entry knows whether an object holds it, and how many deletes with the NPUs
+ * have still to let it go; it is free when both are gone.
  */
 #include "identifiers.h"
 #include "host_identifier_hooks.h"
@@ -22,7 +26,10 @@ namespace
 
 constexpr uint32_t default_capacity = 1u << 22;
 constexpr uint32_t allocators_per_table = ZAN_MAX_NPUS + 1; /* index 0: the object as a whole */
-constexpr uint32_t no_entry = UINT32_MAX;
+
+/* The state of an entry: an object holds it, and the number of deletes under way. */
+constexpr uint32_t entry_held = 1u << 31, entry_leaving = 1;
+constexpr uint32_t number_word = 0, state_word = 1, key_word = 2;
 
 struct allocator_t {
     uint32_t lock;
@@ -94,7 +101,7 @@ holder_key_t key_of(const zan_table_def_t *def, const zan_table_base_st *obj)
 
 uint32_t stride_of(uint32_t key_size)
 {
-    return (4 + key_size + 3) & ~3u;
+    return key_word * 4 + ((key_size + 3) & ~3u);
 }
 
 uint32_t *entry_at(const allocator_t *a, uint32_t stride, uint32_t slot)
@@ -109,14 +116,14 @@ uint32_t probe(const allocator_t *a, const holder_key_t &key)
     uint32_t slot = (uint32_t)key.hash & (a->slots - 1);
     for (;; slot = (slot + 1) & (a->slots - 1)) {
         const uint32_t *entry = entry_at(a, stride, slot);
-        if (*entry == ZAN_IDENTIFIER_NONE || memcmp(entry + 1, key.bytes, key.size) == 0)
+        if (*entry == ZAN_IDENTIFIER_NONE || memcmp(entry + key_word, key.bytes, key.size) == 0)
             return slot;
     }
 }
 
 uint64_t hash_of_entry(const uint32_t *entry, uint32_t key_size)
 {
-    return hash_of((const uint8_t *)(entry + 1), key_size);
+    return hash_of((const uint8_t *)(entry + key_word), key_size);
 }
 
 /* A large table is hit at random: huge pages spare most of its address translation. */
@@ -202,24 +209,38 @@ allocator_t *allocator_of(const zan_table_def_t *def, int32_t npu)
 
 } // namespace
 
+/* The number that a key holds in an allocator, or ZAN_IDENTIFIER_NONE. */
+static uint32_t number_in(allocator_t *a, const holder_key_t &key)
+{
+    const spin_guard guard(&a->lock);
+    return a->slots ? *entry_at(a, stride_of(key.size), probe(a, key)) : ZAN_IDENTIFIER_NONE;
+}
+
+/* One table reserves once for the object, and updates and releases it NPU by NPU: there the one
+ * identifier is every NPU's. */
 zan_rcode zan_host_reserve_id(int32_t npu, const zan_table_base_st *obj)
 {
     const zan_table_def_t *def = zan_table_def_get(obj->table_id);
     const holder_key_t key = key_of(def, obj);
+    if (npu >= 0 && number_in(allocator_of(def, -1), key) != ZAN_IDENTIFIER_NONE)
+        return EOK;
     allocator_t *a = allocator_of(def, npu);
     const spin_guard guard(&a->lock);
     if (a->used * 4 >= a->slots * 3 && !grow(a, key.size))
         return ZAN_RC_NO_MEMORY;
     const uint32_t slot = probe(a, key);
     uint32_t *entry = entry_at(a, stride_of(key.size), slot);
-    if (*entry != ZAN_IDENTIFIER_NONE)
+    if (*entry != ZAN_IDENTIFIER_NONE) {
+        entry[state_word] |= entry_held;
         return EOK;
+    }
     const uint32_t capacity = capacities[def->id] ? capacities[def->id] : default_capacity;
     const uint32_t number = take_number(a, capacity);
     if (number == ZAN_IDENTIFIER_NONE)
         return ZAN_HOST_RC_NO_IDENTIFIER;
-    *entry = number;
-    memcpy(entry + 1, key.bytes, key.size);
+    entry[number_word] = number;
+    entry[state_word] = entry_held;
+    memcpy(entry + key_word, key.bytes, key.size);
     a->used++;
     return EOK;
 }
@@ -233,6 +254,22 @@ void host_identifiers_prefetch(const zan_table_def_t *def, const uint8_t *key)
                 entry_at(&a, stride_of(def->key_bytes), (uint32_t)hash & (a.slots - 1)), 1);
 }
 
+void host_identifiers_leave(const zan_table_base_st *obj)
+{
+    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
+    if (!def->identifiers)
+        return;
+    const holder_key_t key = key_of(def, obj);
+    for (allocator_t &a : allocators[def->id]) {
+        if (!a.slots) /* it grows on this thread only */
+            continue;
+        const spin_guard guard(&a.lock);
+        uint32_t *entry = entry_at(&a, stride_of(key.size), probe(&a, key));
+        if (*entry != ZAN_IDENTIFIER_NONE)
+            entry[state_word] = (entry[state_word] & ~entry_held) + entry_leaving;
+    }
+}
+
 /* Give back what the key holds in an allocator; false when it holds nothing there. */
 static bool release_from(allocator_t *a, const holder_key_t &key, zan_rcode *rc)
 {
@@ -240,9 +277,16 @@ static bool release_from(allocator_t *a, const holder_key_t &key, zan_rcode *rc)
     if (!a->slots)
         return false;
     const uint32_t slot = probe(a, key);
-    const uint32_t number = *entry_at(a, stride_of(key.size), slot);
+    uint32_t *entry = entry_at(a, stride_of(key.size), slot);
+    const uint32_t number = *entry;
     if (number == ZAN_IDENTIFIER_NONE)
         return false;
+    if (entry[state_word] & ~entry_held)
+        entry[state_word] -= entry_leaving;
+    else
+        entry[state_word] = 0;
+    if (entry[state_word] != 0)
+        return true;
     if (give_number(a, number))
         remove_slot(a, key.size, slot);
     else
@@ -250,7 +294,6 @@ static bool release_from(allocator_t *a, const holder_key_t &key, zan_rcode *rc)
     return true;
 }
 
-/* One table reserves once for the object and releases NPU by NPU. */
 zan_rcode zan_host_release_id(int32_t npu, const zan_table_base_st *obj)
 {
     const zan_table_def_t *def = zan_table_def_get(obj->table_id);
@@ -265,6 +308,8 @@ zan_rcode zan_host_update_release_id(int32_t npu, const zan_table_base_st *new_o
                                      const zan_table_base_st *old_obj)
 {
     const zan_table_def_t *def = zan_table_def_get(new_obj->table_id);
+    if (!old_obj) /* the old members of an object that stays */
+        return EOK;
     if (zan_key_cmp(def, zan_obj_key(def, new_obj), zan_obj_key(def, old_obj)) == 0)
         return EOK;
     return zan_host_release_id(npu, old_obj);
@@ -273,10 +318,7 @@ zan_rcode zan_host_update_release_id(int32_t npu, const zan_table_base_st *new_o
 uint32_t zan_host_identifier_of(const zan_table_base_st *obj, int32_t npu)
 {
     const zan_table_def_t *def = zan_table_def_get(obj->table_id);
-    const holder_key_t key = key_of(def, obj);
-    allocator_t *a = allocator_of(def, npu);
-    const spin_guard guard(&a->lock);
-    return a->slots ? *entry_at(a, stride_of(key.size), probe(a, key)) : ZAN_IDENTIFIER_NONE;
+    return number_in(allocator_of(def, npu), key_of(def, obj));
 }
 
 uint64_t zan_host_identifiers_held(uint32_t table_id)

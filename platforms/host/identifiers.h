@@ -9,4 +9,8 @@
  * dispatcher. */
 void host_identifiers_prefetch(const zan_table_def_t *def, const uint8_t *key);
 
+/* A delete of the object goes to the NPU threads, which give its identifiers back when they are
+ * through. Until then another object of the key may hold them too. The dispatcher. */
+void host_identifiers_leave(const zan_table_base_st *obj);
+
 #endif

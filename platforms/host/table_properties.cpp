@@ -6,9 +6,11 @@
  * that it follows the object from form to form.
  */
 #include "table_properties.h"
+#include "host_blocks.h"
 #include "host_services.h"
 #include "zan_tables_private.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace
@@ -47,12 +49,75 @@ void side_data_copy(zan_table_base_st *to, const zan_table_base_st *from)
         memcpy(private_area(props, to), private_area(props, from), props->private_size);
 }
 
+/* The field by which the members of a table that is programmed by lists are told apart, if it is
+ * set; null: nothing tells the member. */
+const void *member_name(const zan_table_def_t *def, const zan_element_def_t *e,
+                        const zan_table_base_st *obj, uint32_t member)
+{
+    if (e->kind == ZAN_ELEMENT_UNION) {
+        const zan_ref_value_st *value = zan_obj_union(&def->unions[e->index], obj, member);
+        return value->is_set ? value : nullptr;
+    }
+    const zan_field_def_t *attr = &def->attrs[e->index];
+    return *zan_obj_attr_set(attr, obj, member, zan_obj_num_elements(def, obj))
+               ? zan_obj_attr(attr, obj, member)
+               : nullptr;
+}
+
+const zan_element_def_t *match_field(const zan_table_def_t *def)
+{
+    for (uint32_t i = 0; def->element_match_field && i < def->num_elements; i++)
+        if (strcmp(def->elements[i].name, def->element_match_field) == 0)
+            return &def->elements[i];
+    return nullptr;
+}
+
+/* Two members of one name could both be taken for the same old one. */
+zan_rcode check_names(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    const zan_element_def_t *e = def->repeated_delta ? match_field(def) : nullptr;
+    const uint32_t members = zan_obj_num_elements(def, obj);
+    if (!e || members < 2)
+        return EOK;
+    auto **names = (const void **)host_block_alloc(members * sizeof(void *));
+    if (!names)
+        return ZAN_RC_NO_MEMORY;
+    const void **end = names;
+    for (uint32_t member = 0; member < members; member++)
+        if (const void *name = member_name(def, e, obj, member))
+            *end++ = name;
+    std::sort(names, end, [e](const void *a, const void *b) { return memcmp(a, b, e->width) < 0; });
+    const bool unique = std::adjacent_find(names, end, [e](const void *a, const void *b) {
+                            return memcmp(a, b, e->width) == 0;
+                        }) == end;
+    host_block_free(names);
+    return unique ? zan_rcode{EOK} : ZAN_RC_INVALID;
+}
+
+/* The graph has parent slots for so many references of one object, and no more. */
+zan_rcode check_parents(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    const uint32_t members = zan_obj_num_elements(def, obj);
+    if (def->max_parents_single + (uint64_t)def->max_parents_per_member * members <= UINT16_MAX)
+        return EOK;
+    uint32_t parents = 0;
+    for (uint32_t i = 0; i < def->num_refs; i++)
+        for (uint32_t m = 0; m < (def->refs[i].repeated ? members : 1); m++)
+            parents += zan_obj_ref(&def->refs[i], obj, m)->refhdl != 0;
+    for (uint32_t i = 0; i < def->num_unions; i++)
+        for (uint32_t m = 0; m < (def->unions[i].repeated ? members : 1); m++)
+            parents += !def->unions[i].nested_in && zan_obj_union(&def->unions[i], obj, m)->refhdl;
+    return parents <= UINT16_MAX ? zan_rcode{EOK} : ZAN_RC_INVALID;
+}
+
 zan_rcode side_data_validate(zan_table_base_st *obj)
 {
+    const zan_table_def_t *def = records[obj->table_id].def;
     char where[128];
-    if (zan_obj_invalid_field(records[obj->table_id].def, obj, where, sizeof where))
+    if (zan_obj_invalid_field(def, obj, where, sizeof where))
         return ZAN_RC_INVALID;
-    return EOK;
+    const zan_rcode rc = check_parents(def, obj);
+    return rc != EOK ? rc : check_names(def, obj);
 }
 
 uint64_t no_attrib_mask(zan_table_base_st *, zan_table_base_st *)

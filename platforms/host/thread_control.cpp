@@ -10,6 +10,7 @@
  */
 #include "thread_control.h"
 #include "host_assert.h"
+#include "host_control.h"
 #include "host_threads.h"
 
 #include <atomic>
@@ -139,6 +140,11 @@ void zan_allow_access_frr_thread(void)
         return;
     host_exec_q_flush(); /* the NPUs do not wait for the FRR threads' turns */
     let_frr_threads_in();
+}
+
+uint32_t zan_host_frr_waiting(void)
+{
+    return (uint32_t)attention.load(std::memory_order_relaxed) / HOST_YIELD_FRR;
 }
 
 void zan_frr_enter(void)

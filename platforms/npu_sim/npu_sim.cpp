@@ -29,6 +29,9 @@ using image_t = std::string; /* bytes of an object as the hardware holds them */
 struct npu_t {
     std::mutex lock;
     std::unordered_map<std::string, image_t> objects[ZAN_NUM_TABLES];
+    /* Updates of an asynchronous write that changed the member count: for each the delete of the
+     * old members follows, which is none of the object. */
+    std::unordered_map<std::string, uint32_t> replaced[ZAN_NUM_TABLES];
     uint64_t capacity[ZAN_NUM_TABLES] = {};
     uint64_t bytes = 0;
     npu_sim_counts_t counts = {};
@@ -114,7 +117,7 @@ image_t image_of(const zan_table_def_t *def, const zan_table_base_st *obj)
     for (uint32_t i = 0; i < def->num_unions; i++)
         if (def->unions[i].repeated && !def->unions[i].nested_in)
             pointer(def->unions[i].offset);
-    if (members)
+    if (members && dyn)
         image.append((const char *)dyn, zan_obj_dyn_size(def, members));
     return image;
 }
@@ -179,6 +182,12 @@ zan_rcode on_each(const zan_table_base_st *obj, uint32_t operation,
 }
 
 /* A repeat of a create is what a retry looks like: the hardware takes it. */
+bool asks_for(const zan_table_def_t *def, const zan_table_base_st *obj, uint32_t npu)
+{
+    return !*zan_obj_npu_mask_req_set(def, obj) || *zan_obj_npu_mask_req(def, obj) == 0 ||
+           (*zan_obj_npu_mask_req(def, obj) >> npu & 1);
+}
+
 zan_rcode store(const zan_table_def_t *def, npu_t *npu, const zan_table_base_st *obj)
 {
     auto &objects = npu->objects[def->id];
@@ -198,6 +207,55 @@ zan_rcode store(const zan_table_def_t *def, npu_t *npu, const zan_table_base_st 
     return EOK;
 }
 
+void expect_old_members_to_go(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    for (kor_npu_mask_t left = called_for(def, obj); left; left &= left - 1) {
+        npu_t &npu = npus[__builtin_ctzll(left) % ZAN_MAX_NPUS];
+        const std::lock_guard guard(npu.lock);
+        npu.replaced[def->id][key_of(def, obj)]++;
+    }
+}
+
+/* Whether this delete, on an NPU thread, is that of old members. */
+bool old_members_go(const zan_table_base_st *obj)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    if (!def->write_mode)
+        return false;
+    npu_t &npu = npus[calling_npu(obj)];
+    const std::lock_guard guard(npu.lock);
+    const auto found = npu.replaced[def->id].find(key_of(def, obj));
+    if (found == npu.replaced[def->id].end())
+        return false;
+    if (--found->second == 0)
+        npu.replaced[def->id].erase(found);
+    return true;
+}
+
+void take_away(const zan_table_def_t *def, npu_t *npu, const std::string &key)
+{
+    auto &objects = npu->objects[def->id];
+    const auto found = objects.find(key);
+    if (found == objects.end())
+        return;
+    npu->bytes -= found->second.size();
+    objects.erase(found);
+}
+
+/* Where one call is for the whole object, an update may move it to other NPUs. */
+void leave_dropped_npus(const zan_table_def_t *def, const zan_table_base_st *obj,
+                        const zan_table_base_st *old_obj)
+{
+    if (def->npu_threads || def->table_class == 0)
+        return;
+    for (kor_npu_mask_t left = called_for(def, old_obj) & ~called_for(def, obj); left;
+         left &= left - 1) {
+        npu_t &npu = npus[__builtin_ctzll(left) % ZAN_MAX_NPUS];
+        const std::lock_guard guard(npu.lock);
+        take_away(def, &npu, key_of(def, obj));
+    }
+}
+
 } // namespace
 
 /* ---- Hooks ---- */
@@ -211,16 +269,62 @@ zan_rcode npu_sim_create(const zan_table_base_st *obj)
 zan_rcode npu_sim_update(const zan_delta_lists_t *delta)
 {
     const zan_table_base_st *obj = delta->new_obj;
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    if (delta->resize && def->write_mode)
+        expect_old_members_to_go(def, obj);
+    leave_dropped_npus(def, obj, delta->old_obj);
     return on_each(obj, ZAN_TABLE_UPDATE, &npu_sim_counts_t::updates,
-                   [&](const zan_table_def_t *def, npu_t *npu) { return store(def, npu, obj); });
+                   [&](const zan_table_def_t *, npu_t *npu) -> zan_rcode {
+                       if (def->object_mask_async && !asks_for(def, obj, (uint32_t)(npu - npus))) {
+                           take_away(def, npu, key_of(def, obj));
+                           return EOK;
+                       }
+                       return store(def, npu, obj);
+                   });
+}
+
+/* Hardware that is programmed by members would take the lists; this one keeps whole objects. */
+zan_rcode npu_sim_update_members(const zan_repeated_delta_t *delta)
+{
+    if (!delta->new_obj)
+        return npu_sim_delete(delta->old_obj);
+    if (!delta->old_obj)
+        return npu_sim_create(delta->new_obj);
+    zan_delta_lists_t whole = {};
+    whole.new_obj = delta->new_obj;
+    whole.old_obj = delta->old_obj;
+    return npu_sim_update(&whole);
+}
+
+/* The same member is one whose match field is set and equal. */
+int32_t npu_sim_compare_members(const void *old_element, const void *new_element)
+{
+    const auto *a = (const uint8_t *)old_element, *b = (const uint8_t *)new_element;
+    const zan_table_base_st *owner;
+    memcpy(&owner, b, sizeof owner);
+    const zan_table_def_t *def = zan_table_defs[owner->table_id];
+    const uint32_t values = def->elements[0].offset;
+    if (memcmp(a + values, b + values, def->element_record_bytes - values) == 0)
+        return ZAN_ELEMENT_EQUAL;
+    for (uint32_t i = 0; i < def->num_elements; i++) {
+        const zan_element_def_t *e = &def->elements[i];
+        if (strcmp(e->name, def->element_match_field) == 0 && a[e->set_offset] &&
+            b[e->set_offset] && memcmp(a + e->offset, b + e->offset, e->width) == 0)
+            return ZAN_ELEMENT_MODIFIED;
+    }
+    return ZAN_ELEMENT_OTHER;
 }
 
 zan_rcode npu_sim_delete(const zan_table_base_st *obj)
 {
+    const bool old_members = old_members_go(obj);
     return on_each(obj, ZAN_TABLE_DELETE, &npu_sim_counts_t::deletes,
                    [&](const zan_table_def_t *def, npu_t *npu) -> zan_rcode {
+                       if (old_members)
+                           return EOK;
                        auto &objects = npu->objects[def->id];
-                       const auto found = objects.find(key_of(def, obj));
+                       const std::string key = key_of(def, obj);
+                       const auto found = objects.find(key);
                        if (found == objects.end())
                            return NPU_SIM_RC_UNKNOWN;
                        npu->bytes -= found->second.size();
@@ -355,6 +459,8 @@ void npu_sim_reset(void)
         const std::lock_guard npu_guard(npu.lock);
         for (auto &objects : npu.objects)
             objects.clear();
+        for (auto &replaced : npu.replaced)
+            replaced.clear();
         memset(npu.capacity, 0, sizeof npu.capacity);
         npu.bytes = 0;
         npu.counts = {};

@@ -1,9 +1,11 @@
 /* The hooks of the simulated NPUs: NPU_SIM_HOOKS(T) supplies create, update, delete, event and get
- * of a table, NPU_SIM_EOD(T) its end of download. All other hooks stay absent. */
+ * of a table, NPU_SIM_EOD(T) its end of download, NPU_SIM_REPEATED(T) its update by lists. All
+ * other hooks stay absent. */
 #ifndef NPU_SIM_HOOKS_H
 #define NPU_SIM_HOOKS_H
 
 #include "npu_message.h"
+#include "repeated_delta.h"
 
 /* Each returns the simulated hardware's code. Called on an NPU thread, or on the dispatcher thread
  * for the NPUs of the object: see npu_sim.cpp. */
@@ -13,6 +15,9 @@ zan_rcode npu_sim_delete(const zan_table_base_st *obj);
 zan_rcode npu_sim_event(const zan_table_base_st *obj);
 zan_rcode npu_sim_eod(const zan_table_base_st *obj);
 zan_rcode npu_sim_get(zan_table_base_st *obj);
+
+zan_rcode npu_sim_update_members(const zan_repeated_delta_t *delta);
+int32_t npu_sim_compare_members(const void *old_element, const void *new_element);
 
 #define NPU_SIM_HOOKS(T)                                                                           \
     extern "C" ZAN_EXPORT zan_rcode srv_##T##_create(zan_table_base_st *obj)                       \
@@ -40,6 +45,18 @@ zan_rcode npu_sim_get(zan_table_base_st *obj);
     extern "C" ZAN_EXPORT zan_rcode srv_##T##_eod(zan_table_base_st *obj)                          \
     {                                                                                              \
         return npu_sim_eod(obj);                                                                   \
+    }
+
+#define NPU_SIM_REPEATED(T)                                                                        \
+    extern "C" ZAN_EXPORT zan_rcode srv_##T##_update_deprecated(zan_repeated_delta_t *delta,       \
+                                                                uint32_t)                          \
+    {                                                                                              \
+        return npu_sim_update_members(delta);                                                      \
+    }                                                                                              \
+    extern "C" ZAN_EXPORT int32_t srv_##T##_compare_dynamic_struct_deprecated(                     \
+        const void *old_element, const void *new_element)                                          \
+    {                                                                                              \
+        return npu_sim_compare_members(old_element, new_element);                                  \
     }
 
 #endif

@@ -75,7 +75,7 @@ def header(t):
     guard = f"ZAN_TABLE_{t.upper}_H"
     out = [made_from(t), f"#ifndef {guard}", f"#define {guard}", "", '#include "zan_accessors.h"',
            '#include "zan_table_keys.h"', "", f"#define {t.upper}_TABLE_ID {t.id}", ""]
-    out += enumerations(t) + reference_types(t) + object_struct(t)
+    out += enumerations(t) + reference_types(t) + object_struct(t) + element_struct(t)
     out += ["ZAN_EXTERN_C_BEGIN", f"ZAN_TABLE_ACCESSORS_DECL({t.name})"]
     out += [accessor(t, f, "_DECL") for f in accessor_fields(t)]
     for r in t.refs:
@@ -143,6 +143,26 @@ def object_struct(t):
             f"ZAN_ASSERT_LAYOUT({obj}, {lay.trans_id}, {lay.npu_mask_req}, "
             f"{lay.npu_mask_req_set}, {lay.key}, {lay.obj_size});", ""]
     return out
+
+
+def element_struct(t):
+    if not t.elements:
+        return []
+    name = f"srv_{t.name}_element_t"
+    aliases = [(e.ctype, "uint64_t" if e.kind == "refhdl" else t.attr(e.name).ctype)
+               for e in t.layout.elements
+               if e.kind == "refhdl" or (e.kind == "attr" and e.ctype != t.attr(e.name).ctype)]
+    out = ["/* One member, as the lists of an update have it. */"]
+    out += [f"typedef {plain} {alias};" for alias, plain in dict(aliases).items()]
+    out += [f"typedef struct {name} {{", f"    zan_{t.name}_obj_st *owner;",
+            "    uint32_t index, side; /* 0: of the old object, 1: of the new one */"]
+    out += [f"    {e.ctype} {e.name};" for e in t.layout.elements]
+    out += [f"    zan_bool_t {e.name}_set;" for e in t.layout.elements]
+    out += [f"}} {name};",
+            f'ZAN_STATIC_ASSERT(sizeof({name}) == {t.layout.element_record}, "{name}");']
+    out += [f'ZAN_STATIC_ASSERT(offsetof({name}, {e.name}) == {e.offset}, "{e.name}");'
+            for e in t.layout.elements]
+    return out + [f"typedef struct zan_repeated_delta_t srv_{t.name}_delta_t;", ""]
 
 
 def member(a):
@@ -218,7 +238,10 @@ def definition(t, schema):
     out += numbers("children", schema.ids(schema.children[t.name]))
     out += numbers("adjacencies", sorted(a.index for a in t.adjacencies))
     if t.elements:
-        out.append(f"const char *const elements[] = {{{', '.join(map(quoted, t.elements))}}};")
+        out.append("const zan_element_def_t elements[] = {")
+        out += [f"    {{{quoted(e.name)}, {quoted(e.ctype)}, ZAN_ELEMENT_{e.kind.upper()}, {e.index}, "
+                f"{e.offset}, {e.width}, {e.set_offset}}}," for e in t.layout.elements]
+        out.append("};")
     return out + [""] + table_record(t, schema)
 
 
@@ -433,7 +456,7 @@ def server_api(t, schema):
         out.append(f"ZAN_TABLE_PUSH_EVENT({name}, {upper}, {e.name[len(upper) + 1:].lower()}, "
                    f"{e.mask:#x})")
     if t.options["repeated_delta"]:
-        out.append(f"ZAN_TABLE_REPEATED_DELTA({name})")
+        out.append(f"ZAN_TABLE_REPEATED_DELTA({name}, {upper})")
     out += [f"ZAN_TABLE_ADJ({a.name})" for a in t.adjacencies if a.hooks]
     return out
 
@@ -463,6 +486,8 @@ def npu_sim_hooks(tables):
         out.append(f"NPU_SIM_HOOKS({t.name})")
         if t.options["eod_entry"]:
             out.append(f"NPU_SIM_EOD({t.name})")
+        if t.options["repeated_delta"]:
+            out.append(f"NPU_SIM_REPEATED({t.name})")
     return out
 
 

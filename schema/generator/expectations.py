@@ -92,6 +92,7 @@ EXPECTED = (
     ("tables with unions", 148, lambda t: bool(t.unions)),
     ("tables with plain references", 98, lambda t: bool(t.refs)),
     ("tables in the graph without references", 15, option("parent_init_without_references")),
+    ("of them, tables that call it on an update", 2, option("parent_init_on_update")),
     ("union variants that inherit", 81, inheriting_variants),
     ("tables with one parent", 71, one_parent),
     ("tables with events", 49, lambda t: bool(t.events)),

@@ -30,6 +30,7 @@ class Layout:
     padding: int = 0             # bytes behind the last field, to a stated obj_size
     obj_size: int = 0
     element_record: int = 0      # bytes of the element record of a repeated_delta table
+    elements: list = field(default_factory=list)
 
 
 def align_up(n, a):
@@ -57,7 +58,7 @@ def compute(tables, errors):
     for t in tables:
         place_object(t, by_name, errors)
         if t.elements:
-            t.layout.element_record = element_record_size(t, by_name)
+            t.layout.elements, t.layout.element_record = element_record(t, by_name)
 
 
 def place_key(t):
@@ -113,22 +114,46 @@ def place_reference(lay, c, ref, name, parents):
     lay.refs[name] = (c.place(8 if ref.repeated else stride, 8), stride)
 
 
-def element_record_size(t, by_name):
-    """The record of one member: owner, index and side, the values, then an is-set byte for each."""
+@dataclass
+class Element:
+    """A value of a member in its element record."""
+    name: str
+    kind: str      # attr, refkey, refhdl, union
+    index: int     # of the attribute, reference or union
+    ctype: str
+    offset: int
+    width: int     # bytes
+    set_offset: int = 0
+
+
+def element_record(t, by_name):
+    """The record of one member: owner, index and side, the values, then an is-set byte for each.
+    Returns its elements and its size."""
     c = Cursor(0)
     c.place(8, 8)
     c.place(4, 4)
     c.place(4, 4)
+    elements = []
+
+    def place(name, kind, index, ctype, width, align):
+        ctype = t.element_types.get(name, ctype)
+        elements.append(Element(name, kind, index, ctype, c.place(width, align), width))
+
     for name in t.elements:
         stem, _, half = name.rpartition("_")
         ref = next((r for r in t.refs if r.stem == stem), None)
-        if t.attr(name):
-            c.place(t.attr(name).width, t.attr(name).align)
+        attr = t.attr(name)
+        if attr:
+            place(name, "attr", t.attrs.index(attr), attr.ctype, attr.width, attr.align)
         elif ref and half == "refkey":
-            c.place(by_name[ref.table].layout.key_size, by_name[ref.table].layout.key_align)
+            key = by_name[ref.table].layout
+            place(name, "refkey", t.refs.index(ref), f"kor_{ref.table}_key_t", key.key_size,
+                  key.key_align)
         elif ref and half == "refhdl":
-            c.place(8, 8)
+            place(name, "refhdl", t.refs.index(ref), f"kor_{ref.table}_hdl_t", 8, 8)
         else:
-            c.place(t.layout.refs[name][1], 8)
-    c.place(len(t.elements), 1)
-    return align_up(c.at, c.align)
+            union = next(i for i, u in enumerate(t.unions) if u.attr == name)
+            place(name, "union", union, f"kor_{t.name}_{name}_t", t.layout.refs[name][1], 8)
+    for e in elements:
+        e.set_offset = c.place(1, 1)
+    return elements, align_up(c.at, c.align)

@@ -18,7 +18,8 @@ OPTIONS = (
     "notify_update_reserve", "notify_update_missing", "delete_action_select",
     "delete_calls_picker", "internal_async_q_err", "post_actions", "repeated_delta",
     "update_of_missing_creates", "delete_notify", "replay_client_filter", "create_reject",
-    "change_test", "dbobj_fetch", "parent_init_without_references", "graph", "oor_account_plain",
+    "change_test", "dbobj_fetch", "parent_init_without_references", "parent_init_on_update",
+    "graph", "oor_account_plain",
     "oor_update",
 )
 # Options that follow from the rest of the definition and are not written.
@@ -172,6 +173,7 @@ class Table:
     elements: list = field(default_factory=list)
     element_record_bytes: int = 0
     element_match_field: str = ""
+    element_types: dict = field(default_factory=dict)  # names of types that hide a plainer one
 
     @property
     def upper(self):
@@ -293,6 +295,7 @@ def read_table(errors, file, group, record):
     table.elements = r.strings("elements")
     table.element_record_bytes = r.take("element_record_bytes", int, 0)
     table.element_match_field = r.take("element_match_field", str, "")
+    table.element_types = r.take("element_types", dict, {})
     for name, holds in DERIVED.items():
         table.options[name] = int(holds(table))
     r.done()

@@ -171,6 +171,8 @@ def check_options(t, errors):
     need("repeated_delta", not t.element_match_field or t.element_match_field in t.elements,
          "has an element_match_field that is no element")
     need("parent_init_without_references", not t.has_references, "is for tables without references")
+    need("parent_init_on_update", t.options["parent_init_without_references"],
+         "needs parent_init_without_references")
     need("parent_init_without_references", not t.options["write_mode"],
          "is for tables with synchronous writes")
     if o["db_lock"] != "none" and not o["stats_table"]:

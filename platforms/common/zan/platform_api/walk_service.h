@@ -42,7 +42,7 @@ typedef struct kor_dpd_event_ctx_t {
     uint8_t force_update;
     uint8_t child_update_needed;
     uint8_t child_force_update;
-    uint8_t held_by_npu_threads; /* a message to the NPU threads carries this context */
+    uint8_t held_by_npu_threads; /* messages to the NPU threads that carry this context */
     uint32_t num_evt_update;
     uint32_t num_evt_force;
     struct zan_bwalk_event_list_t *event_list;
@@ -71,12 +71,38 @@ ZAN_EXPORT void table_bwalk_originator_stats_alloc(uint32_t table_id);
 /* Add attribute update bits for the next push of the table's events. */
 ZAN_EXPORT void zan_walk_ctx_push_attr_upd_mask(kor_dpd_event_ctx_t *walk_ctx, uint32_t table_id,
                                                 uint64_t mask);
+/* A context for an update: a fresh one, or nested under the walk that runs. Null without memory. */
+ZAN_EXPORT kor_dpd_event_ctx_t *zan_walk_ctx_alloc_walk_ctx(kor_dpd_event_ctx_t *running);
+/* The root of a walk is through with its context and those nested under it. A context that the NPU
+ * threads hold goes when they have let go too. */
+ZAN_EXPORT void zan_walk_ctx_dtor(kor_dpd_event_ctx_t *walk_ctx);
+/* Free the copies that a post_proc event took, in front of zan_walk_ctx_dtor; while the NPU threads
+ * hold the context they stay until both are through. */
+ZAN_EXPORT void zan_walk_ctx_free_old_obj_from_dispatcher(kor_dpd_event_ctx_t *walk_ctx);
+/* The request that the update began with; a record for traces, never followed. */
+ZAN_EXPORT void zan_walk_ctx_set_new_obj_heap(kor_dpd_event_ctx_t *walk_ctx,
+                                              zan_table_base_st *obj);
+/* The source ran in retry mode. */
+ZAN_EXPORT void zan_walk_ctx_set_from_retry(kor_dpd_event_ctx_t *walk_ctx, bool retry);
+ZAN_EXPORT bool zan_walk_ctx_is_from_retry(const kor_dpd_event_ctx_t *walk_ctx);
+/* The context belongs to a child update of a running walk. */
+ZAN_EXPORT bool zan_walk_ctx_is_inside_bwalk(const kor_dpd_event_ctx_t *walk_ctx);
+/* The update goes on though no attribute changed. */
+ZAN_EXPORT bool zan_walk_ctx_is_force_update(const kor_dpd_event_ctx_t *walk_ctx);
+/* A post_proc event took the update's copies. */
+ZAN_EXPORT bool zan_walk_ctx_owns_old_obj(const kor_dpd_event_ctx_t *walk_ctx);
+/* The code that the root of the walk came to. */
+ZAN_EXPORT void zan_walk_ctx_stamp_root_error(kor_dpd_event_ctx_t *walk_ctx, zan_rcode rc);
 /* The transaction of a walk. */
 ZAN_EXPORT void zan_walk_ctx_set_trans_id(kor_dpd_event_ctx_t *walk_ctx, uint32_t trans_id);
 ZAN_EXPORT uint32_t zan_walk_ctx_get_trans_id(const kor_dpd_event_ctx_t *walk_ctx);
 
 /* Paint a new object's colours on the way up to its sources; a forward walk. */
 ZAN_EXPORT void zan_colored_event_fwalk_on_create(zan_table_base_st *db_obj);
+/* The same after a reference change. */
+ZAN_EXPORT void zan_colored_event_fwalk_on_update(zan_table_base_st *db_obj);
+/* Report to the bug log when an object's colours are not what its children need. */
+ZAN_EXPORT void zan_colored_event_validate_child_colors(zan_table_base_st *db_obj);
 /* The colours that an object carries: green 1, red 2, brown 4. */
 ZAN_EXPORT uint8_t zan_color_get_self_mask(const zan_table_base_st *obj);
 

@@ -120,6 +120,24 @@ typedef struct zan_subscription_def_t {
     const char *name; /* of the event */
 } zan_subscription_def_t;
 
+/* A value of a member in the element record of a repeated_delta table. */
+typedef enum zan_element_kind_et {
+    ZAN_ELEMENT_ATTR,
+    ZAN_ELEMENT_REFKEY,
+    ZAN_ELEMENT_REFHDL,
+    ZAN_ELEMENT_UNION,
+} zan_element_kind_et;
+
+typedef struct zan_element_def_t {
+    const char *name;
+    const char *type;    /* as its diagnostics name it */
+    uint8_t kind;        /* zan_element_kind_et */
+    uint16_t index;      /* of the attribute, reference or union in the table */
+    uint16_t offset;     /* in the record */
+    uint16_t width;      /* bytes */
+    uint16_t set_offset; /* of the is-set byte in the record */
+} zan_element_def_t;
+
 typedef enum zan_db_lock_et {
     ZAN_DB_LOCK_NONE,
     ZAN_DB_LOCK_DB,    /* kor_db_lock brackets writes of the database object */
@@ -177,9 +195,10 @@ typedef struct zan_table_def_t {
     uint8_t change_test; /* an update without a change ends early */
     uint8_t dbobj_fetch; /* a failed operation reads the stored object back into the request */
     uint8_t parent_init_without_references;
-    uint8_t graph;             /* takes part in the dependency graph as a child */
-    uint8_t oor_account_plain; /* the accounting calls account, not account_sub */
-    uint8_t oor_update;        /* zan_oor_update_et */
+    uint8_t parent_init_on_update; /* of the 15 above, those that call it on an update too */
+    uint8_t graph;                 /* takes part in the dependency graph as a child */
+    uint8_t oor_account_plain;     /* the accounting calls account, not account_sub */
+    uint8_t oor_update;            /* zan_oor_update_et */
     uint8_t init_option_bytes[2];
     uint32_t obj_ref_cnt_limit; /* 0: the table does not count client references */
 
@@ -212,7 +231,7 @@ typedef struct zan_table_def_t {
     const uint16_t *children;    /* direct child tables, ascending */
     const uint16_t *adjacencies; /* adjacency indices, ascending */
 
-    const char *const *elements; /* names of the element record of a repeated_delta table */
+    const zan_element_def_t *elements; /* of the element record of a repeated_delta table */
     uint16_t num_elements, element_record_bytes;
     const char *element_match_field;
 } zan_table_def_t;

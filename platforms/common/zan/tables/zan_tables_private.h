@@ -55,6 +55,19 @@ static inline uint32_t zan_obj_num_elements(const zan_table_def_t *def,
     return def->num_elements_offset ? *(uint32_t *)zan_obj_at(obj, def->num_elements_offset) : 0;
 }
 
+ZAN_EXTERN_C_BEGIN
+/* Start of the dynamic part, all arrays of the members; null without members, and in a stored
+ * object whose members found no memory at a resize. */
+ZAN_EXPORT uint8_t *zan_obj_members(const zan_table_def_t *def, const zan_table_base_st *obj);
+ZAN_EXTERN_C_END
+
+/* Members that are there to be read. */
+static inline uint32_t zan_obj_num_held(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    const uint32_t members = zan_obj_num_elements(def, obj);
+    return members && zan_obj_members(def, obj) ? members : 0;
+}
+
 /* ---- References and attributes by index; `member` is 0 for what is not repeated ---- */
 
 static inline zan_ref_value_st *zan_obj_ref_at(const zan_table_base_st *obj, uint32_t offset,

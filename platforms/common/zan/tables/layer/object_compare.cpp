@@ -90,7 +90,7 @@ bool zan_obj_attrs_differ(const zan_table_def_t *def, const zan_table_base_st *o
                           const zan_table_base_st *db_obj, int32_t *index)
 {
     uint32_t num_elements = zan_obj_num_elements(def, obj);
-    bool counts_differ = num_elements != zan_obj_num_elements(def, db_obj);
+    bool counts_differ = num_elements != zan_obj_num_held(def, db_obj);
     int32_t first = counts_differ ? -1 : first_difference(def, obj, db_obj, num_elements);
     if (index)
         *index = first;

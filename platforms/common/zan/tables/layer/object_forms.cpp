@@ -47,8 +47,7 @@ static inline uint8_t *pointer_at(const zan_table_base_st *obj, uint32_t offset)
     return pointer;
 }
 
-/* Start of the dynamic part: what the first pointer points to. */
-static uint8_t *dynamic_part(const zan_table_def_t *def, const zan_table_base_st *obj)
+uint8_t *zan_obj_members(const zan_table_def_t *def, const zan_table_base_st *obj)
 {
     for (unsigned i = 0; i < def->num_attrs; i++)
         if (def->attrs[i].shape == ZAN_SHAPE_REPEATED)
@@ -60,6 +59,18 @@ static uint8_t *dynamic_part(const zan_table_def_t *def, const zan_table_base_st
         if (def->unions[i].repeated && !def->unions[i].nested_in)
             return pointer_at(obj, def->unions[i].offset);
     return nullptr;
+}
+
+/* A stored object whose members found no memory has their count and none of them: they read as not
+ * set. */
+static void copy_members(const zan_table_def_t *def, const zan_table_base_st *from, void *to,
+                         uint32_t dyn_size)
+{
+    const uint8_t *members = zan_obj_members(def, from);
+    if (members)
+        memcpy(to, members, dyn_size);
+    else
+        memset(to, 0, dyn_size);
 }
 
 /* Where the attributes, references and unions begin; they run on to the end of the fixed part. */
@@ -139,7 +150,7 @@ void zan_obj_copy_to(const zan_table_def_t *def, uint32_t private_size,
     uint32_t dyn_size = zan_obj_dyn_size(def, zan_obj_num_elements(def, from));
     uint8_t *dyn = (uint8_t *)to + inner_size;
     if (dyn_size)
-        memcpy(dyn, dynamic_part(def, from), dyn_size);
+        copy_members(def, from, dyn, dyn_size);
     zan_obj_fix_ptrs(def, to, dyn);
     to->total_obj_size += dyn_size;
 }
@@ -171,7 +182,7 @@ uint32_t zan_obj_serialize(const zan_table_def_t *def, uint32_t private_size,
         written += private_size;
     }
     if (dyn_size)
-        memcpy(out + written, dynamic_part(def, obj), dyn_size);
+        copy_members(def, obj, out + written, dyn_size);
     written += dyn_size;
     memcpy(out + offsetof(zan_table_base_st, total_obj_size), &written, sizeof written);
     return written;
@@ -186,11 +197,12 @@ void zan_obj_copy_attrs(const zan_table_def_t *def, const zan_table_base_st *fro
         return;
     }
 
-    uint8_t *dyn = dynamic_part(def, to); /* stays where it is; the copy overwrites the pointers */
+    uint8_t *dyn =
+        zan_obj_members(def, to); /* stays where it is; the copy overwrites the pointers */
     uint32_t num_elements = zan_obj_num_elements(def, from);
     memcpy(zan_obj_at(to, start), zan_obj_at(from, start), def->obj_size - start);
     *(uint32_t *)zan_obj_at(to, def->num_elements_offset) = num_elements;
     if (num_elements)
-        memcpy(dyn, dynamic_part(def, from), zan_obj_dyn_size(def, num_elements));
+        copy_members(def, from, dyn, zan_obj_dyn_size(def, num_elements));
     zan_obj_fix_ptrs(def, to, dyn);
 }

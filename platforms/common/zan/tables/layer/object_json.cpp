@@ -223,7 +223,7 @@ size_t zan_obj_print_json(const zan_table_def_t *def, const zan_table_base_st *o
                           size_t size)
 {
     json_st j = {{out, size, 0, false}, true};
-    uint32_t num_elements = zan_obj_num_elements(def, obj);
+    uint32_t num_elements = zan_obj_num_held(def, obj);
 
     json_open(&j, '{');
     json_name(&j, "table");

@@ -160,7 +160,7 @@ size_t zan_obj_print(const zan_table_def_t *def, const zan_table_base_st *obj, c
 {
     text_out_t t = {out, size, 0, false};
     const path_t top = {};
-    uint32_t num_elements = zan_obj_num_elements(def, obj);
+    uint32_t num_elements = zan_obj_num_held(def, obj);
 
     if (obj->key_len) {
         print_key(&t, def, zan_obj_key(def, obj), &top);

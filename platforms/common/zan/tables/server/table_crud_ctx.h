@@ -75,7 +75,9 @@ typedef struct zan_table_state_t {
     pthread_once_t once;
     pthread_once_t stats_once;
     kor_db_ctx_t db_ctx;
-    uint32_t first_pointer_offset; /* of the pointer to the dynamic part; 0 without one */
+    uint32_t first_pointer_offset;           /* of the pointer to the dynamic part; 0 without one */
+    struct zan_inherit_step_t *inherit_plan; /* null until the table's init */
+    uint32_t num_inherit_steps;
     zan_resource_info_t info;
 } zan_table_state_t;
 
@@ -240,6 +242,8 @@ zan_db_del_ctx_t kor_db_delete(const zan_table_def_t *def, zan_table_base_st *db
 /* One client reference more (up) or less; refused at the limit and at 0, traced either way. */
 bool kor_ref_adjust(const zan_table_def_t *def, zan_table_base_st *db_obj, bool up);
 uint32_t *kor_obj_ref_cnt(const zan_table_def_t *def, zan_table_base_st *obj);
+/* What every post-operation hook is told: the four codes, and what the hook in front has left. */
+void zan_fill_post_rdesc(const zan_table_crud_ctx_t *crud, zan_rdesc_hook_ctx_t *post);
 void zan_obj_base_free_rdesc_on_npd_fail(zan_table_crud_ctx_t *crud, zan_table_base_st *new_obj);
 void zan_server_print_key(const zan_table_def_t *def, zan_table_msg_et message, const void *key,
                           uint32_t trans_id, uint32_t printing_table);

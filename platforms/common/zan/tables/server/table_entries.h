@@ -6,6 +6,7 @@
 #ifndef ZAN_TABLE_ENTRIES_H
 #define ZAN_TABLE_ENTRIES_H
 
+#include "repeated_delta.h"
 #include "table_server_api_common.h"
 #include "zan_accessors.h"
 
@@ -308,8 +309,39 @@
     extern "C" ZAN_HIDDEN zan_event_stat_t *const zan_evt_stats_of_##T;                            \
     zan_event_stat_t *const zan_evt_stats_of_##T = T##_npi_evt_stats;
 #define ZAN_TABLE_NO_STATS(T)
-/* The counters of the repeated-attribute delta and its accessors come with the update flow. */
-#define ZAN_TABLE_REPEATED_DELTA(T)
+/* The update by lists of members, and its accessors for the platform. */
+#define ZAN_DELTA_COUNT(T, list)                                                                   \
+    ZAN_ENTRY(uint32_t) srv_##T##_get_##list##_count(const srv_##T##_delta_t *delta)               \
+    {                                                                                              \
+        return delta ? delta->list##_count : 0;                                                    \
+    }
+#define ZAN_DELTA_ARRAY(T, U, list, side)                                                          \
+    ZAN_ENTRY(const srv_##T##_element_t *)                                                         \
+    srv_##T##_get_##list##_array_by_idx(const srv_##T##_delta_t *delta, uint32_t i)                \
+    {                                                                                              \
+        return delta ? (const srv_##T##_element_t *)zan_delta_element(                             \
+                           ZAN_DEF(U), delta->side##_elems, delta->list##_array,                   \
+                           delta->list##_count, i)                                                 \
+                     : nullptr;                                                                    \
+    }
+#define ZAN_TABLE_REPEATED_DELTA(T, U)                                                             \
+    ZAN_ENTRY(zan_rcode)                                                                           \
+    srv_##T##_update_repeated_new(zan_table_base_st *new_obj, zan_table_base_st *old_obj)          \
+    {                                                                                              \
+        return zan_update_repeated_new(ZAN_DEF(U), new_obj, old_obj);                              \
+    }                                                                                              \
+    ZAN_DELTA_COUNT(T, add)                                                                        \
+    ZAN_DELTA_COUNT(T, del)                                                                        \
+    ZAN_DELTA_COUNT(T, mod)                                                                        \
+    ZAN_DELTA_COUNT(T, mod_new_to_old)                                                             \
+    ZAN_DELTA_ARRAY(T, U, add, new)                                                                \
+    ZAN_DELTA_ARRAY(T, U, del, old)                                                                \
+    ZAN_DELTA_ARRAY(T, U, mod, new)                                                                \
+    ZAN_DELTA_ARRAY(T, U, mod_new_to_old, old)                                                     \
+    ZAN_ENTRY(void) srv_##T##_dynamic_struct_dump(FILE *file, const srv_##T##_element_t *element)  \
+    {                                                                                              \
+        zan_dump_element(ZAN_DEF(U), file, element);                                               \
+    }
 #define ZAN_TABLE_ADJ(name)
 
 #endif

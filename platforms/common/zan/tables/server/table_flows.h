@@ -8,6 +8,8 @@
 #ifndef ZAN_TABLE_FLOWS_H
 #define ZAN_TABLE_FLOWS_H
 
+#include <stdio.h>
+
 #include "table_crud_ctx.h"
 
 /* Visitor of an iterator; what it returns is not looked at. It may delete the object it has. */
@@ -75,8 +77,9 @@ zan_rcode zan_server_api_get_common(const zan_table_def_t *def, zan_table_base_s
                                     zan_table_response_st *response, uint32_t flags);
 zan_rcode zan_server_api_eod(const zan_table_def_t *def, zan_table_base_st *obj,
                              zan_table_response_st *response);
-/* Reserve what a create needs: the code that decides is the one to act on. */
+/* Reserve what a create or update needs: the code that decides is the one to act on. */
 zan_rcode zan_server_api_reserve_id(const zan_table_def_t *def, zan_table_crud_ctx_t *crud);
+zan_rcode zan_server_api_update_reserve_id(const zan_table_def_t *def, zan_table_crud_ctx_t *crud);
 void zan_server_api_release_id(const zan_table_def_t *def, zan_table_base_st *obj,
                                zan_table_response_st *response);
 void zan_server_api_update_release_id(const zan_table_def_t *def, zan_table_base_st *new_or_old,
@@ -87,6 +90,31 @@ zan_rcode kor_server_program_hw(const zan_table_def_t *def, zan_table_base_st *n
 zan_rcode srv_set_sdk_show_buf(const zan_table_def_t *def, zan_get_sdk_ctx_t *ctx,
                                const char *text);
 void kor_srv_npd_delay_delete(const zan_table_def_t *def, zan_table_base_st *obj, zan_rcode rc);
+
+/* The last step of an update: rewrite the stored object from `src` and bind it anew if its
+ * references changed. `obj` is the request, which gets the stored attributes back. */
+void zan_server_api_update_db(const zan_table_def_t *def, zan_table_base_st *src,
+                              zan_table_base_st *obj, zan_table_crud_ctx_t *crud,
+                              zan_bool_t *ref_changed);
+/* Complete a request: every attribute that it does not set is copied from the stored object. */
+void zan_inherit_from_stored(const zan_table_def_t *def, zan_table_base_st *obj,
+                             const zan_table_base_st *db_obj);
+/* The steps of that, compiled at the table's first use; freed with the table. */
+bool zan_inherit_plan_make(const zan_table_def_t *def);
+void zan_inherit_plan_free(const zan_table_def_t *def);
+/* Tables with lists of added, deleted and modified members: what a create (no old object), a delete
+ * (no new one) or an update means for the members, in one call of the platform. */
+zan_rcode zan_update_repeated_new(const zan_table_def_t *def, zan_table_base_st *new_obj,
+                                  zan_table_base_st *old_obj);
+/* An element record of a list by index, `i` up to and including the count: the lists have an entry
+ * to spare. Null above. */
+const void *zan_delta_element(const zan_table_def_t *def, const uint8_t *elems,
+                              const uint32_t *array, uint32_t count, uint32_t i);
+/* Write an element for people; null appends to /tmp/svr_<table>_update_dump. */
+void zan_dump_element(const zan_table_def_t *def, FILE *file, const void *element);
+/* Free what hardware holds for an object beside its own entry; 0 without the hook. */
+zan_rcode zan_delete_independent_hw_resource(const srv_zan_table_props_t *props,
+                                             zan_table_base_st *obj);
 
 /* Slots that take an object tell the table by it. */
 bool zan_server_is_attrib_changed(zan_table_base_st *obj, zan_table_base_st *db_obj,
@@ -107,6 +135,18 @@ zan_rcode zan_core_resolve_refs_union(const zan_table_def_t *def, zan_table_base
                                       zan_table_base_st *old_obj, uint8_t is_inside_bwalk);
 /* Bind a database object to its parents: the result of the last bind tried. */
 zan_rcode kor_core_parent_add(const zan_table_def_t *def, zan_table_base_st *db_obj);
+/* Take a stored object off all its parents; a parent that waited for this goes on the delete queue.
+ */
+void kor_core_parent_delete(const zan_table_def_t *def, zan_table_base_st *db_obj,
+                            uint32_t trans_id);
+/* Whether a resolved object leads to other parents than the stored one: the number of the first
+ * comparison that differs, counted from 1, or 0. The member count is the first. */
+uint32_t zan_refs_changed(const zan_table_def_t *def, const zan_table_base_st *obj,
+                          const zan_table_base_st *db_obj);
+/* The object is bound to nothing and has no members: forget the handles of the rest. */
+void zan_refs_forget_handles(const zan_table_def_t *def, zan_table_base_st *db_obj);
+/* Trace where an object leads, before it is unbound. */
+void zan_trace_parents(const zan_table_def_t *def, const zan_table_base_st *db_obj);
 /* The quarantined object with the lookup record's key, or null. */
 ZAN_EXPORT zan_table_base_st *zan_slow_search_key_in_quarantine_db(const zan_table_base_st *lookup);
 /* Copy the inherited attributes of a member's reference from its parent. `only_set` leaves out what
@@ -126,6 +166,8 @@ zan_rcode zan_server_init_bwalk_stats(const zan_table_def_t *def);
 uint64_t kor_core_get_attrib_update_mask(const zan_table_def_t *def, zan_table_base_st *new_obj,
                                          zan_table_base_st *old_obj);
 void zan_server_prep_walk_ctx(const zan_table_def_t *def, zan_table_crud_ctx_t *crud);
+/* Carry the change to all that depends on the object. */
+zan_rcode zan_core_event_bwalk(kor_dpd_event_ctx_t *walk_ctx);
 zan_rcode zan_server_event_post_processing(const zan_table_def_t *def,
                                            kor_dpd_event_ctx_t *walk_ctx);
 zan_rcode zan_server_bwalk_child_process_events(const zan_table_def_t *def,

@@ -34,6 +34,10 @@
     X(BWALK_BIND_COLORS, "bound: child %x, colours %x, parent %x, colours %x")                     \
     X(HISTORY_CREATE, "created: table %u, obj %x, trans %u")                                       \
     X(HISTORY_REPLACE, "replaced: table %u, obj %x, trans %u, was %u")                             \
+    X(HISTORY_DELETE, "deleted: table %u, obj_id %u, trans %u, was %u")                            \
+    X(BWALK_UNBIND_COLORS, "unbound: child %x, colours %x, parents %x %x")                         \
+    X(UPDATE_KEY_RESTORED, "key restored: handles %x %x, trans %u %u")                             \
+    X(HELD_FOR_CHILDREN, "delete held back: %u children, first of table %u %s")                    \
     X(RETRY_MESSAGE, "in retry mode")
 
 #define ZAN_TABLE_MESSAGES(X)                                                                      \
@@ -59,6 +63,31 @@
     X(CREATE_STORE_FAILED, "not stored: trans %u, obj %x, rc %x")                                  \
     X(CREATE_ROLLED_BACK, "create rolled back: trans %u, obj %x, rc %x")                           \
     X(CREATE_ROLLBACK_DELETE, "roll-back: obj %x was not in the database: trans %u, rc %x")        \
+    X(UPDATE_UNCHANGED, "update: unchanged %u, force %u, retry %u, changed %u, trans %u, obj %x")  \
+    X(UPDATE_HELD, "update refused: the object waits for its delete, trans %u, obj %x")            \
+    X(UPDATE_RDESC_FAILED, "pre_update_rdesc failed: trans %u, rc %x")                             \
+    X(UPDATE_POST_FAILED, "post_update_rdesc failed: trans %u, rc %x")                             \
+    X(UPDATE_REFS, "references: changed %u by comparison %u, trans %u, obj %x")                    \
+    X(UPDATE_BIND_FAILED, "update: bind failed, trans %u, obj %x, rc %x")                          \
+    X(UPDATE_STORED, "update stored: trans %u, obj %x, resized %u")                                \
+    X(UPDATE_ALLOC_FAILED, "update: no memory for %u members, trans %u, rc %x")                    \
+    X(DELETE_NOT_FOUND, "delete of what is not stored: trans %u")                                  \
+    X(DELETE_ACTION, "delete action: trans %u, obj %x, rc %x")                                     \
+    X(DELETE_REFERENCED, "delete: %u client references left, trans %u, obj %x")                    \
+    X(DELETE_REFUSED, "delete refused: %u children, trans %u, obj %x")                             \
+    X(DELETE_RDESC_FAILED, "pre_delete_rdesc failed: trans %u, rc %x")                             \
+    X(DELETE_POST_FAILED, "post_delete_rdesc failed: trans %u, rc %x")                             \
+    X(DELETE_HW_FAILED, "delete: hardware failed, trans %u, obj %x, rc %x")                        \
+    X(DELETE_DB_FAILED, "delete: the database refused, trans %u, obj %x, rc %x")                   \
+    X(DELETE_DB_KEPT, "delete: the object stays unbound in the database, trans %u, obj %x")        \
+    X(PARENT_NOT_QUEUED, "no memory for the delete queue: parent %x waits on, trans %u, rc %x")    \
+    X(DELETE_INDEPENDENT_FAILED, "delete_independent_hw_resource failed: trans %u, rc %x")         \
+    X(PARENTS, "parents: trans %u, obj %x, colours %x, %x %x")                                     \
+    X(UNBOUND, "unbound: trans %u, freed %u, links %u, marked %u")                                 \
+    X(PARENT_FREED, "last child gone: table %u, trans %u, child %x, parent trans %u, parent %x")   \
+    X(DELTA_OBJECTS, "member lists: new %x, old %x")                                               \
+    X(DELTA_COUNTS, "member lists: add %u, delete %u, modify %u, mapped %u")                       \
+    X(DELTA_DONE, "member lists: deleted %u, rc %x")                                               \
     X(FREE_RDESC, "descriptor freed after a hardware failure: trans %u, rc %x")                    \
     X(REF_CNT_LIMIT, "obj_ref_cnt of %x stays at its limit %u")                                    \
     X(REF_CNT_ZERO, "obj_ref_cnt of %x is 0 already")                                              \

@@ -428,11 +428,7 @@ void create_post_hook(create_op_t *op)
 {
     zan_table_crud_ctx_t *crud = &op->crud;
     op->post.new_obj = crud->new_obj;
-    op->post.reserve_rc = crud->reserve_rc;
-    op->post.rdesc_rc = crud->rdesc_rc;
-    op->post.hw_rc = crud->hw_rc;
-    op->post.bwalk_rc = crud->bwalk_rc;
-    op->post.rdesc = crud->rdesc_ctx->rdesc;
+    zan_fill_post_rdesc(crud, &op->post);
     if (crud->props->hook_source[ZAN_HOOK_post_create_rdesc] == ZAN_HOOK_NONE) {
         zan_obj_base_free_rdesc_on_npd_fail(crud, crud->new_obj);
         return;

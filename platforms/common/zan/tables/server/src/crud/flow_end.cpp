@@ -95,6 +95,15 @@ zan_db_del_ctx_t kor_db_delete(const zan_table_def_t *def, zan_table_base_st *db
     return ctx;
 }
 
+void zan_fill_post_rdesc(const zan_table_crud_ctx_t *crud, zan_rdesc_hook_ctx_t *post)
+{
+    post->reserve_rc = crud->reserve_rc;
+    post->rdesc_rc = crud->rdesc_rc;
+    post->hw_rc = crud->hw_rc;
+    post->bwalk_rc = crud->bwalk_rc;
+    post->rdesc = crud->rdesc_ctx->rdesc;
+}
+
 /* A table without a post_create_rdesc of its own still gives the descriptor of a failed create
  * back, by its delete hook. */
 void zan_obj_base_free_rdesc_on_npd_fail(zan_table_crud_ctx_t *crud, zan_table_base_st *new_obj)

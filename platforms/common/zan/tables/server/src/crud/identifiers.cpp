@@ -62,6 +62,33 @@ zan_rcode reserve_once(const zan_table_def_t *def, zan_table_crud_ctx_t *crud)
     return rc;
 }
 
+/* Unlike a create, an update stops at the first NPU that fails. */
+zan_rcode update_reserve(const zan_table_def_t *def, zan_table_crud_ctx_t *crud, int32_t npu,
+                         uint32_t *new_to_old_map)
+{
+    const zan_rcode rc =
+        crud->props->update_reserve_id(npu, crud->obj, crud->db_obj, new_to_old_map);
+    if (rc == EOK)
+        return EOK;
+    ZAN_TRACE_TABLE(zan_slt_crud_ctx(crud, ZAN_TRACE_LEVEL_ERROR), def->id, RESERVE_FAILED,
+                    crud->obj, rc, npu);
+    crud->response->err_code = rc;
+    zan_table_state(def)->info.update_id_fail_cnt++;
+    if (def->notify_update_reserve)
+        zan_send_srv_notif(crud->obj, ZAN_NOTIF_RESERVE_FAILED);
+    return rc;
+}
+
+zan_rcode update_reserve_per_npu(const zan_table_def_t *def, zan_table_crud_ctx_t *crud)
+{
+    zan_rcode rc = EOK;
+    fec_id_lock();
+    for (uint32_t npu = 0; npu < num_npus() && rc == EOK; npu++)
+        rc = update_reserve(def, crud, (int32_t)npu, crud->new_to_old_map);
+    fec_id_unlock();
+    return rc;
+}
+
 /* Both releases have one shape: `call` for each NPU or once, each failure traced and counted. */
 template <class Call>
 void release(const zan_table_def_t *def, const zan_table_base_st *obj,
@@ -74,7 +101,7 @@ void release(const zan_table_def_t *def, const zan_table_base_st *obj,
         ZAN_TRACE_TABLE(zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_ERROR), def->id, RELEASE_FAILED,
                         obj, rc, npu);
         response->err_code = rc;
-        ++*fail_cnt;
+        __atomic_fetch_add(fail_cnt, 1, __ATOMIC_RELAXED); /* NPU threads come here too */
     };
     if (!def->identifiers_per_npu_on_update) {
         one(-1);
@@ -93,6 +120,15 @@ zan_rcode zan_server_api_reserve_id(const zan_table_def_t *def, zan_table_crud_c
     if (def->identifiers)
         crud->reserve_rc =
             def->identifiers_per_npu ? reserve_per_npu(def, crud) : reserve_once(def, crud);
+    return zan_table_npd_rc_to_rc(crud->reserve_rc, crud);
+}
+
+zan_rcode zan_server_api_update_reserve_id(const zan_table_def_t *def, zan_table_crud_ctx_t *crud)
+{
+    if (def->identifiers)
+        crud->reserve_rc = def->identifiers_per_npu_on_update
+                               ? update_reserve_per_npu(def, crud)
+                               : update_reserve(def, crud, -1, nullptr);
     return zan_table_npd_rc_to_rc(crud->reserve_rc, crud);
 }
 

@@ -173,6 +173,7 @@ zan_rcode kor_dbobj_get(const zan_table_def_t *def, const zan_table_base_st *db_
     obj->obj_id = db_obj->obj_id;
     obj->npu_mask = db_obj->npu_mask;
     obj->flag = (obj->flag & ~(uint32_t)ZAN_FLAG_STALE) | (db_obj->flag & ZAN_FLAG_STALE);
+    obj->dpd.del_flag = db_obj->dpd.del_flag & ZAN_DEL_FLAG_DELAY_DELETE;
     zan_obj_copy_attrs(def, db_obj, obj);
     if (def->obj_ref_cnt_offset)
         *kor_obj_ref_cnt(def, obj) = *(uint32_t *)zan_obj_at(db_obj, def->obj_ref_cnt_offset);

@@ -37,6 +37,12 @@ void zan_crud_ctx_server_api_crud_init(zan_table_crud_ctx_t *crud, zan_table_res
     crud->retry_mode = zan_obj_base_get_retry_mode(obj);
     if (crud->table_operation == ZAN_TABLE_EVENT)
         crud->walk_ctx = walk_ctx;
+    if (crud->table_operation == ZAN_TABLE_UPDATE) {
+        crud->walk_ctx = zan_walk_ctx_alloc_walk_ctx(walk_ctx);
+        ZAN_ASSERT(crud->walk_ctx, "walk_ctx");
+        zan_walk_ctx_set_trans_id(crud->walk_ctx, trans_id);
+        zan_walk_ctx_set_new_obj_heap(crud->walk_ctx, obj);
+    }
     if (db_ctx)
         memset(db_ctx->scratch, 0, sizeof db_ctx->scratch);
 }

@@ -372,7 +372,15 @@ void zan_srv_npi_init_adj_props(uint32_t table_id)
 bool zan_server_is_attrib_changed(zan_table_base_st *obj, zan_table_base_st *db_obj, uint32_t *,
                                   int32_t *index)
 {
-    return zan_obj_attrs_differ(def_of(obj), obj, db_obj, index);
+    const zan_table_def_t *def = def_of(obj);
+    if (zan_obj_attrs_differ(def, obj, db_obj, index))
+        return true;
+    if (def->table_class != 0 && *zan_obj_npu_mask_req_set(def, obj) &&
+        (!*zan_obj_npu_mask_req_set(def, db_obj) ||
+         *zan_obj_npu_mask_req(def, obj) != *zan_obj_npu_mask_req(def, db_obj)))
+        return true;
+    /* After the resolution a reference that is not there was left out or dropped. */
+    return zan_refs_changed(def, obj, db_obj) != 0;
 }
 
 /* The lists of the tables that have them are built where their hook is called. */

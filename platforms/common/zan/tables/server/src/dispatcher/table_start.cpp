@@ -52,6 +52,8 @@ void zan_server_core_init(const zan_table_def_t *def)
         trace_named(def, ZAN_TRACE_LEVEL_ERROR, ZAN_TMSG_INIT_NULL_ARCH_CBS,
                     "kor_core_%s_init: NULL arch_resources_cbs");
     zan_server_init_events(def);
+    if (!zan_inherit_plan_make(def))
+        return; // without memory the table stays without init
     __atomic_store_n(&state->db_ctx.db_type, 1, __ATOMIC_RELEASE);
 }
 

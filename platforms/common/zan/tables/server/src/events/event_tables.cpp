@@ -65,6 +65,7 @@ void kor_core_deinit(const zan_table_def_t *def)
 {
     free(bwmask[def->id]);
     bwmask[def->id] = nullptr;
+    zan_inherit_plan_free(def);
 }
 
 void zan_srv_deinit(void)

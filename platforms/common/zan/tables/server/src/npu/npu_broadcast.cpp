@@ -117,7 +117,7 @@ void zan_bcast_pass_ownership_to_npu_threads(const kor_core_srv_dispatch_t *srv_
                                              zan_bool_t *obj_owned_by_dispatcher)
 {
     if (srv_obj->walk_ctx)
-        srv_obj->walk_ctx->held_by_npu_threads = 1;
+        srv_obj->walk_ctx->held_by_npu_threads++;
     ZAN_ASSERT(obj_owned_by_dispatcher, "obj_owned_by_dispatcher");
     *obj_owned_by_dispatcher = 0;
 }

@@ -11,7 +11,14 @@ struct bind_op_t {
     zan_rcode last;
 };
 
-void bind_one(bind_op_t *op, const zan_ref_value_st *value)
+/* A handle that is stored must be one that is bound: else its object could go unseen. */
+void forget_handle(zan_ref_value_st *value)
+{
+    value->refhdl = 0;
+    value->refhdl_set = 0;
+}
+
+void bind_one(bind_op_t *op, zan_ref_value_st *value)
 {
     if (value->refhdl_set != 1 || value->refhdl == 0)
         return;
@@ -22,6 +29,7 @@ void bind_one(bind_op_t *op, const zan_ref_value_st *value)
         zan_counter_raise(id, ZAN_CTR_BIND_FAILED);
         ZAN_TRACE_TABLE(zan_slt_table_id(id, ZAN_TRACE_LEVEL_ERROR), id, BIND_FAILED,
                         op->db_obj->base_trans_id, op->db_obj, parent->base_trans_id, parent);
+        forget_handle(value);
         return;
     }
     ZAN_TRACE_TABLE(zan_slt_table_id(id, ZAN_TRACE_LEVEL_EVENT), id, BOUND,
@@ -45,13 +53,23 @@ void bind_unions(bind_op_t *op, uint32_t member, uint32_t members)
         const zan_union_def_t *u = &def->unions[i];
         if (u->nested_in || (u->repeated ? member >= members : member != 0))
             continue;
-        const zan_ref_value_st *value = zan_obj_union(u, op->db_obj, member);
+        zan_ref_value_st *value = zan_obj_union(u, op->db_obj, member);
         if (zan_union_variant(u, value))
             bind_one(op, value);
     }
 }
 
 } // namespace
+
+void zan_refs_forget_handles(const zan_table_def_t *def, zan_table_base_st *db_obj)
+{
+    for (uint32_t i = 0; i < def->num_refs; i++)
+        if (!def->refs[i].repeated)
+            forget_handle(zan_obj_ref(&def->refs[i], db_obj, 0));
+    for (uint32_t i = 0; i < def->num_unions; i++)
+        if (!def->unions[i].nested_in && !def->unions[i].repeated)
+            forget_handle(zan_obj_union(&def->unions[i], db_obj, 0));
+}
 
 zan_rcode kor_core_parent_add(const zan_table_def_t *def, zan_table_base_st *db_obj)
 {

@@ -98,7 +98,7 @@ zan_rcode find_parent(const resolve_op_t *op, const zan_ref_def_t *ref, zan_ref_
             zan_counter_raise(op->def->id, ZAN_CTR_RESOLVE_MISMATCH);
             RESOLVE_TRACE(op, ERROR, RESOLVE_MISMATCH, value->refhdl, by_key, op->trans_id);
         }
-        if (value->refhdl_set == 0) {
+        if (value->refhdl_set == 0 || value->refhdl == 0) {
             value->refhdl = (uint64_t)(uintptr_t)by_key;
             value->refhdl_set = 1;
         }
@@ -111,7 +111,7 @@ zan_rcode resolve_plain(const resolve_op_t *op, const zan_ref_def_t *ref, uint32
 {
     zan_ref_value_st *value = zan_obj_ref(ref, op->new_obj, member);
     const zan_ref_value_st *old_value = nullptr;
-    if (op->db_obj && (!ref->repeated || member < zan_obj_num_elements(op->def, op->db_obj)))
+    if (op->db_obj && (!ref->repeated || member < zan_obj_num_held(op->def, op->db_obj)))
         old_value = zan_obj_ref(ref, op->db_obj, member);
 
     switch (what_is_given(op, value, old_value)) {

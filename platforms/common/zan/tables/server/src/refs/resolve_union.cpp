@@ -23,7 +23,7 @@ struct union_op_t {
 const zan_ref_value_st *old_value_of(const union_op_t *op, const zan_union_def_t *u,
                                      uint32_t member)
 {
-    if (!op->old_obj || (u->repeated && member >= zan_obj_num_elements(op->def, op->old_obj)))
+    if (!op->old_obj || (u->repeated && member >= zan_obj_num_held(op->def, op->old_obj)))
         return nullptr;
     return zan_obj_union(u, op->old_obj, member);
 }
@@ -111,14 +111,22 @@ zan_rcode resolve_variant(const union_op_t *op, const zan_union_def_t *u,
     return rc;
 }
 
-/* The request does not mention the union: the old binding is taken as it stood. */
+/* A list of another length stands alone. */
+bool lists_differ(const union_op_t *op, const zan_union_def_t *u)
+{
+    return u->repeated &&
+           zan_obj_num_elements(op->def, op->new_obj) != zan_obj_num_elements(op->def, op->old_obj);
+}
+
+/* The request does not mention the union: the old binding is taken as it stood. Every handle that
+ * is stored is bound, so that it leads somewhere. */
 zan_rcode inherit_whole(const union_op_t *op, const zan_union_def_t *u, zan_ref_value_st *value,
                         uint32_t member)
 {
     if (value->is_set)
         return ZAN_RC_INVALID; /* a set union must say which variant */
     const zan_ref_value_st *old_value = old_value_of(op, u, member);
-    if (!old_value || !old_value->is_set)
+    if (!old_value || !old_value->is_set || lists_differ(op, u))
         return EOK;
     memcpy(value, old_value, u->stride);
     const zan_variant_def_t *variant = zan_union_variant(u, value);
