@@ -105,6 +105,8 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_batch(node, request);
         case ZAN_FRAME_STATUS:
             return run_status(node, transport);
+        case ZAN_FRAME_GRAPH:
+            return run_graph(node, request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }

@@ -47,6 +47,12 @@ __attribute__((format(printf, 3, 4))) bool refuse(check_t *check, const char *fi
     return false;
 }
 
+bool is_write(uint8_t operation)
+{
+    return operation == ZAN_TABLE_CREATE || operation == ZAN_TABLE_UPDATE ||
+           operation == ZAN_TABLE_DELETE;
+}
+
 bool is_read(uint8_t operation)
 {
     return operation >= ZAN_TABLE_GET && operation <= ZAN_TABLE_GET_NEXT;
@@ -141,6 +147,8 @@ bool check_operation(check_t *check, const object_t *obj)
     const uint8_t operation = obj->base->table_operation;
     switch (operation) {
     case ZAN_TABLE_CREATE:
+    case ZAN_TABLE_UPDATE:
+    case ZAN_TABLE_DELETE:
     case ZAN_TABLE_GET:
     case ZAN_TABLE_GET_FIRST:
     case ZAN_TABLE_GET_GT_EQ:
@@ -151,9 +159,6 @@ bool check_operation(check_t *check, const object_t *obj)
     case ZAN_TABLE_EOD:
         return def->eod_entry ||
                refuse(check, "table_operation", "%s has no end of download", def->name);
-    case ZAN_TABLE_UPDATE:
-    case ZAN_TABLE_DELETE:
-        return refuse(check, "table_operation", "updates and deletes are not served yet");
     default:
         return refuse(check, "table_operation", "%u is no operation that a client may ask for",
                       operation);
@@ -201,7 +206,7 @@ bool check_flags(check_t *check, const object_t *obj)
                       "bit 6 (is_async_dispatch) is %s here and %s in object 0: a "
                       "batch is wholly synchronous or wholly asynchronous",
                       is_async ? "set" : "clear", is_async ? "clear" : "set");
-    if (is_async && operation != ZAN_TABLE_CREATE)
+    if (is_async && !is_write(operation))
         return refuse(check, "table_operation", "an asynchronous batch takes writes only, not %s",
                       zan_table_operation_str(operation));
     if ((flag & ZAN_FLAG_USE_ASYNC_BARRIER) && !obj->def->write_mode)
@@ -244,6 +249,8 @@ bool check_name(check_t *check, const object_t *obj)
     switch (base->table_operation) {
     case ZAN_TABLE_CREATE:
         return refuse(check, "key_len", "a create needs the key");
+    case ZAN_TABLE_UPDATE:
+    case ZAN_TABLE_DELETE:
     case ZAN_TABLE_GET:
     case ZAN_TABLE_GET_GT_EQ:
     case ZAN_TABLE_GET_NEXT:
@@ -339,9 +346,8 @@ message_verdict_t message_check(const message_facts_t &facts, const zan_batch_fr
         if (!check_object(&check, &obj))
             return *v;
         clear_server_fields(&check, &obj);
-        v->answers_in_place |=
-            is_read(obj.base->table_operation) ||
-            (obj.def->serialize_back && obj.base->table_operation == ZAN_TABLE_CREATE);
+        v->answers_in_place |= is_read(obj.base->table_operation) ||
+                               (obj.def->serialize_back && is_write(obj.base->table_operation));
         v->num_objects++;
         at += obj.base->total_obj_size;
     }

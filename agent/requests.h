@@ -47,6 +47,7 @@ struct npus_standstill_t {
 answer_t run_batch(node_t *node, request_t *request);
 answer_t run_status(node_t *node, const transport_t *transport);
 answer_t run_compare(node_t *node, const request_t &request);
+answer_t run_graph(node_t *node, request_t *request);
 
 /* Count the new errors in the trace ring, before they are overwritten. */
 void count_trace_errors(node_t *node);

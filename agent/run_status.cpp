@@ -75,7 +75,10 @@ bool fill_table(const node_t *node, uint32_t table_id, zan_status_st *status,
     bool used = out->stored || counters[ZAN_CTR_CREATE];
     for (uint32_t npu = 0; npu < status->num_npus; npu++) {
         out->held[npu] = node->npus.count ? node->npus.count(npu, table_id) : 0;
-        out->hw_create_errors[npu] = ctx->table[table_id].npu[npu].create_err_cnt;
+        const zan_table_npu_block_st *errors = &ctx->table[table_id].npu[npu];
+        out->hw_create_errors[npu] = errors->create_err_cnt;
+        out->hw_update_errors[npu] = errors->update_err_cnt;
+        out->hw_delete_errors[npu] = errors->delete_err_cnt;
         status->npu[npu].objects += out->held[npu];
         used |= out->held[npu] != 0;
     }
@@ -91,6 +94,16 @@ bool fill_table(const node_t *node, uint32_t table_id, zan_status_st *status,
     out->insert_failed = counters[ZAN_CTR_INSERT_FAILED_A] + counters[ZAN_CTR_INSERT_FAILED_B];
     out->hw_failed = counters[ZAN_CTR_CREATE_HW_FAILED];
     out->rolled_back = counters[ZAN_CTR_CREATE_ROLLED_BACK];
+    out->updates = counters[ZAN_CTR_UPDATE];
+    out->refs_changed = counters[ZAN_CTR_REFS_CHANGED_A];
+    out->update_failed = counters[ZAN_CTR_UPDATE_RESOLVE_FAILED] +
+                         counters[ZAN_CTR_UPDATE_RESOLVE_HOOK_FAILED_A] +
+                         counters[ZAN_CTR_UPDATE_BCAST_FAILED] + counters[ZAN_CTR_UPDATE_HW_FAILED];
+    out->deletes = counters[ZAN_CTR_DELETE];
+    out->still_referenced = counters[ZAN_CTR_DELETE_REF_CNT];
+    out->delete_failed =
+        counters[ZAN_CTR_DELETE_BCAST_FAILED] + counters[ZAN_CTR_DELETE_HW_FAILED] +
+        counters[ZAN_CTR_DELETE_INDEPENDENT_FAILED] + counters[ZAN_CTR_DB_DELETE_FAILED];
     return true;
 }
 

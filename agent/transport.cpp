@@ -203,6 +203,7 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_BATCH:
     case ZAN_FRAME_STATUS:
     case ZAN_FRAME_COMPARE:
+    case ZAN_FRAME_GRAPH:
         break;
     case ZAN_FRAME_GOODBYE:
         s->closing = true;

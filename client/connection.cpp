@@ -153,16 +153,16 @@ int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload)
 int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_t length,
                uint16_t reply_type, byte_block_t *reply)
 {
-    uint8_t frame[sizeof(zan_frame_hdr_st) + 64];
     const zan_frame_hdr_st hdr = {length, type, 0, 0};
-    if (length > 64)
-        return client_fail(client, "a request of %u bytes is too long", length);
+    auto *frame = (uint8_t *)malloc(sizeof hdr + length);
+    if (!frame)
+        return client_fail(client, "no memory");
     memcpy(frame, &hdr, sizeof hdr);
     if (length)
         memcpy(frame + sizeof hdr, payload, length);
-    if (client_send(client, frame))
-        return -1;
-    return client_receive(client, reply_type, reply);
+    const int sent = client_send(client, frame);
+    free(frame);
+    return sent ? -1 : client_receive(client, reply_type, reply);
 }
 
 /* ---- Open and close ---- */

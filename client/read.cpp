@@ -155,3 +155,34 @@ int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_dif
     free(bytes.bytes);
     return result;
 }
+
+int zan_client_graph(zan_client_t *client, const zan_table_base_st *lookup, uint32_t depth,
+                     uint32_t children, zan_graph_reply_st *reply, zan_graph_node_st **nodes)
+{
+    *nodes = nullptr;
+    const zan_table_def_t *def = zan_table_def_get(lookup->table_id);
+    if (!def)
+        return client_fail(client, "%u is no table", lookup->table_id);
+    const zan_graph_st request = {depth, children, 0};
+    byte_block_t frame = {}, bytes = {};
+    const size_t size =
+        sizeof request + def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, lookup));
+    if (!block_reserve(&frame, size))
+        return client_fail(client, "no memory");
+    memcpy(frame.bytes, &request, sizeof request);
+    auto *wire = (zan_table_base_st *)(frame.bytes + sizeof request);
+    const uint32_t len = zan_obj_serialize(def, 0, lookup, wire);
+    wire->table_operation = ZAN_TABLE_GET;
+    int result = client_ask(client, ZAN_FRAME_GRAPH, frame.bytes, (uint32_t)sizeof request + len,
+                            ZAN_FRAME_GRAPH_REPLY, &bytes);
+    free(frame.bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's graph has %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = take_records(client, &bytes, sizeof *reply, reply->num_nodes, sizeof **nodes,
+                              (void **)nodes);
+    }
+    free(bytes.bytes);
+    return result;
+}

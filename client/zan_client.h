@@ -108,6 +108,12 @@ ZAN_EXPORT int zan_client_status(zan_client_t *client, zan_status_st *status,
 ZAN_EXPORT int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
                                   zan_compare_reply_st *reply, zan_difference_st **differences);
 
+/* The graph around the object that `lookup` names by key or handle. *nodes gets reply->num_nodes
+ * records, which the caller frees with free. */
+ZAN_EXPORT int zan_client_graph(zan_client_t *client, const zan_table_base_st *lookup,
+                                uint32_t depth, uint32_t children, zan_graph_reply_st *reply,
+                                zan_graph_node_st **nodes);
+
 ZAN_EXTERN_C_END
 
 #endif

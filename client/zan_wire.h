@@ -12,7 +12,7 @@
 #include "zan_table_base.h"
 
 #define ZAN_WIRE_MAGIC    0x31304c42544e415aull /* "ZANTBL01" */
-#define ZAN_WIRE_VERSION  1u
+#define ZAN_WIRE_VERSION  2u
 #define ZAN_FRAME_MAX     (64u << 20) /* bytes of a payload */
 #define ZAN_CLIENTS_MAX   64u
 #define ZAN_PIPELINE_MAX  4u /* requests of one client that the agent holds; it reads no further */
@@ -29,6 +29,8 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_COMPARE_REPLY = 8, /* zan_compare_reply_st, then num_differences zan_difference_st */
     ZAN_FRAME_GOODBYE = 9,       /* empty, no reply: the session is over */
     ZAN_FRAME_ERROR = 10,        /* zan_error_st */
+    ZAN_FRAME_GRAPH = 11,        /* zan_graph_st, then one object that names another */
+    ZAN_FRAME_GRAPH_REPLY = 12,  /* zan_graph_reply_st, then num_nodes zan_graph_node_st */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -115,10 +117,13 @@ typedef struct zan_table_status_st {
     uint64_t index_bytes;
     uint64_t identifiers; /* held, over all NPUs */
     uint64_t held[ZAN_MAX_NPUS];
-    uint32_t hw_create_errors[ZAN_MAX_NPUS];
+    uint32_t hw_create_errors[ZAN_MAX_NPUS], hw_update_errors[ZAN_MAX_NPUS],
+        hw_delete_errors[ZAN_MAX_NPUS];
     /* Counters since the start. */
     uint32_t creates, duplicates, resolve_failed, bind_failed, reserve_failed, insert_failed,
         hw_failed, rolled_back;
+    uint32_t updates, refs_changed, update_failed;
+    uint32_t deletes, still_referenced, delete_failed;
     uint32_t table_id;
     uint32_t reserved;
 } zan_table_status_st;
@@ -150,6 +155,42 @@ typedef struct zan_difference_st {
     char text[184]; /* the key, then what differs; terminated */
 } zan_difference_st;
 ZAN_STATIC_ASSERT(sizeof(zan_difference_st) == 192, "difference");
+
+/* What an object leads to and what leads to it, some levels far. */
+typedef struct zan_graph_st {
+    uint32_t depth;    /* levels in each direction, at most ZAN_GRAPH_DEPTH_MAX */
+    uint32_t children; /* of one object to show, at most ZAN_GRAPH_CHILDREN_MAX */
+    uint64_t reserved;
+} zan_graph_st;
+#define ZAN_GRAPH_DEPTH_MAX    32u
+#define ZAN_GRAPH_CHILDREN_MAX 1000u
+#define ZAN_GRAPH_NODES_MAX    10000u
+
+typedef struct zan_graph_reply_st {
+    uint64_t err_code; /* of the search for the object */
+    uint32_t num_nodes;
+    uint32_t cut; /* 1: there would have been more than ZAN_GRAPH_NODES_MAX */
+} zan_graph_reply_st;
+
+typedef enum zan_graph_side_et {
+    ZAN_GRAPH_SELF = 0,
+    ZAN_GRAPH_PARENT = 1, /* what `from` leads to */
+    ZAN_GRAPH_CHILD = 2,  /* what leads to `from` */
+} zan_graph_side_et;
+
+/* Nodes come depth first: all behind a node whose `from` is not it or below it are of others. An
+ * object that is reached on several ways stands there once for each. */
+typedef struct zan_graph_node_st {
+    uint64_t handle;
+    uint32_t from; /* the node by which it was reached; ZAN_WIRE_NO_INDEX for the object itself */
+    uint32_t table_id;
+    uint32_t num_parents, num_children;
+    uint8_t side; /* zan_graph_side_et */
+    uint8_t delete_pending;
+    uint8_t reserved[6];
+    char key[128]; /* terminated */
+} zan_graph_node_st;
+ZAN_STATIC_ASSERT(sizeof(zan_graph_node_st) == 160, "graph node");
 
 typedef enum zan_wire_error_et {
     ZAN_WIRE_BAD_FRAME = 1,   /* the agent closes the session */

@@ -4,59 +4,16 @@
  * again from three sides: a sample by key, every route in key order, and the database against what
  * the NPUs hold. Any refusal and any difference makes the exit status 1.
  */
+#include "progress.h"
 #include "routes.h"
 #include "topology.h"
 
-#include <chrono>
 #include <cstdio>
-#include <unistd.h>
 
 namespace
 {
 
 constexpr uint32_t differences_shown = 20;
-
-double now_s()
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-/* A bar that is drawn over on a terminal; elsewhere one line when a stage is done. */
-struct progress_t {
-    std::string words;
-    uint64_t total;
-    bool quiet, bar;
-    double started = now_s(), drawn = 0;
-
-    progress_t(const session_t *session, const char *stage, uint64_t objects)
-        : words(stage), total(objects), quiet(session->json), bar(isatty(STDOUT_FILENO) != 0)
-    {
-    }
-    void draw(uint64_t done)
-    {
-        if (quiet || !bar || (now_s() - drawn < 0.1 && done < total))
-            return;
-        drawn = now_s();
-        const int width = 30, full = total ? (int)(done * width / total) : width;
-        printf("\r%-22s [%.*s%*s] %9llu/%llu", words.c_str(), full,
-               "##############################", width - full, "", (unsigned long long)done,
-               (unsigned long long)total);
-        fflush(stdout);
-    }
-    double finish(uint64_t done)
-    {
-        const double seconds = now_s() - started;
-        if (quiet)
-            return seconds;
-        if (bar)
-            printf("\r\033[K");
-        printf("%-22s %9llu objects in %7.3f s, %9.0f a second\n", words.c_str(),
-               (unsigned long long)done, seconds, seconds > 0 ? (double)done / seconds : 0.0);
-        fflush(stdout);
-        return seconds;
-    }
-};
 
 struct stage_result_t {
     const zan_table_def_t *def;
@@ -131,7 +88,8 @@ bool send_family(load_t *load, routes_t *routes)
     if (!routes->count)
         return true;
     progress_t progress(load->session, routes->words, routes->count);
-    if (!send_routes(load->session, routes, [&](uint64_t done) { progress.draw(done); }))
+    if (!send_routes(load->session, routes, ZAN_TABLE_CREATE, 1,
+                     [&](uint64_t done) { progress.draw(done); }))
         return false;
     load->stages.push_back({routes->def, routes->count, progress.finish(routes->count)});
     return true;

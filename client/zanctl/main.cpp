@@ -15,6 +15,8 @@ struct arguments_t {
     std::string table, file;
     std::vector<std::string> from, files;
     uint64_t limit = 0;
+    apply_options_t apply;
+    graph_options_t graph;
 };
 
 std::string join(const std::vector<std::string> &words)
@@ -36,14 +38,38 @@ void add_commands(CLI::App *app, arguments_t *a)
 
     CLI::App *create = app->add_subcommand("create", "create an object: TABLE FIELD=VALUE...");
     create->add_option("object", a->words, "l3intf intf=100 ipv4_mtu=1500")->required();
+    CLI::App *update = app->add_subcommand("update", "change an object: what is not named stays");
+    update->add_option("object", a->words, "l3intf intf=100 ipv4_mtu=9000")->required();
+    CLI::App *remove = app->add_subcommand(
+        "delete", "delete an object: TABLE KEY=VALUE...; it waits for what still leads to it");
+    remove->add_option("object", a->words, "iproute vrf_id=0 prefix=10.0.0.0/8")->required();
     CLI::App *get = app->add_subcommand("get", "read an object: TABLE KEY=VALUE...");
     get->add_option("object", a->words, "iproute vrf_id=0 prefix=10.0.0.0/8")->required();
     CLI::App *list = app->add_subcommand("list", "list a table in key order");
     list->add_option("table", a->table)->required();
     list->add_option("--from", a->from, "begin at this key: KEY=VALUE...");
     list->add_option("--limit", a->limit, "at most so many objects");
-    CLI::App *apply = app->add_subcommand("apply", "run a file of operations, one a line");
+    CLI::App *apply = app->add_subcommand(
+        "apply",
+        "run a file of operations, one a line; an update drops the plain references it leaves out");
     apply->add_option("file", a->file, "- is standard input")->required();
+    apply->add_flag("--async", a->apply.async, "asynchronous batches: nobody waits for hardware");
+    apply->add_flag("--stop-on-error", a->apply.stop_on_error, "the first failure cuts the rest");
+    apply->add_flag("--one-kind", a->apply.one_kind,
+                    "a batch ends where operation or table changes");
+    apply->add_option("--batch", a->apply.batch_objects, "operations in a batch")
+        ->check(CLI::Range(1, 100000))
+        ->capture_default_str();
+    CLI::App *graph = app->add_subcommand(
+        "graph", "what an object leads to and what leads to it: TABLE KEY=VALUE...");
+    graph->add_option("object", a->words, "ipnhgroup nhg_id=7")->required();
+    graph->add_option("--depth", a->graph.depth, "levels in each direction")
+        ->check(CLI::Range(0u, ZAN_GRAPH_DEPTH_MAX))
+        ->capture_default_str();
+    graph->add_option("--children", a->graph.children, "of one object to show")
+        ->check(CLI::Range(0u, ZAN_GRAPH_CHILDREN_MAX))
+        ->capture_default_str();
+    graph->add_flag("--dot", a->graph.dot, "as input of Graphviz");
     app->add_subcommand("status", "what the node holds and did");
     CLI::App *compare =
         app->add_subcommand("compare", "compare the database with what the NPUs hold");
@@ -51,23 +77,34 @@ void add_commands(CLI::App *app, arguments_t *a)
     CLI::App *load = app->add_subcommand(
         "load", "load a routing table: prefixes one a line, plain or gzip; then check it");
     load->add_option("files", a->files)->required();
+    CLI::App *unload = app->add_subcommand(
+        "unload", "move a part of what was loaded to other groups, then delete all of it");
+    unload->add_option("files", a->files)->required();
 }
 
 int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
 {
     const std::string command = app.get_subcommands().front()->get_name();
     if (command == "create")
-        return run_create(session, join(a.words));
+        return run_write(session, ZAN_TABLE_CREATE, join(a.words));
+    if (command == "update")
+        return run_write(session, ZAN_TABLE_UPDATE, join(a.words));
+    if (command == "delete")
+        return run_write(session, ZAN_TABLE_DELETE, join(a.words));
     if (command == "get")
         return run_get(session, join(a.words));
     if (command == "list")
         return run_list(session, a.table, join(a.from), a.limit);
     if (command == "apply")
-        return run_apply(session, a.file);
+        return run_apply(session, a.file, a.apply);
+    if (command == "graph")
+        return run_graph(session, join(a.words), a.graph);
     if (command == "status")
         return run_status(session);
     if (command == "compare")
         return run_compare(session, a.table);
+    if (command == "unload")
+        return run_unload(session, a.files);
     return run_load(session, a.files);
 }
 

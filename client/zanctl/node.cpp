@@ -50,11 +50,21 @@ json_t table_json(const zan_table_status_st &table, uint32_t num_npus)
     out["insert_failed"] = table.insert_failed;
     out["hardware_failed"] = table.hw_failed;
     out["rolled_back"] = table.rolled_back;
+    out["updates"] = table.updates;
+    out["references_changed"] = table.refs_changed;
+    out["update_failed"] = table.update_failed;
+    out["deletes"] = table.deletes;
+    out["still_referenced"] = table.still_referenced;
+    out["delete_failed"] = table.delete_failed;
     out["held"] = json_t::array();
     out["hardware_create_errors"] = json_t::array();
+    out["hardware_update_errors"] = json_t::array();
+    out["hardware_delete_errors"] = json_t::array();
     for (uint32_t npu = 0; npu < num_npus; npu++) {
         out["held"].push_back(table.held[npu]);
         out["hardware_create_errors"].push_back(table.hw_create_errors[npu]);
+        out["hardware_update_errors"].push_back(table.hw_update_errors[npu]);
+        out["hardware_delete_errors"].push_back(table.hw_delete_errors[npu]);
     }
     return out;
 }
@@ -113,10 +123,10 @@ void print_node(const zan_status_st &s)
                (unsigned long long)s.npu[npu].deletes, (unsigned long long)s.npu[npu].failures);
 }
 
-uint64_t refused_creates(const zan_table_status_st &t)
+uint64_t failures(const zan_table_status_st &t)
 {
     return (uint64_t)t.resolve_failed + t.bind_failed + t.reserve_failed + t.insert_failed +
-           t.hw_failed + t.duplicates;
+           t.hw_failed + t.duplicates + t.update_failed + t.delete_failed;
 }
 
 void print_tables(const zan_status_st &status, const zan_table_status_st *tables)
@@ -125,13 +135,13 @@ void print_tables(const zan_status_st &status, const zan_table_status_st *tables
         printf("tables    all empty\n");
         return;
     }
-    printf("\n%-20s %10s %10s %10s %11s\n", "table", "stored", "creates", "failures",
-           "identifiers");
+    printf("\n%-20s %10s %10s %10s %10s %10s %11s\n", "table", "stored", "creates", "updates",
+           "deletes", "failures", "identifiers");
     for (uint32_t i = 0; i < status.num_tables; i++)
-        printf("%-20s %10llu %10u %10llu %11llu\n", kor_table_name_get(tables[i].table_id),
-               (unsigned long long)tables[i].stored, tables[i].creates,
-               (unsigned long long)refused_creates(tables[i]),
-               (unsigned long long)tables[i].identifiers);
+        printf("%-20s %10llu %10u %10u %10u %10llu %11llu\n",
+               kor_table_name_get(tables[i].table_id), (unsigned long long)tables[i].stored,
+               tables[i].creates, tables[i].updates, tables[i].deletes,
+               (unsigned long long)failures(tables[i]), (unsigned long long)tables[i].identifiers);
 }
 
 json_t compare_json(const zan_compare_reply_st &reply, const zan_difference_st *differences)

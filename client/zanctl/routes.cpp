@@ -153,7 +153,7 @@ void check_answer(walk_t *walk, zan_rcode rc, const zan_table_base_st *found)
         walk->check->strangers += rc == EOK;
         return;
     }
-    routes->put(routes->in_key_order[rank]);
+    routes->make(routes->in_key_order[rank]);
     const void *expected = zan_obj_key(def, routes->obj.get());
     if (rc != EOK || !found) {
         walk->check->missing.push_back(routes->in_key_order[rank]);
@@ -175,7 +175,7 @@ void check_answer(walk_t *walk, zan_rcode rc, const zan_table_base_st *found)
     } else {
         bool behind = rank == 0;
         if (rank) {
-            routes->put(routes->in_key_order[rank - 1]);
+            routes->make(routes->in_key_order[rank - 1]);
             behind =
                 zan_key_cmp(def, zan_obj_key(def, found), zan_obj_key(def, routes->obj.get())) > 0;
         }
@@ -194,13 +194,14 @@ routes_t make_ipv4_routes(const prefixes_t &prefixes)
                   (uint32_t)prefixes.ipv4.size(),
                   nullptr,
                   nullptr,
-                  sorted(prefixes.ipv4)};
+                  sorted(prefixes.ipv4),
+                  0};
     r.obj = template_of(r.def, "vrf_id=0 prefix=0.0.0.0/0 route_type=unicast "
                                "next_obj.ipnhgroup.nhg_id=1");
     auto *obj = (zan_iproute_obj_st *)r.obj.get();
-    r.put = [obj, &prefixes](uint32_t i) {
+    r.put = [obj, &prefixes](uint32_t i, uint32_t group) {
         obj->key.prefix = prefixes.ipv4[i];
-        obj->next_obj.key.ipnhgroup.nhg_id = group_of(i);
+        obj->next_obj.key.ipnhgroup.nhg_id = group;
     };
     return r;
 }
@@ -212,27 +213,35 @@ routes_t make_ipv6_routes(const prefixes_t &prefixes)
                   (uint32_t)prefixes.ipv6.size(),
                   nullptr,
                   nullptr,
-                  sorted(prefixes.ipv6)};
+                  sorted(prefixes.ipv6),
+                  0};
     r.obj = template_of(r.def, "vrf_id=0 prefix=::/0 route_type=unicast "
                                "next_obj.ip6nhgroup.nhg_id=1");
     auto *obj = (zan_ip6route_obj_st *)r.obj.get();
-    r.put = [obj, &prefixes](uint32_t i) {
+    r.put = [obj, &prefixes](uint32_t i, uint32_t group) {
         obj->key.prefix = prefixes.ipv6[i];
-        obj->next_obj.key.ip6nhgroup.nhg_id = group_of(i);
+        obj->next_obj.key.ip6nhgroup.nhg_id = group;
     };
     return r;
 }
 
-bool send_routes(session_t *session, routes_t *routes, const progress_f &progress)
+void routes_t::make(uint32_t i) const
 {
+    put(i, group_of(moved_every && i % moved_every == 0 ? i + 1 : i));
+}
+
+bool send_routes(session_t *session, routes_t *routes, uint8_t operation, uint32_t every,
+                 const progress_f &progress)
+{
+    routes->obj->write_kind = operation == ZAN_TABLE_CREATE ? ZAN_WRITE_KIND_REPLACE : 0;
     uint64_t sent = 0;
     pipeline_t pipeline(session, ZAN_BATCH_ASYNC, [&](const zan_batch_t *batch, uint64_t) {
         sent += zan_batch_count(batch);
         progress(sent);
     });
-    for (uint32_t i = 0; i < routes->count; i++) {
-        routes->put(i);
-        pipeline.append(routes->obj.get(), ZAN_TABLE_CREATE);
+    for (uint32_t i = 0; i < routes->count; i += every) {
+        routes->make(i);
+        pipeline.append(routes->obj.get(), operation);
         if (zan_batch_count(pipeline.open()) == batch_objects && !pipeline.flush())
             return false;
     }
@@ -243,7 +252,7 @@ bool check_sample(session_t *session, routes_t *routes, route_check_t *check)
 {
     const uint32_t wanted = std::min(sample_objects, routes->count);
     for (uint32_t i = 0; i < wanted; i++) {
-        routes->put((uint32_t)((uint64_t)i * routes->count / wanted));
+        routes->make((uint32_t)((uint64_t)i * routes->count / wanted));
         zan_rcode rc;
         zan_table_base_st *found;
         if (zan_client_read(session->client, ZAN_TABLE_GET, routes->obj.get(), &rc, &found))
@@ -272,7 +281,7 @@ bool check_order(session_t *session, routes_t *routes, route_check_t *check,
     pipeline.append(request.get(), ZAN_TABLE_GET_FIRST);
     request->key_len = routes->def->key_size;
     for (uint32_t rank = 0; rank < routes->count; rank++) {
-        routes->put(routes->in_key_order[rank]);
+        routes->make(routes->in_key_order[rank]);
         memcpy(zan_obj_key(routes->def, request.get()), zan_obj_key(routes->def, routes->obj.get()),
                routes->def->key_size);
         pipeline.append(request.get(), ZAN_TABLE_GET_NEXT);
@@ -291,7 +300,7 @@ bool ask_again(session_t *session, routes_t *routes, const std::vector<uint32_t>
                                 (*refused)[zan_batch_rc(batch, i)]++;
                         });
     for (const uint32_t i : which) {
-        routes->put(i);
+        routes->make(i);
         pipeline.append(routes->obj.get(), ZAN_TABLE_CREATE);
         if (zan_batch_count(pipeline.open()) == batch_objects && !pipeline.flush())
             return false;

@@ -15,9 +15,11 @@ struct routes_t {
     const char *words; /* for people */
     const zan_table_def_t *def;
     uint32_t count;
-    object_ptr_t obj; /* the route that `put` made last */
-    std::function<void(uint32_t)> put;
+    object_ptr_t obj;                            /* the route that `make` made last */
+    std::function<void(uint32_t, uint32_t)> put; /* the route of an index, to a group */
     std::vector<uint32_t> in_key_order;
+    uint32_t moved_every; /* every so many routes leads to the group behind its own; 0: none */
+    void make(uint32_t i) const;
 };
 
 /* `prefixes` must outlive them. */
@@ -27,8 +29,10 @@ routes_t make_ipv6_routes(const prefixes_t &prefixes);
 /* Told how far a stage is. */
 using progress_f = std::function<void(uint64_t)>;
 
-/* Create all of them in asynchronous batches. False when the session failed. */
-bool send_routes(session_t *session, routes_t *routes, const progress_f &progress);
+/* Create, update or delete every so many of them in asynchronous batches. False when the session
+ * failed. */
+bool send_routes(session_t *session, routes_t *routes, uint8_t operation, uint32_t every,
+                 const progress_f &progress);
 
 /* What the table holds, against what was sent. */
 struct route_check_t {

@@ -40,15 +40,31 @@ struct free_batch_t {
 };
 using batch_ptr_t = std::unique_ptr<zan_batch_t, free_batch_t>;
 
-int run_create(session_t *session, const std::string &text);
+/* How a file of operations is sent. */
+struct apply_options_t {
+    bool async = false;         /* in asynchronous batches, whose one slot reads 0 */
+    bool stop_on_error = false; /* the first failure cuts the rest */
+    bool one_kind = false;      /* a batch ends where operation or table changes */
+    size_t batch_objects = 1000;
+};
+
+/* A create, update or delete. */
+int run_write(session_t *session, uint8_t operation, const std::string &text);
 int run_get(session_t *session, const std::string &text);
 int run_list(session_t *session, const std::string &table, const std::string &from, uint64_t limit);
-int run_apply(session_t *session, const std::string &file);
+int run_apply(session_t *session, const std::string &file, const apply_options_t &options);
+/* How far the graph around an object is shown. */
+struct graph_options_t {
+    uint32_t depth = 8, children = 10;
+    bool dot = false;
+};
+int run_graph(session_t *session, const std::string &text, const graph_options_t &options);
 int run_status(session_t *session);
 int run_compare(session_t *session, const std::string &table);
 /* The outcome of a comparison, for people. */
 void print_comparison(const zan_compare_reply_st &reply, const zan_difference_st *differences);
 int run_load(session_t *session, const std::vector<std::string> &files);
+int run_unload(session_t *session, const std::vector<std::string> &files);
 
 /* The agent could not be asked: say so. */
 int fail_session(const session_t *session);

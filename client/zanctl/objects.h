@@ -1,0 +1,43 @@
+/* Objects as text, and what became of an operation on one: shared by reads and writes. */
+#ifndef ZANCTL_OBJECTS_H
+#define ZANCTL_OBJECTS_H
+
+#include "zanctl.h"
+
+/* An operation on an object as someone wrote it. */
+struct order_t {
+    uint8_t operation;
+    object_ptr_t obj;
+    size_t line; /* in its file; 0: from the command line */
+};
+
+enum class result_t {
+    DONE,
+    FAILED,
+    FORGIVEN, /* a code that does not stop a batch: a delete held back, a write kept */
+    CUT,      /* not tried, since an object before it failed */
+};
+
+/* How it went: a code of the server, with the field at fault where one is known, or words of the
+ * agent. */
+struct outcome_t {
+    result_t result;
+    zan_rcode rc;
+    std::string field, words, hint;
+};
+
+/* All of an object, or its key. */
+std::string object_text(const zan_table_base_st *obj);
+std::string object_json(const zan_table_base_st *obj);
+/* Split off the first word. */
+std::string take_word(std::string *text);
+/* "TABLE FIELD=VALUE..."; null and a reason. */
+object_ptr_t parse_object(std::string text, std::string *why);
+
+/* One line for what did not go well, or a JSON document for all; true when it went well. */
+bool report(const session_t *session, const order_t &order, const outcome_t &outcome);
+outcome_t agent_refusal(const zan_error_st *refusal);
+/* Read and print; `well` is how it went when an answer came. */
+int read_and_print(session_t *session, const order_t &order, bool *well);
+
+#endif
