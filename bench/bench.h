@@ -40,6 +40,9 @@ public:
     void create(const uint8_t *wire);
     /* Look the key up and copy the object to `out`; false when it is not there. */
     bool read(const uint8_t *wire, uint8_t *out);
+    /* Overwrite the object and link it to its new parent; take it out. */
+    bool update(const uint8_t *wire);
+    bool remove(const uint8_t *wire);
     size_t size() const;
 
 private:

@@ -1,10 +1,14 @@
 /* zan_bench: the cost of the main job, as a ratio to a floor on the same keys in the same run.
  *
- *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|all] [--only server|floor]
- *             [--stepped SEED]
+ *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|update|delete|all]
+ *             [--only server|floor] [--stepped SEED]
  *
- * create  N routes, shuffled, asynchronous, one NPU whose hooks return at once: from the batch
- * entry until the last NPU has finished read    all of them by key, in another shuffle
+ * One NPU whose hooks return at once. A phase comes behind the create that it needs.
+ *
+ *   create   N routes, shuffled, asynchronous: from the batch entry until the NPU has finished
+ *   read     all of them by key, in another shuffle
+ *   update   each to another group, asynchronous, in that shuffle
+ *   delete   all of them, asynchronous, in that shuffle; nothing may be left
  *
  * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for
  * counting instructions.
@@ -37,7 +41,7 @@ constexpr uint32_t num_groups = 1000;
 struct options_t {
     std::string prefixes = "examples/prefixes.txt.gz";
     size_t objects = 1'000'000;
-    bool create = true, read = true;
+    bool read = true, update = true, remove = true;
     bool server = true, floor = true;
     bool stepped = false;
     uint64_t seed = 0;
@@ -45,8 +49,10 @@ struct options_t {
 
 [[noreturn]] void usage()
 {
-    fprintf(stderr, "usage: zan_bench [--prefixes FILE] [--objects N] [--phase create|read|all] "
-                    "[--only server|floor] [--stepped SEED]\n");
+    fprintf(
+        stderr,
+        "usage: zan_bench [--prefixes FILE] [--objects N] [--phase create|read|update|delete|all] "
+        "[--only server|floor] [--stepped SEED]\n");
     exit(2);
 }
 
@@ -59,9 +65,11 @@ options_t parse(int argc, char **argv)
             o.prefixes = value;
         else if (name == "--objects")
             o.objects = strtoul(value.c_str(), nullptr, 0);
-        else if (name == "--phase")
-            o.read = value != "create"; /* a read needs what a create stored */
-        else if (name == "--only")
+        else if (name == "--phase") {
+            o.read = value == "read" || value == "all";
+            o.update = value == "update" || value == "all";
+            o.remove = value == "delete" || value == "all";
+        } else if (name == "--only")
             (value == "server" ? o.floor : o.server) = false;
         else if (name == "--stepped") {
             o.stepped = true;
@@ -84,7 +92,9 @@ struct messages_t {
     }
 };
 
-messages_t make_messages(const std::vector<prefix_t> &prefixes, zan_table_operation_et operation)
+/* `moved`: each route leads to another group than by its create. */
+messages_t make_messages(const std::vector<prefix_t> &prefixes, zan_table_operation_et operation,
+                         bool moved = false)
 {
     messages_t m;
     size_t total = 0;
@@ -97,10 +107,10 @@ messages_t make_messages(const std::vector<prefix_t> &prefixes, zan_table_operat
         const prefix_t &p = prefixes[i];
         uint32_t group; /* a mixed prefix, so that it does not follow the order */
         memcpy(&group, p.bytes, sizeof group);
-        write_route(p, group * 2654435761u % num_groups, ++trans_id, m.at(at));
+        write_route(p, (group * 2654435761u + moved) % num_groups, ++trans_id, m.at(at));
         auto *base = (zan_table_base_st *)m.at(at);
         base->table_operation = (uint8_t)operation;
-        if (operation != ZAN_TABLE_CREATE)
+        if (operation == ZAN_TABLE_GET)
             base->flag = 0;
         at += route_size(p);
         if ((i + 1) % batch_objects == 0 || i + 1 == prefixes.size()) {
@@ -156,7 +166,7 @@ void create_groups(const char *table)
     }
 }
 
-double server_create(messages_t *m)
+double server_write(messages_t *m)
 {
     stopwatch_t watch;
     zan_table_response_st slot = {};
@@ -215,6 +225,66 @@ void report(const char *phase, size_t n, double server, double floor)
         printf("%-8s ratio  %7.2f\n", phase, server / floor);
 }
 
+/* Seconds by phase; 0 for one that did not run. */
+struct times_t {
+    double create = 0, read = 0, update = 0, remove = 0;
+};
+
+times_t run_floor(const options_t &options, size_t n, messages_t *creates, messages_t *reads,
+                  messages_t *updates, messages_t *deletes)
+{
+    times_t t;
+    floor_t floor;
+    auto must = [](bool found) {
+        if (!found)
+            fail("the floor lost a route");
+    };
+    t.create = each(creates, [&](const uint8_t *wire) { floor.create(wire); });
+    must(floor.size() == n);
+    std::vector<uint8_t> out(1024);
+    if (options.read)
+        t.read = each(reads, [&](const uint8_t *wire) { must(floor.read(wire, out.data())); });
+    if (options.update)
+        t.update = each(updates, [&](const uint8_t *wire) { must(floor.update(wire)); });
+    if (options.remove)
+        t.remove = each(deletes, [&](const uint8_t *wire) { must(floor.remove(wire)); });
+    return t;
+}
+
+uint64_t routes_stored()
+{
+    return zan_db_count(zan_table_def_find("iproute")->id) +
+           zan_db_count(zan_table_def_find("ip6route")->id);
+}
+
+times_t run_server(const options_t &options, size_t n, messages_t *creates, messages_t *reads,
+                   messages_t *updates, messages_t *deletes)
+{
+    times_t t;
+    start_server(options);
+    create_groups("ipnhgroup");
+    create_groups("ip6nhgroup");
+    settle();
+    const uint64_t bytes = zan_shm_bytes_in_use();
+    t.create = server_write(creates);
+    if (routes_stored() != n)
+        fail("not every route was stored");
+    if (options.read)
+        t.read = server_read(reads);
+    printf("index    %.1f bytes an object\n",
+           (double)(zan_db_index_bytes_of(zan_table_def_find("iproute")->id) +
+                    zan_db_index_bytes_of(zan_table_def_find("ip6route")->id)) /
+               (double)n);
+    if (options.update)
+        t.update = server_write(updates);
+    if (options.remove) {
+        t.remove = server_write(deletes);
+        if (routes_stored() != 0 || zan_shm_bytes_in_use() != bytes)
+            fail("a delete left something behind");
+    }
+    return t;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -233,37 +303,23 @@ int main(int argc, char **argv)
     std::shuffle(prefixes.begin(), prefixes.end(), random);
     messages_t reads = make_messages(prefixes, ZAN_TABLE_GET);
 
-    double floor_create = 0, floor_read = 0;
-    if (options.floor) {
-        floor_t floor;
-        floor_create = each(&creates, [&](const uint8_t *wire) { floor.create(wire); });
-        if (floor.size() != n)
-            fail("the floor lost a route");
-        std::vector<uint8_t> out(1024);
-        if (options.read)
-            floor_read = each(&reads, [&](const uint8_t *wire) {
-                if (!floor.read(wire, out.data()))
-                    fail("the floor did not find a route");
-            });
-    }
-    double create = 0, read = 0;
-    if (options.server) {
-        start_server(options);
-        create_groups("ipnhgroup");
-        create_groups("ip6nhgroup");
-        settle();
-        create = server_create(&creates);
-        const uint32_t v4 = zan_table_def_find("iproute")->id;
-        const uint32_t v6 = zan_table_def_find("ip6route")->id;
-        if (zan_db_count(v4) + zan_db_count(v6) != n)
-            fail("not every route was stored");
-        if (options.read)
-            read = server_read(&reads);
-        printf("index    %.1f bytes an object\n",
-               (double)(zan_db_index_bytes_of(v4) + zan_db_index_bytes_of(v6)) / (double)n);
-    }
-    report("create", n, create, floor_create);
-    if (options.read)
-        report("read", n, read, floor_read);
+    messages_t updates, deletes;
+    if (options.update)
+        updates = make_messages(prefixes, ZAN_TABLE_UPDATE, true);
+    if (options.remove)
+        deletes = make_messages(prefixes, ZAN_TABLE_DELETE);
+
+    times_t floor_times, server_times;
+    if (options.floor)
+        floor_times = run_floor(options, n, &creates, &reads, &updates, &deletes);
+    if (options.server)
+        server_times = run_server(options, n, &creates, &reads, &updates, &deletes);
+    report("create", n, server_times.create, floor_times.create);
+    report("read", n, server_times.read, floor_times.read);
+    report("update", n, server_times.update, floor_times.update);
+    report("delete", n, server_times.remove, floor_times.remove);
+    if (server_times.remove > 0)
+        printf("delete   %.2f times the server's create\n",
+               server_times.remove / server_times.create);
     return 0;
 }

@@ -115,10 +115,24 @@ const fault_t faults[] = {
      "table_operation", ""},
     {"event", [](wire_t *w) { w->obj(0)->table_operation = ZAN_TABLE_EVENT; }, 0, "table_operation",
      ""},
-    {"update", [](wire_t *w) { w->obj(2)->table_operation = ZAN_TABLE_UPDATE; }, 2,
-     "table_operation", "not served yet"},
-    {"delete", [](wire_t *w) { w->obj(2)->table_operation = ZAN_TABLE_DELETE; }, 2,
-     "table_operation", "not served yet"},
+    {"update of nothing",
+     [](wire_t *w) {
+         w->obj(2)->table_operation = ZAN_TABLE_UPDATE;
+         w->obj(2)->key_len = 0;
+     },
+     2, "key_len", "needs a key or a handle"},
+    {"delete of nothing",
+     [](wire_t *w) {
+         w->obj(2)->table_operation = ZAN_TABLE_DELETE;
+         w->obj(2)->key_len = 0;
+     },
+     2, "key_len", "needs a key or a handle"},
+    {"write kind of an update",
+     [](wire_t *w) {
+         w->obj(2)->table_operation = ZAN_TABLE_UPDATE;
+         w->obj(2)->write_kind = ZAN_WRITE_KIND_REPLACE;
+     },
+     2, "write_kind", "only a create"},
     {"no such operation", [](wire_t *w) { w->obj(2)->table_operation = 200; }, 2, "table_operation",
      "200"},
     {"end of download where there is none",

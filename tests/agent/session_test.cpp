@@ -271,13 +271,13 @@ TEST_F(session, refuses_a_batch_and_goes_on)
     const batch_t batch(zan_batch_new(0, 0));
     const object_t obj = parse("l3intf", "intf=1 ipv4_mtu=1500");
     zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_CREATE);
-    zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_DELETE);
+    zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_EVENT);
     EXPECT_EQ(zan_client_run(client, batch.get()), -1);
     ASSERT_TRUE(zan_client_refusal(client));
     EXPECT_EQ(zan_client_refusal(client)->object_index, 1u);
     EXPECT_STREQ(zan_client_refusal(client)->field, "table_operation");
     EXPECT_STREQ(zan_client_error(client),
-                 "object 1: table_operation: updates and deletes are not served yet");
+                 "object 1: table_operation: 3 is no operation that a client may ask for");
     EXPECT_FALSE(zan_client_lost(client));
     std::string text;
     EXPECT_EQ(read("l3intf", "intf=1", &text), ZAN_RC_NOT_FOUND) << "no part of it was run";
@@ -308,7 +308,7 @@ TEST_F(session, refuses_strange_hellos)
         void (*spoil)(zan_hello_st *);
     } const cases[] = {
         {"no hello of its clients", [](zan_hello_st *h) { h->magic ^= 1; }},
-        {"version 2", [](zan_hello_st *h) { h->version = 2; }},
+        {"speaks version 0", [](zan_hello_st *h) { h->version = 0; }},
         {"other table definitions", [](zan_hello_st *h) { h->fingerprint++; }},
     };
     for (const auto &c : cases) {
@@ -352,6 +352,14 @@ TEST_F(session, refuses_strange_frames)
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
     const zan_compare_st compare = {9999, 1};
     send_frame(fd, ZAN_FRAME_COMPARE, &compare, sizeof compare);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    zan_graph_st graph = {8, 8, 0};
+    send_frame(fd, ZAN_FRAME_GRAPH, &graph, 8);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    send_frame(fd, ZAN_FRAME_GRAPH, &graph, sizeof graph);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << "it names no object";
+    graph.depth = ZAN_GRAPH_DEPTH_MAX + 1;
+    send_frame(fd, ZAN_FRAME_GRAPH, &graph, sizeof graph);
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
     send_frame(fd, ZAN_FRAME_STATUS, nullptr, 0);
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_STATUS_REPLY);

@@ -62,7 +62,8 @@ TEST_F(zanctl, says_what_was_refused_and_why)
         {"create l3intf intf=100 ipv4_mtu=1500", 1,
          "create l3intf intf=100 refused: key: 0x4f908011 ZAN_RC_EXISTS: already exists"},
         {"--json create l3intf intf=100", 1,
-         "{\"operation\":\"create\",\"table\":\"l3intf\",\"key\":\"intf=100\","
+         "{\"operation\":\"create\",\"table\":\"l3intf\",\"key\":\"intf=100\",\"result\":"
+         "\"failed\","
          "\"code\":\"0x4f908011\",\"name\":\"ZAN_RC_EXISTS\",\"words\":\"already exists\","
          "\"field\":\"key\"}"},
         {"create l3intf intf=101 npu_mask_req=0x10", 1, "npu_mask_req: 0x10 asks for NPU 4"},
@@ -101,17 +102,100 @@ TEST_F(zanctl, applies_a_file_and_reports_line_by_line)
                                                 "get l3intf intf=1\n");
     const result_t result = run("apply " + file);
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.text.find("line 4: delete l3intf intf=3 refused: table_operation: updates "
-                               "and deletes are not served yet"),
-              std::string::npos)
-        << result.text;
     EXPECT_NE(result.text.find("line 5: create l3intf intf=2 refused: key: 0x4f908011"),
               std::string::npos)
         << result.text;
-    EXPECT_NE(result.text.find("6 operations, 2 refused"), std::string::npos) << result.text;
-    EXPECT_EQ(run("list l3intf").text,
-              "l3intf intf=1\nl3intf intf=2\nl3intf intf=3 ipv4_mtu=1500\n");
+    EXPECT_NE(result.text.find("6 operations: 5 done, 1 failed, 0 forgiven, 0 cut"),
+              std::string::npos)
+        << result.text;
+    EXPECT_EQ(run("list l3intf").text, "l3intf intf=1\nl3intf intf=2\n");
     EXPECT_EQ(run("list l3intf --from intf=2 --limit 1").text, "l3intf intf=2\n");
+
+    const std::string mixed = write_file("mixed", "create l3intf intf=4\n"
+                                                  "create l3intf intf=4\n"
+                                                  "update l3intf intf=2 ipv4_mtu=9000\n"
+                                                  "delete l3intf intf=1\n");
+    const result_t stopped = run("apply --stop-on-error " + mixed);
+    EXPECT_EQ(stopped.status, 1);
+    EXPECT_NE(stopped.text.find("line 3: update l3intf intf=2 not tried: 0x4f909275"),
+              std::string::npos)
+        << stopped.text;
+    EXPECT_NE(stopped.text.find("4 operations: 1 done, 1 failed, 0 forgiven, 2 cut"),
+              std::string::npos)
+        << stopped.text;
+    const result_t async = run("apply --async --one-kind --batch 2 " + mixed);
+    EXPECT_NE(async.text.find("4 operations: 4 done"), std::string::npos)
+        << "an asynchronous create of what is there says nothing: " << async.text;
+    EXPECT_EQ(run("list l3intf").text, "l3intf intf=2 ipv4_mtu=9000\nl3intf intf=4\n");
+    const result_t lost = run("apply --async " + write_file("lost", "update l3intf intf=99\n"));
+    EXPECT_NE(lost.text.find("update l3intf intf=99 refused: 0x2f908002"), std::string::npos)
+        << lost.text;
+}
+
+TEST_F(zanctl, deletes_from_the_top_and_sees_it_held_back)
+{
+    start({});
+    const std::string file = write_file(
+        "graph", "create l3intf intf=1\n"
+                 "create macllnh intf=1 adj_id=1 l3intf_obj.l3intf.intf=1\n"
+                 "create ipnh nh_id=1 next_obj.macllnh.intf=1 next_obj.macllnh.adj_id=1\n"
+                 "create ipnhgroup nhg_id=7 nexthop_next_obj[0].ipnh.nh_id=1\n"
+                 "create iproute vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=7\n");
+    ASSERT_EQ(run("apply " + file).status, 0);
+    const result_t held = run("delete ipnhgroup nhg_id=7");
+    EXPECT_EQ(held.status, 0) << "a delete that waits has not failed";
+    EXPECT_NE(held.text.find("delete ipnhgroup nhg_id=7 held back: 0x4f909e1a ZAN_RC_DELAY_DELETE"),
+              std::string::npos)
+        << held.text;
+    EXPECT_NE(run("list ipnhgroup").text.find("# delete-pending"), std::string::npos);
+    EXPECT_NE(run("list ipnhgroup --json").text.find("\"delete_pending\":true"), std::string::npos);
+    EXPECT_EQ(run("graph ipnhgroup nhg_id=7").text, "ipnhgroup nhg_id=7  # delete-pending\n"
+                                                    "leads to 1 object\n"
+                                                    "  ipnh nh_id=1\n"
+                                                    "    macllnh intf=1 adj_id=1\n"
+                                                    "      l3intf intf=1\n"
+                                                    "is led to by 1 object\n"
+                                                    "  iproute vrf_id=0 prefix=10.0.0.0/8\n");
+    EXPECT_EQ(run("graph ipnhgroup nhg_id=7 --depth 1 --children 0").text,
+              "ipnhgroup nhg_id=7  # delete-pending\n"
+              "leads to 1 object\n"
+              "  ipnh nh_id=1\n"
+              "    ... 1 more\n"
+              "is led to by 1 object\n"
+              "  ... 1 more\n");
+    const std::string dot = run("graph ipnhgroup nhg_id=7 --dot").text;
+    EXPECT_EQ(std::count(dot.begin(), dot.end(), '>'), 4) << dot;
+    EXPECT_EQ(run("graph ipnhgroup nhg_id=8").status, 1);
+    EXPECT_EQ(run("create ipnhgroup nhg_id=7 nexthop_next_obj[0].ipnh.nh_id=1").status, 0);
+    EXPECT_EQ(run("list ipnhgroup").text.find("# delete-pending"), std::string::npos)
+        << "a create revives it";
+    for (const char *key :
+         {"l3intf intf=1", "macllnh intf=1 adj_id=1", "ipnh nh_id=1", "ipnhgroup nhg_id=7"})
+        EXPECT_NE(run(std::string("delete ") + key).text.find("held back"), std::string::npos)
+            << key;
+    EXPECT_EQ(run("delete iproute vrf_id=0 prefix=10.0.0.0/8").status, 0);
+    for (const char *table : {"iproute", "ipnhgroup", "ipnh", "macllnh", "l3intf"})
+        EXPECT_EQ(run(std::string("list ") + table).text, "") << table;
+    EXPECT_EQ(run("delete l3intf intf=1").status, 1);
+}
+
+TEST_F(zanctl, updates_what_is_named_and_nothing_else)
+{
+    start({});
+    run("create lagport intf=5");
+    run("create l3intf intf=1 ipv4_mtu=1500 ipv6_mtu=1400 lagport.intf=5");
+    EXPECT_EQ(run("update l3intf intf=1 ipv4_mtu=9000").status, 0);
+    EXPECT_EQ(run("get l3intf intf=1").text,
+              "l3intf intf=1 ipv4_mtu=9000 ipv6_mtu=1400 lagport.intf=5\n");
+    const std::string sparse = write_file("sparse", "update l3intf intf=1 ipv4_mtu=1600\n");
+    EXPECT_EQ(run("apply " + sparse).status, 0);
+    EXPECT_EQ(run("get l3intf intf=1").text, "l3intf intf=1 ipv4_mtu=1600 ipv6_mtu=1400\n")
+        << "a file is sent as it stands: it drops the plain reference";
+    EXPECT_EQ(run("delete lagport intf=5").text, "") << "nothing holds it any more";
+    const result_t missing = run("update l3intf intf=7 ipv4_mtu=1");
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.text.find("update l3intf intf=7 refused: key: 0x2f908002"), std::string::npos)
+        << missing.text;
 }
 
 TEST_F(zanctl, loads_a_routing_table)
@@ -128,17 +212,23 @@ TEST_F(zanctl, loads_a_routing_table)
           "all well"})
         EXPECT_NE(first.text.find(part), std::string::npos) << part << "\n" << first.text;
     EXPECT_EQ(run("load " + file).status, 0) << "loading twice is no mistake";
+    const result_t unload = run("unload " + file);
+    EXPECT_EQ(unload.status, 0) << unload.text;
+    for (const char *part : {"moved     2 routes", " held back by what led to them, ",
+                             "left      0 stored, 0 identifiers, 0 on NPUs", "all gone"})
+        EXPECT_NE(unload.text.find(part), std::string::npos) << part << "\n" << unload.text;
+    EXPECT_EQ(run("load " + file).status, 0) << "and in again";
 
-    /* A route that is in the way and differs: refused, and said so. */
+    /* A route that is in the way and differs becomes what was sent. */
     EXPECT_EQ(run("create iproute vrf_id=0 prefix=7.0.0.0/8 route_type=unicast "
                   "next_obj.ipnhgroup.nhg_id=64")
                   .status,
               0);
     const std::string other = write_file("other", "7.0.0.0/8\n");
-    const result_t clash = run("load " + other);
-    EXPECT_EQ(clash.status, 1) << clash.text;
-    EXPECT_NE(clash.text.find("not what was sent: next_obj"), std::string::npos) << clash.text;
-    EXPECT_NE(clash.text.find("refused   1: 0x4f908016"), std::string::npos) << clash.text;
+    const result_t replaced = run("load " + other);
+    EXPECT_EQ(replaced.status, 0) << replaced.text;
+    EXPECT_NE(run("get iproute vrf_id=0 prefix=7.0.0.0/8").text.find("nhg_id=1"),
+              std::string::npos);
 
     const result_t bad = run("load " + write_file("bad", "8.0.0.0/8\n8.0.0.1/8\n"));
     EXPECT_EQ(bad.status, 2);

@@ -85,32 +85,51 @@ ZAN_EXPORT zan_rcode zan_db_insert(zan_table_base_st *db_obj)
     return fails(INSERT) ? ZAN_RC_TABLE_FULL : real(db_obj);
 }
 
+ZAN_EXPORT void zan_db_delete(zan_db_del_ctx_t *ctx)
+{
+    static auto *real = host<void(zan_db_del_ctx_t *)>("zan_db_delete");
+    const zan_table_base_st *obj = ctx->db_obj;
+    /* A block that was never stored has nothing that could be refused. */
+    if (zan_db_hdl_is_valid(obj->table_id, (uint64_t)(uintptr_t)obj) && fails(DB_DELETE))
+        ctx->rc = ZAN_RC_TABLE_FULL;
+    else
+        real(ctx);
+}
+
+#define SWEPT_HOOK(T, name, point, argument)                                                       \
+    ZAN_EXPORT zan_rcode srv_##T##_##name(argument)                                                \
+    {                                                                                              \
+        return fails(point) ? hook_rc : EOK;                                                       \
+    }
 #define SWEPT_HOOKS(T)                                                                             \
     ZAN_EXPORT zan_rcode srv_##T##_resolve(zan_table_base_st *, zan_table_base_st *)               \
     {                                                                                              \
         return fails(RESOLVE_HOOK) ? hook_rc : EOK;                                                \
     }                                                                                              \
-    ZAN_EXPORT zan_rcode srv_##T##_pre_create_rdesc(zan_rdesc_hook_ctx_t *)                        \
-    {                                                                                              \
-        return fails(PRE_CREATE_RDESC) ? hook_rc : EOK;                                            \
-    }                                                                                              \
-    ZAN_EXPORT zan_rcode srv_##T##_post_create_rdesc(zan_rdesc_hook_ctx_t *)                       \
-    {                                                                                              \
-        return fails(POST_CREATE_RDESC) ? hook_rc : EOK;                                           \
-    }                                                                                              \
-    ZAN_EXPORT zan_rcode srv_##T##_create(zan_table_base_st *)                                     \
-    {                                                                                              \
-        return fails(CREATE_HOOK) ? hook_rc : EOK;                                                 \
-    }
+    SWEPT_HOOK(T, pre_create_rdesc, PRE_CREATE_RDESC, zan_rdesc_hook_ctx_t *)                      \
+    SWEPT_HOOK(T, post_create_rdesc, POST_CREATE_RDESC, zan_rdesc_hook_ctx_t *)                    \
+    SWEPT_HOOK(T, create, CREATE_HOOK, zan_table_base_st *)                                        \
+    SWEPT_HOOK(T, pre_update_rdesc, PRE_UPDATE_RDESC, zan_rdesc_hook_ctx_t *)                      \
+    SWEPT_HOOK(T, post_update_rdesc, POST_UPDATE_RDESC, zan_rdesc_hook_ctx_t *)                    \
+    SWEPT_HOOK(T, update, UPDATE_HOOK, zan_delta_lists_t *)                                        \
+    SWEPT_HOOK(T, pre_delete_rdesc, PRE_DELETE_RDESC, zan_rdesc_hook_ctx_t *)                      \
+    SWEPT_HOOK(T, post_delete_rdesc, POST_DELETE_RDESC, zan_rdesc_hook_ctx_t *)                    \
+    SWEPT_HOOK(T, delete, DELETE_HOOK, zan_table_base_st *)
 #define SWEPT_IDENTIFIERS(T)                                                                       \
     zan_rcode srv_##T##_reserve_id_infra_default(int32_t npu, zan_table_base_st *obj);             \
     zan_rcode srv_##T##_release_id_infra_default(int32_t npu, zan_table_base_st *obj);             \
     ZAN_EXPORT zan_rcode srv_##T##_reserve_id(int32_t npu, zan_table_base_st *obj)                 \
     {                                                                                              \
         return fails(RESERVE_ID) ? hook_rc : srv_##T##_reserve_id_infra_default(npu, obj);         \
+    }                                                                                              \
+    ZAN_EXPORT zan_rcode srv_##T##_update_reserve_id(int32_t npu, zan_table_base_st *new_obj,      \
+                                                     zan_table_base_st *, uint32_t *)              \
+    {                                                                                              \
+        return fails(UPDATE_RESERVE_ID) ? hook_rc                                                  \
+                                        : srv_##T##_reserve_id_infra_default(npu, new_obj);        \
     }
 
-/* One table for each distinct way of a create: the four hardware forms, with and without
+/* One table for each distinct way of a write: the four hardware forms, with and without
  * identifiers (per NPU and for the object), members, in-flight tracking, and each mode of hardware
  * codes. */
 SWEPT_HOOKS(ipnhgroup)

@@ -19,6 +19,14 @@ enum point_t {
     BIND,
     INSERT,
     POST_CREATE_RDESC,
+    UPDATE_RESERVE_ID,
+    PRE_UPDATE_RDESC,
+    UPDATE_HOOK,
+    POST_UPDATE_RDESC,
+    PRE_DELETE_RDESC,
+    DELETE_HOOK,
+    POST_DELETE_RDESC,
+    DB_DELETE,
 };
 
 constexpr zan_rcode hook_rc = 0x4fa0beef;

@@ -312,21 +312,24 @@ TEST_P(exec_queue, an_asynchronous_write_comes_home_to_the_dispatcher)
 
 TEST_P(exec_queue, copies_of_a_held_walk_context_stay_with_it)
 {
-    kor_dpd_event_ctx_t walk = {};
+    kor_dpd_event_ctx_t *walk = zan_walk_ctx_alloc_walk_ctx(nullptr);
     kor_core_srv_dispatch_t *record = zan_srv_msg_alloc(ZAN_TABLE_UPDATE);
     record->is_async = 1;
     record->obj = copy(1);
     record->old_obj = copy(1);
-    record->walk_ctx = &walk;
-    walk.held_by_npu_threads = 1;
-    walk.old_obj = record->old_obj;
+    zan_table_base_st *const old_obj = record->old_obj;
+    record->walk_ctx = walk;
+    walk->held_by_npu_threads = 1;
+    walk->old_obj = old_obj;
     zan_exec_q_msg_st *msg = zan_exec_q_msg_alloc(get_global_exec_q());
     msg->payload = record;
     ASSERT_EQ(kor_exec_q_req_bcast(get_global_exec_q(), msg, all), 0);
     drain();
     zan_dsp_q_process_post_npu();
     EXPECT_EQ(zan_heap_blocks_in_use(), blocks_before + 1);
-    zan_heap_free(walk.old_obj);
+    EXPECT_FALSE(walk->held_by_npu_threads);
+    zan_walk_ctx_dtor(walk);
+    zan_heap_free(old_obj);
 }
 
 TEST_P(exec_queue, the_end_of_a_batch_reaches_every_npu_in_its_place)

@@ -1,11 +1,17 @@
 /* Scenarios: text files of operations with what they must come to. Each runs with one and with
  * three NPUs, with NPU threads and stepped, in synchronous and in asynchronous batches.
  *
- *   create TABLE FIELDS          must succeed
- *   refuse CODE create TABLE ... must be refused with the code, and leave everything as it was
- *   get TABLE FIELDS             must be found
- *   dump TABLE                   the table holds exactly the objects of the lines that follow, in
- * order: = FIELDS # a comment
+ *   create|update|delete TABLE FIELDS   must succeed
+ *   hold TABLE FIELDS                   a delete that must be held back for children
+ *   refuse CODE create|update|delete .. must be refused with the code, and leave all as it was
+ *   get TABLE FIELDS                    must be found
+ *   dump TABLE                          the table holds exactly the objects of the lines that
+ *                                       follow, in order:
+ *   = FIELDS
+ *   # a comment
+ *
+ * At the end everything that was created is deleted in the order of its creation, parents first, so
+ * that the graph comes down by held deletes; nothing may be left anywhere.
  */
 #include <filesystem>
 #include <fstream>
@@ -65,6 +71,7 @@ public:
         settle();
         EXPECT_EQ(hardware_differs(variant_.npus), "") << path_;
         EXPECT_GT(checked_, 0u) << path_ << " checks nothing";
+        delete_all();
     }
 
 private:
@@ -91,6 +98,12 @@ private:
         check_dump();
         if (verb == "create")
             send(text, ZAN_TABLE_CREATE, EOK);
+        else if (verb == "update")
+            send(text, ZAN_TABLE_UPDATE, EOK);
+        else if (verb == "delete")
+            send(text, ZAN_TABLE_DELETE, EOK);
+        else if (verb == "hold")
+            send(text, ZAN_TABLE_DELETE, ZAN_RC_DELAY_DELETE);
         else if (verb == "get")
             EXPECT_EQ(read(text).rc, (zan_rcode)EOK) << where();
         else if (verb == "dump")
@@ -104,9 +117,13 @@ private:
     void refuse(std::string text)
     {
         const zan_rcode code = code_named(word(&text));
-        ASSERT_EQ(word(&text), "create") << where();
+        const std::string verb = word(&text);
+        const zan_table_operation_et operation = verb == "create"   ? ZAN_TABLE_CREATE
+                                                 : verb == "update" ? ZAN_TABLE_UPDATE
+                                                                    : ZAN_TABLE_DELETE;
+        ASSERT_STREQ(zan_table_operation_str(operation), verb.c_str()) << where();
         const residue_t before = residue();
-        send(text, ZAN_TABLE_CREATE, code);
+        send(text, operation, code);
         EXPECT_EQ(residue(), before)
             << where() << ": " << to_string(before) << " became " << to_string(residue());
     }
@@ -119,6 +136,8 @@ private:
         batch_t batch;
         batch.async = variant_.async;
         const result_t r = std::move(batch.add(obj).run()[0]);
+        if (operation == ZAN_TABLE_CREATE && code == EOK)
+            created_.push_back(text.substr(0, text.find(' ')) + " " + key_of(obj.get()));
         if (!variant_.async || code == EOK) {
             EXPECT_EQ(r.rc, code) << where() << ": " << text;
             checked_++;
@@ -136,7 +155,28 @@ private:
         expected_.clear();
     }
 
+    static std::string key_of(const zan_table_base_st *obj)
+    {
+        const zan_table_def_t *def = zan_table_defs[obj->table_id];
+        char key[256];
+        zan_key_print(def, zan_obj_key(def, obj), key, sizeof key);
+        return key;
+    }
+
+    void delete_all()
+    {
+        for (const std::string &text : created_) {
+            const object_t obj = object(text, ZAN_TABLE_DELETE);
+            /* A client owes a delete for each of its references. */
+            for (zan_rcode rc = EOK; rc == EOK;)
+                rc = run(obj).rc;
+        }
+        EXPECT_EQ(residue(), residue_t()) << path_ << ": " << to_string(residue());
+        EXPECT_EQ(hardware_differs(variant_.npus), "") << path_;
+    }
+
     std::string path_;
+    std::vector<std::string> created_; /* tables and keys */
     variant_t variant_;
     uint32_t line_ = 0, checked_ = 0;
     std::string dumping_;

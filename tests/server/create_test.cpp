@@ -61,7 +61,7 @@ TEST(Create, OnAStaleObjectClearsTheMarkWithoutAHardwareWrite)
     }
 }
 
-TEST(Create, ThatDiffersIsRefusedOrWouldBecomeAnUpdate)
+TEST(Create, ThatDiffersIsRefusedOrBecomesAnUpdate)
 {
     const server_t server({});
     const zan_table_def_t *def = table("macllnh");
@@ -74,8 +74,14 @@ TEST(Create, ThatDiffersIsRefusedOrWouldBecomeAnUpdate)
     EXPECT_EQ(counter(def, ZAN_CTR_CREATE_STRICT_DIFFERS), 1u);
     EXPECT_EQ(ref_cnt(handle), 2u) << "the reference counts all the same";
     other->write_kind = ZAN_WRITE_KIND_REPLACE;
-    EXPECT_EQ(run(other).rc, ZAN_RC_INVALID) << "updates are not there yet";
+    const result_t converted = run(other);
+    EXPECT_EQ(converted.rc, (zan_rcode)EOK);
+    EXPECT_EQ(converted.handle, handle);
     EXPECT_EQ(counter(def, ZAN_CTR_CREATE_CONVERTED), 1u);
+    EXPECT_EQ(counter(def, ZAN_CTR_UPDATE), 1u);
+    EXPECT_EQ(ref_cnt(handle), 2u) << "an update is no further reference";
+    EXPECT_EQ(dump(def), std::vector<std::string>{"intf=1 adj_id=1 encap_id=6"});
+    EXPECT_EQ(hardware_differs(1), "");
 }
 
 TEST(Create, RevivesAnObjectThatWaitsForItsDelete)
