@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Build everything, start an agent with two simulated NPUs, load a routing table through its socket,
-# check what it holds, stop it.
+# check what it holds, move a part of it, delete all of it from the top, stop the agent.
 #
 #   ./run.sh [PREFIXES-FILE]           prefixes one a line, plain or gzip; else examples/prefixes.txt.gz
-#   ./run.sh --serve [PREFIXES-FILE]   the same, and leave the agent running
+#   ./run.sh --serve [PREFIXES-FILE]   load and check only, and leave the agent running
 #
-# Installs the Debian packages that are missing. Exits with 0 only when everything went in and the
-# database equals what the NPUs hold.
+# Installs the Debian packages that are missing. Exits with 0 only when everything went in, the
+# database equals what the NPUs hold, and nothing is left in the end.
 set -euo pipefail
 
 usage() {
@@ -91,6 +91,11 @@ fi
 echo "loading $file"
 status=0
 build/bin/zanctl --socket "$socket" load "$file" || status=$?
+if [ $serve -eq 0 ]; then
+    echo
+    echo "moving a part of it, then deleting all"
+    build/bin/zanctl --socket "$socket" unload "$file" || status=$?
+fi
 
 if [ $serve -eq 1 ] && kill -0 "$agent" 2>/dev/null; then
     trap - EXIT
