@@ -54,7 +54,7 @@ std::string lists(const srv_l2mcolist_delta_t *d)
     return text;
 }
 
-/* Members as "o_intf/encap" in an olist. */
+/* Members as "o_intf/encap" in an olist; an o_intf of 0 is not set. */
 object_t olist(zan_table_operation_et operation,
                const std::vector<std::pair<uint32_t, uint32_t>> &m)
 {
@@ -64,7 +64,7 @@ object_t olist(zan_table_operation_et operation,
     for (uint32_t i = 0; i < m.size(); i++) {
         list->o_intf[i] = m[i].first;
         list->l2_encap_id[i] = m[i].second;
-        for (const char *name : {"o_intf", "l2_encap_id"})
+        for (const char *name : {m[i].first ? "o_intf" : "l2_encap_id", "l2_encap_id"})
             for (uint32_t a = 0; a < def->num_attrs; a++)
                 if (strcmp(def->attrs[a].name, name) == 0)
                     *zan_obj_attr_set(&def->attrs[a], obj.get(), i, (uint32_t)m.size()) = 1;
@@ -122,6 +122,18 @@ TEST(MemberLists, TellWhatWasAddedDeletedAndModified)
     EXPECT_EQ(run(with_key(table("l2mcolist"), 1, ZAN_TABLE_DELETE)).rc, (zan_rcode)EOK);
     EXPECT_EQ(seen, "-50/1 -60/1 ");
     EXPECT_EQ(residue(), residue_t());
+}
+
+TEST(MemberLists, TakeMembersWithoutANameForNewOnesEachTime)
+{
+    const server_t server({.num_npus = 1});
+    EXPECT_EQ(run(olist(ZAN_TABLE_CREATE, {{0, 1}, {0, 1}, {10, 1}})).rc, (zan_rcode)EOK);
+    object_t again = olist(ZAN_TABLE_UPDATE, {{0, 1}, {0, 2}, {10, 1}});
+    again->flag |= ZAN_FLAG_RETRY_MODE;
+    comparisons = 0;
+    EXPECT_EQ(run(again).rc, (zan_rcode)EOK);
+    EXPECT_EQ(seen, "+0/1 +0/2 -0/1 -0/1 ");
+    EXPECT_EQ(comparisons, 1u);
 }
 
 TEST(MemberLists, RefuseAFailingPlatformAndMembersOfOneName)

@@ -224,3 +224,61 @@ TEST(Update, DropsAPlainReferenceThatItLeavesOutAndKeepsAUnion)
     EXPECT_EQ(stored(interface)->dpd.dpd_child_cnt, 0u) << "a handle of zero drops it";
     EXPECT_EQ(dump(table("macllnh")), std::vector<std::string>{"intf=2 adj_id=1 encap_id=9"});
 }
+
+/* An object of its own NPUs moves with its mask, and stays where it is when an update is silent. */
+TEST(Update, MovesAnObjectToTheNpusThatItAsksFor)
+{
+    const server_t server({.num_npus = 2, .per_object_npu_mask = true});
+    for (const char *name : {"testef", "testaf"}) {
+        const zan_table_def_t *def = table(name);
+        auto write = [&](zan_table_operation_et operation, uint32_t value, kor_npu_mask_t mask) {
+            object_t obj = with_key(def, 1, operation);
+            if (operation != ZAN_TABLE_DELETE)
+                fill_attributes(def, obj.get(), value);
+            *zan_obj_npu_mask_req_set(def, obj.get()) = mask != 0;
+            *zan_obj_npu_mask_req(def, obj.get()) = mask;
+            EXPECT_EQ(run(obj).rc, (zan_rcode)EOK) << name;
+            settle();
+        };
+        auto held_by = [&](uint32_t npu) {
+            zan_table_base_st lookup = {};
+            lookup.table_id = def->id;
+            char why[128] = "";
+            const zan_table_base_st *obj = zan_db_get_first(&lookup);
+            return npu_sim_count(npu, def->id) == 1 &&
+                   npu_sim_compare(npu, obj, why, sizeof why) == 0;
+        };
+        const zan_table_npu_block_st *blocks = zan_get_global_ctx()->table[def->id].npu;
+        write(ZAN_TABLE_CREATE, 1, 1);
+        EXPECT_TRUE(held_by(0)) << name;
+        write(ZAN_TABLE_UPDATE, 2, 0);
+        EXPECT_TRUE(held_by(0)) << name << ": the mask is inherited";
+        EXPECT_EQ(npu_sim_count(1, def->id), 0u) << name;
+        write(ZAN_TABLE_UPDATE, 2, 2); /* nothing else changes */
+        EXPECT_TRUE(held_by(1)) << name;
+        EXPECT_EQ(npu_sim_count(0, def->id), 0u) << name << ": the dropped NPU let it go";
+        EXPECT_EQ(blocks[0].obj_cnt, 0u) << name;
+        EXPECT_EQ(blocks[1].obj_cnt, 1u) << name;
+        write(ZAN_TABLE_DELETE, 0, 0);
+        EXPECT_EQ(npu_sim_count(1, def->id), 0u) << name;
+        EXPECT_EQ(blocks[1].obj_cnt, 0u) << name;
+    }
+    EXPECT_EQ(residue(), residue_t()) << to_string(residue());
+}
+
+/* What a client has sent again is not swept at the end of a replay. */
+TEST(Update, ClearsTheReplayMarkAlsoWhenNothingChanged)
+{
+    const server_t server({.num_npus = 1});
+    for (const char *text : {"l3intf intf=1 ipv4_mtu=1500", "iproute vrf_id=0 prefix=1.0.0.0/8 "
+                                                            "bgp_as=1"}) {
+        const uint64_t handle = create(text).handle;
+        const zan_table_def_t *def = zan_table_defs[stored(handle)->table_id];
+        run(empty(def, ZAN_TABLE_REPLAY_START));
+        EXPECT_TRUE(stored(handle)->flag & ZAN_FLAG_STALE) << text;
+        EXPECT_EQ(run(object(text, ZAN_TABLE_UPDATE)).rc, (zan_rcode)EOK) << text;
+        EXPECT_FALSE(stored(handle)->flag & ZAN_FLAG_STALE) << text;
+        run(empty(def, ZAN_TABLE_REPLAY_END));
+        EXPECT_EQ(zan_db_count(def->id), 1u) << text;
+    }
+}
