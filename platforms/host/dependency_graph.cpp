@@ -91,6 +91,7 @@ bool unbind(host_link_t *link)
     zan_table_base_st *parent = link->ends.parent;
     host_graph_area_t *area = host_area(parent);
     HOST_ASSERT(area->dpd_child_cnt > 0, "a parent counts its children");
+    host_colors_unbinding(parent, link->ends.child);
     remove_from_list(parent, link);
     memset(link, 0, sizeof *link);
     links_below[parent->table_id]--;
@@ -108,6 +109,7 @@ void unbind_all(zan_table_base_st *child)
             kor_core_queue_enqueue(parent, ZAN_QUEUE_DELAY_DELETE);
     }
     area->num_parents = 0;
+    host_colors_unbound(child);
 }
 
 /* The stored form of a request: what its handle leads to; a heap copy's may lead nowhere, and then
@@ -179,11 +181,20 @@ static host_parent_slots_t *new_slots(uint32_t capacity)
     return slots;
 }
 
-static void free_slots(host_graph_area_t *area)
+static void take_slots(host_graph_area_t *area, uint32_t capacity)
 {
-    host_parent_slots_t *slots = area->slots;
+    host_parent_slots_t *slots = new_slots(capacity);
     if (!slots)
         return;
+    area->slots = slots;
+    area->has_slots = 1;
+}
+
+static void free_slots(host_graph_area_t *area)
+{
+    if (!area->has_slots)
+        return;
+    host_parent_slots_t *slots = area->slots;
     if (slots->next)
         slots->next->prev = slots->prev;
     if (slots->prev)
@@ -191,7 +202,8 @@ static void free_slots(host_graph_area_t *area)
     else
         all_slots = slots->next;
     host_block_free(slots);
-    area->slots = nullptr;
+    memset(&area->link, 0, sizeof area->link);
+    area->has_slots = 0;
 }
 
 void host_parent_slots_release(void)
@@ -208,13 +220,12 @@ void kor_dpd_parent_init(zan_table_base_st *db_obj, uint32_t max_parents, uint32
     unbind_all(db_obj);
     if (max_parents > UINT16_MAX)
         max_parents = UINT16_MAX;
-    if (area->slots && area->slots->capacity < max_parents) {
+    if (area->has_slots && area->slots->capacity < max_parents)
         free_slots(area);
-    }
-    if (max_parents > 1 && !area->slots)
-        area->slots = new_slots(max_parents);
+    if (max_parents > 1 && !area->has_slots)
+        take_slots(area, max_parents);
     /* Without memory there is the one slot, and the second bind is refused. */
-    area->max_parents = (uint16_t)(max_parents > 1 && !area->slots ? 1 : max_parents);
+    area->max_parents = (uint16_t)(max_parents > 1 && !area->has_slots ? 1 : max_parents);
     if (area->dpd_child_cnt == 0)
         area->rank = 0;
 }
@@ -246,6 +257,7 @@ zan_rcode kor_dpd_add(zan_table_base_st *parent, zan_table_base_st *child)
     add_to_list(parent, link);
     host_area(parent)->dpd_child_cnt++;
     links_below[parent->table_id]++;
+    host_colors_bound(parent, child);
     return EOK;
 }
 
@@ -264,6 +276,7 @@ void kor_dpd_remove(zan_table_base_st *child, kor_dpd_next_act_t *next_act)
         next_act->parents[i] = parent;
     }
     area->num_parents = 0;
+    host_colors_unbound(child);
 }
 
 bool kor_dpd_is_bmap_set(const kor_dpd_next_act_t *next_act)
@@ -301,11 +314,6 @@ uint64_t kor_dpd_rank(const zan_table_base_st *db_obj)
 }
 
 /* ---- Marks ---- */
-
-uint8_t zan_color_get_self_mask(const zan_table_base_st *obj)
-{
-    return host_area(obj)->color_mask;
-}
 
 bool zan_dpd_is_set_freed_by_post_proc_flag(const zan_table_base_st *obj)
 {

@@ -1,6 +1,7 @@
 /* The global context and the facts of the node: one static record, bound once the host has started.
  */
 #include "global_context.h"
+#include "graph_area.h"
 #include "host_control.h"
 #include "host_services.h"
 #include "host_start.h"
@@ -37,6 +38,7 @@ zan_rcode zan_host_start(const zan_host_config_t *config)
     standby = config->standby;
     started = true;
     zan_host_fill_table_properties();
+    host_colors_start();
     if (!zan_host_exec_q_start(config->num_npus, config->stepped, config->seed)) {
         started = false;
         return ZAN_RC_NO_MEMORY;

@@ -10,7 +10,7 @@
 
 #include "dependency_graph.h"
 
-#define HOST_COLORS 3 /* green, red, brown: bits 0 to 2 of a colour mask */
+#define HOST_COLOR_SLOTS 4 /* colours from a source that concern the objects of one table */
 
 /* A child on its parent's list. Children of one table are a group; the first and the last of a
  * group know each other, so that a search skips whole groups, and both ends keep their marks
@@ -35,22 +35,25 @@ typedef struct host_parent_slots_t {
 } host_parent_slots_t;
 
 typedef struct host_graph_area_t {
-    uint64_t rank;                     /* above all its parents' */
-    host_parent_slots_t *slots;        /* null: the one slot is `link` */
-    uint16_t color_count[HOST_COLORS]; /* parents and sources that paint it, by colour */
-    uint8_t color_mask;                /* the colours it carries */
-    uint8_t post_proc;                 /* heap copies only: post-processing frees it */
+    uint64_t rank;                          /* above all its parents' */
+    uint32_t color_count[HOST_COLOR_SLOTS]; /* children that need the colour, by slot */
     zan_dpd_link_st *dpd_child_list;
     uint32_t evt_pushed_count;
-    uint8_t repair; /* inside a repair of ranks: already taken up */
-    uint8_t reserved[3];
+    uint32_t visit; /* in the walk that runs: its visit, see walk_queue.h */
     uint32_t dpd_child_cnt;
     uint16_t num_parents;
     uint16_t max_parents;
-    host_link_t link;
-    uint8_t graph_d[4];
+    union {
+        host_link_t link;           /* the one parent slot */
+        host_parent_slots_t *slots; /* with `has_slots` */
+    };
+    uint8_t has_slots;
+    uint8_t color_mask;  /* the colours that it carries */
+    uint8_t color_above; /* sources above it, by slot; HOST_PAINTED */
+    uint8_t post_proc;   /* heap copies only: post-processing frees it */
     uint8_t del_flag;
-    uint8_t graph_e[3];
+    uint8_t repair; /* inside a repair of ranks: already taken up */
+    uint8_t graph_e[2];
     uint32_t bwalk_id_stamp;
     uint16_t bwalk_update_count;
     uint16_t bwalk_skip_count;
@@ -98,7 +101,7 @@ static inline host_link_t *host_children_of_table(const zan_table_base_st *paren
 static inline host_link_t *host_parent_slot(const zan_table_base_st *obj, uint32_t index)
 {
     host_graph_area_t *area = host_area(obj);
-    return area->slots ? &area->slots->links[index] : &area->link;
+    return area->has_slots ? &area->slots->links[index] : &area->link;
 }
 
 /* ---- Ranks (graph_ranks.cpp) ---- */
@@ -111,6 +114,21 @@ zan_rcode host_ranks_make_room(const zan_table_base_st *parent, zan_table_base_s
 bool host_ranks_path_exists(zan_table_base_st *from, const zan_table_base_st *to);
 /* Give the work space back. */
 void host_ranks_release(void);
+
+/* ---- Colours (colors.cpp) ---- */
+
+#define HOST_PAINTED ((uint8_t)0x80) /* color_above: its own subscriptions are painted */
+
+/* Work out which colours concern which tables; once per start. */
+void host_colors_start(void);
+/* A child has been bound: its needs go up from the parent, the sources above go down from it. */
+void host_colors_bound(zan_table_base_st *parent, zan_table_base_st *child);
+/* A link is about to go: the child's needs leave the parent. */
+void host_colors_unbinding(zan_table_base_st *parent, const zan_table_base_st *child);
+/* All links of a child are gone: no source is above it any more, and its own paint is off. */
+void host_colors_unbound(zan_table_base_st *child);
+/* Give the work space back. */
+void host_colors_release(void);
 
 /* ---- Parent slots (dependency_graph.cpp) ---- */
 

@@ -20,6 +20,7 @@
 #include "radix_tree.h"
 #include "shared_pool.h"
 #include "thread_control.h"
+#include "walk.h"
 #include "zan_tables_private.h"
 
 #include <atomic>
@@ -154,6 +155,8 @@ void zan_db_deinit(void)
     host_pool_close();
     host_parent_slots_release();
     host_ranks_release();
+    host_colors_release();
+    host_walks_release();
     host_blocks_trim();
 }
 
@@ -259,6 +262,7 @@ void zan_db_delete(zan_db_del_ctx_t *ctx)
     HOST_ASSERT(found, "a stored object keeps the key it was stored under");
     host_pool_set_mark(address, HOST_MARK_STORED, false);
     change_count(table, -1);
+    host_walks_forget(db_obj);
     ctx->rc = EOK;
 }
 

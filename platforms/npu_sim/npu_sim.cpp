@@ -67,13 +67,15 @@ kor_npu_mask_t node_npus()
     return ctx ? ctx->npu_mask_all : 1;
 }
 
-/* The NPUs that one call is for. */
-kor_npu_mask_t called_for(const zan_table_def_t *def, const zan_table_base_st *obj)
+/* The NPUs that one call is for. An event on the dispatcher thread is for all of the object's. */
+kor_npu_mask_t called_for(const zan_table_def_t *def, const zan_table_base_st *obj,
+                          uint32_t operation)
 {
-    if (def->npu_threads || def->table_class == 0)
+    if (def->npu_threads || (def->table_class == 0 && operation != ZAN_TABLE_EVENT))
         return (kor_npu_mask_t)1 << calling_npu(obj);
-    const kor_npu_mask_t mask =
-        *zan_obj_npu_mask_req_set(def, obj) ? *zan_obj_npu_mask_req(def, obj) : 0;
+    const kor_npu_mask_t mask = def->table_class != 0 && *zan_obj_npu_mask_req_set(def, obj)
+                                    ? *zan_obj_npu_mask_req(def, obj)
+                                    : 0;
     return mask ? mask & node_npus() : node_npus();
 }
 
@@ -164,7 +166,7 @@ zan_rcode on_each(const zan_table_base_st *obj, uint32_t operation,
                   uint64_t npu_sim_counts_t::*count, Work work)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
-    for (kor_npu_mask_t left = called_for(def, obj); left; left &= left - 1) {
+    for (kor_npu_mask_t left = called_for(def, obj, operation); left; left &= left - 1) {
         const uint32_t n = (uint32_t)__builtin_ctzll(left) % ZAN_MAX_NPUS;
         npu_t &npu = npus[n];
         take_time(npu);
@@ -209,7 +211,7 @@ zan_rcode store(const zan_table_def_t *def, npu_t *npu, const zan_table_base_st 
 
 void expect_old_members_to_go(const zan_table_def_t *def, const zan_table_base_st *obj)
 {
-    for (kor_npu_mask_t left = called_for(def, obj); left; left &= left - 1) {
+    for (kor_npu_mask_t left = called_for(def, obj, ZAN_TABLE_UPDATE); left; left &= left - 1) {
         npu_t &npu = npus[__builtin_ctzll(left) % ZAN_MAX_NPUS];
         const std::lock_guard guard(npu.lock);
         npu.replaced[def->id][key_of(def, obj)]++;
@@ -248,8 +250,9 @@ void leave_dropped_npus(const zan_table_def_t *def, const zan_table_base_st *obj
 {
     if (def->npu_threads || def->table_class == 0)
         return;
-    for (kor_npu_mask_t left = called_for(def, old_obj) & ~called_for(def, obj); left;
-         left &= left - 1) {
+    for (kor_npu_mask_t left =
+             called_for(def, old_obj, ZAN_TABLE_UPDATE) & ~called_for(def, obj, ZAN_TABLE_UPDATE);
+         left; left &= left - 1) {
         npu_t &npu = npus[__builtin_ctzll(left) % ZAN_MAX_NPUS];
         const std::lock_guard guard(npu.lock);
         take_away(def, &npu, key_of(def, obj));

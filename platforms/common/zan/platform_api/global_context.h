@@ -32,9 +32,6 @@ typedef struct zan_global_table_st {
     uint8_t reserved;
     void *specific[2];             /* results of the platform's specific_init */
     uint32_t quarantine_max_depth; /* longest search of the quarantine so far */
-    uint32_t bwalk_fail_cnt;
-    uint32_t bwalk_skip_cnt;
-    uint32_t bwalk_update_cnt;
     zan_table_npu_block_st npu[ZAN_MAX_NPUS];
 } zan_global_table_st;
 

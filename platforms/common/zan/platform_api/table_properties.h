@@ -32,6 +32,15 @@ typedef struct zan_rdesc_hook_ctx_t {
     void *rdesc; /* what the pre hook leaves for the post hook */
 } zan_rdesc_hook_ctx_t;
 
+/* Of copies that a walk has taken: what their post_update_rdesc is told. */
+static inline zan_rdesc_hook_ctx_t zan_rdesc_hook_ctx_of_walk(kor_dpd_event_ctx_t *walk_ctx)
+{
+    zan_rdesc_hook_ctx_t post = {
+        walk_ctx->new_obj,  walk_ctx->old_obj, walk_ctx, walk_ctx->reserve_rc,
+        walk_ctx->rdesc_rc, walk_ctx->hw_rc,   0,        walk_ctx->rdesc};
+    return post;
+}
+
 /* Return codes by NPU, for release_id: obj stands behind them. */
 typedef struct zan_release_id_ctx_t {
     zan_rcode npu_rc[ZAN_MAX_NPUS];

@@ -85,12 +85,13 @@ enum {
 #define ZAN_WRITE_KIND_REPLACE_REF 3 /* as 1, and counts a reference */
 
 /* Links and state of the dependency graph and the pool. Only the graph service writes here, but for
- * the delay-delete mark, which the flows set and clear. The graph's own layout of the unnamed bytes
- * is private to it. */
+ * the delay-delete mark and the counts of walks, which the flows write. The graph's own layout of
+ * the unnamed bytes is private to it. */
 typedef struct zan_dpd_area_st {
     uint64_t graph_a[3];
     struct zan_dpd_link_st *dpd_child_list; /* first child link; null without children */
-    uint64_t graph_b;
+    uint32_t evt_pushed_count;              /* events that it has pushed on walks */
+    uint32_t graph_b;
     uint32_t dpd_child_cnt; /* children that reference this object */
     uint16_t num_parents;   /* parent slots in use */
     uint16_t max_parents;   /* parent slots prepared by kor_dpd_parent_init */

@@ -190,6 +190,8 @@ void zan_obj_base_stamp_rc(zan_rcode rc, zan_table_base_st *db_obj, zan_table_ba
 void zan_obj_base_stamp_db(zan_rcode rc, zan_table_base_st *db_obj, zan_table_base_st *obj);
 void zan_obj_base_reset_delay_delete_flag(zan_rcode rc, zan_table_base_st *db_obj);
 bool zan_obj_has_recovered_err(const zan_table_base_st *new_obj, const zan_table_base_st *db_obj);
+/* The client has sent the stored object again; a walk's update is none of the client's. */
+void zan_obj_base_clear_stale(const zan_table_crud_ctx_t *crud);
 /* The mask of all NPUs, narrowed by the object's when the node's mask filter is on. */
 kor_npu_mask_t zan_prep_srv_ctx_get_mask(const zan_global_ctx_st *ctx,
                                          const zan_table_base_st *obj);

@@ -170,6 +170,8 @@ void zan_server_prep_walk_ctx(const zan_table_def_t *def, zan_table_crud_ctx_t *
 zan_rcode zan_core_event_bwalk(kor_dpd_event_ctx_t *walk_ctx);
 zan_rcode zan_server_event_post_processing(const zan_table_def_t *def,
                                            kor_dpd_event_ctx_t *walk_ctx);
+/* Make an old copy the object of the event that post-processing sends. */
+void zan_server_make_event(const zan_table_def_t *def, zan_table_base_st *old_obj);
 zan_rcode zan_server_bwalk_child_process_events(const zan_table_def_t *def,
                                                 kor_dpd_event_ctx_t *walk_ctx);
 zan_rcode zan_server_bwalk_child_callback(const zan_table_def_t *def, zan_table_base_st *child,

@@ -14,6 +14,7 @@ typedef struct zan_table_entry_t {
     void (*init_once)(void);  /* pthread_once routine: kor_core_<table>_init */
     void (*stats_once)(void); /* pthread_once routine: zan_<table>_register_periodic_stats_done */
     zan_rcode (*stats_walk)(void);
+    zan_rcode (*bwalk_child_process_events)(void *, kor_dpd_event_ctx_t *walk_ctx, void *);
     zan_event_record_t *events;  /* null in tables without events */
     zan_event_stat_t *evt_stats; /* null in tables without subscriptions */
     const zan_hook_pair_t *hooks_common;
@@ -35,6 +36,8 @@ ZAN_EXTERN_C_END
     extern "C" void zan_once_init_##T(void);                                                       \
     extern "C" void zan_once_stats_##T(void);                                                      \
     extern "C" zan_rcode zan_stats_walk_##T(void);                                                 \
+    extern "C" zan_rcode zan_##T##_bwalk_child_process_events(                                     \
+        void *, kor_dpd_event_ctx_t *walk_ctx, void *);                                            \
     extern "C" ZAN_WEAK ZAN_HIDDEN zan_event_record_t *const zan_events_of_##T;                    \
     extern "C" ZAN_WEAK ZAN_HIDDEN zan_event_stat_t *const zan_evt_stats_of_##T;                   \
     extern "C" ZAN_HIDDEN const zan_hook_pair_t zan_hooks_common_##T[];                            \
@@ -48,6 +51,7 @@ ZAN_EXTERN_C_END
         return {zan_once_init_##T,                                                                 \
                 zan_once_stats_##T,                                                                \
                 zan_stats_walk_##T,                                                                \
+                zan_##T##_bwalk_child_process_events,                                              \
                 &zan_events_of_##T ? zan_events_of_##T : nullptr,                                  \
                 &zan_evt_stats_of_##T ? zan_evt_stats_of_##T : nullptr,                            \
                 zan_hooks_common_##T,                                                              \

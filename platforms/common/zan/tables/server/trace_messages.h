@@ -38,7 +38,21 @@
     X(BWALK_UNBIND_COLORS, "unbound: child %x, colours %x, parents %x %x")                         \
     X(UPDATE_KEY_RESTORED, "key restored: handles %x %x, trans %u %u")                             \
     X(HELD_FOR_CHILDREN, "delete held back: %u children, first of table %u %s")                    \
-    X(RETRY_MESSAGE, "in retry mode")
+    X(RETRY_MESSAGE, "in retry mode")                                                              \
+    X(BWALK_EVENT_SKIPPED, "event skipped: table %u, event %u, bits %x of %x, colour %x, obj %x")  \
+    X(BWALK_EVENT_PRUNED,                                                                          \
+      "event pruned, nobody below wants it: table %u, event %u, obj %x, trans %u")                 \
+    X(BWALK_NOT_PUSHED, "no events: childless %u, suppressed %u, table %u, obj %x")                \
+    X(BWALK_BITS_REPORTED, "bits reported by the platform: %x of %x, table %u, obj %x")            \
+    X(BWALK_NOT_ALLOWED, "no walk, not allowed now: table %u, trans %u, events %u")                \
+    X(BWALK_NOT_STARTED, "no walk: table %u, trans %u, inside %u, events %u")                      \
+    X(BWALK_FAILED, "walk failed: rc %x, table %u, trans %u, failed walks %u")                     \
+    X(BWALK_POST_PROCESSING, "post-processing: obj %x, trans %u, walk %u")                         \
+    X(BWALK_POST_PROCESSING_FAILED, "post-processing failed: walk %u, trans %u, obj %x, rc %x")    \
+    X(BWALK_CHILD_TABLE,                                                                           \
+      "needed %u, matches %u, walk %u, events %u, forced %u, type %u, table %u")                   \
+    X(BWALK_CHILD, "child %x: walk %u, needed %u, matches %u, forced %u, type %u")                 \
+    X(BWALK_CHILD_DONE, "walk %u: child %x, updates %u, skips %u, rc %x")
 
 #define ZAN_TABLE_MESSAGES(X)                                                                      \
     X(INIT_BIND_FAILED, "no global context: rc %x, context %x")                                    \
@@ -109,7 +123,7 @@
     X(QUARANTINE_DEPTH, "long quarantine search: %u entries, was %u, table %u")                    \
     X(BIND_FAILED, "bind failed: trans %u, obj %x, parent trans %u, parent %x")                    \
     X(BOUND, "bound: trans %u, obj %x, parent trans %u, parent %x")                                \
-    X(SEND_FAILED, "broadcast failed: rc %x, obj %x, old %x, trans %u, operation %u, walk %x")     \
+    X(SEND_FAILED, "broadcast failed: rc %x, obj %x, old %x, trans %u, operation %u, walk %u")     \
     X(SEND_FAILED_WALK, "broadcast failed: trans of the walk %u")                                  \
     X(QUEUE_REFUSED, "the queue refused a message: rc %x, trans %u")                               \
     X(NPU_RESPONSE_FAILED, "NPUs failed: first %x, client %x, ok mask %x, trans %u")               \

@@ -100,3 +100,9 @@ bool zan_srv_base_is_set_getopt(const zan_table_base_st *obj_base, uint16_t mask
     ZAN_ASSERT(obj_base != NULL, "obj_base != NULL");
     return (obj_base->getopt_mask & mask) != 0;
 }
+
+void zan_obj_base_clear_stale(const zan_table_crud_ctx_t *crud)
+{
+    if (!crud->is_inside_bwalk)
+        crud->db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE;
+}

@@ -137,7 +137,7 @@ bool update_resolve(update_op_t *op)
 bool update_missing(update_op_t *op)
 {
     const zan_table_def_t *def = op->def;
-    if (!def->update_of_missing_creates) {
+    if (!def->update_of_missing_creates || op->crud.is_inside_bwalk) { /* a walk creates nothing */
         zan_table_state(def)->info.not_found_cnt++;
         if (def->notify_update_missing)
             zan_send_srv_notif(op->obj, ZAN_NOTIF_NOT_FOUND);
@@ -195,7 +195,7 @@ bool update_changes(update_op_t *op)
                      crud->db_obj, crud->db_obj->obj_id);
     if (changed || force || retry)
         return true;
-    crud->db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE; /* the client has sent it */
+    zan_obj_base_clear_stale(crud);
     crud->db_obj->base_trans_id = op->obj->base_trans_id;
     crud->db_obj->table_operation = op->obj->table_operation;
     *zan_obj_trans_id(op->def, crud->db_obj) = *zan_obj_trans_id(op->def, op->obj);
@@ -294,7 +294,7 @@ void update_commit(update_op_t *op)
 {
     zan_table_crud_ctx_t *crud = &op->crud;
     if (!is_async(op) && !op->owned) { /* the NPU threads own what would be stored */
-        crud->db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE;
+        zan_obj_base_clear_stale(crud);
         return;
     }
     update_release_ids(op);
@@ -317,6 +317,8 @@ void update_stored(update_op_t *op)
         update_commit(op);
     zan_colored_event_validate_child_colors(op->crud.db_obj);
     op->crud.bwalk_rc = zan_core_event_bwalk(op->crud.walk_ctx);
+    /* An FRR thread's turn in the walk may have deleted the object. */
+    op->crud.db_obj = zan_walk_ctx_get_current_obj(op->crud.walk_ctx);
 }
 
 /* ---- Exit ---- */
@@ -344,10 +346,11 @@ void update_free(update_op_t *op)
     crud->props->side_data_free(op->obj);
     if (owned) {
         zan_heap_free(crud->new_to_old_map);
-        if (!owns_old && crud->new_obj)
+        if (!owns_old && crud->new_obj) {
             update_post_hook(op);
-        crud->props->copy_dtor(crud->new_obj);
-        crud->props->copy_dtor(crud->old_obj);
+            crud->props->copy_dtor(crud->new_obj);
+            crud->props->copy_dtor(crud->old_obj);
+        }
     }
     crud->new_obj = crud->old_obj = nullptr;
     if (!inside) {

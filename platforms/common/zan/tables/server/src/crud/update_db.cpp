@@ -167,7 +167,7 @@ void zan_server_api_update_db(const zan_table_def_t *def, zan_table_base_st *src
         kor_dpd_parent_init(c.db_obj, 0, 0);
     join_parents(&c);
     COMMIT_TRACE(&c, VERBOSE, UPDATE_STORED, crud->trans_id, c.db_obj, c.resized);
-    c.db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE;
+    zan_obj_base_clear_stale(crud);
     if (!c.is_async)
         zan_obj_copy_attrs(def, c.db_obj, obj);
 }

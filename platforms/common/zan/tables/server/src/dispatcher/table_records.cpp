@@ -211,6 +211,13 @@ zan_rcode bwalk_child_callback(zan_table_base_st *child, kor_dpd_event_ctx_t *wa
     return zan_server_bwalk_child_callback(def_of(child), child, walk_ctx);
 }
 
+zan_rcode event_post_processing(kor_dpd_event_ctx_t *walk_ctx)
+{
+    if (!walk_ctx || !walk_ctx->old_obj)
+        return EOK;
+    return zan_server_event_post_processing(def_of(walk_ctx->old_obj), walk_ctx);
+}
+
 void fill_scalars(const zan_table_def_t *def, props_t *props)
 {
     props->def = def;
@@ -240,6 +247,8 @@ void fill_own_slots(const zan_table_def_t *def, props_t *props)
     props->crud_from_obj_base = crud_from_obj_base;
     props->get_db_obj = get_db_obj;
     props->bwalk_child_callback = bwalk_child_callback;
+    props->bwalk_child_process_events = zan_table_entry_get(def->id)->bwalk_child_process_events;
+    props->event_post_processing = event_post_processing;
     props->fix_ptrs_from_base = fix_ptrs_from_base;
     props->set_npd_exists = zan_server_set_npd_exists;
     props->copy_ctor = copy_ctor;

@@ -71,7 +71,9 @@ void take_back(kor_core_srv_dispatch_t *record, zan_exec_q_msg_st *msg, bool is_
         record->delta_lists = nullptr;
     }
     if (record->is_async) {
-        props->side_data_free(record->obj);
+        /* The copy of an event is its walk's, and its update may still be with the NPU threads. */
+        if (record->table_operation != ZAN_TABLE_EVENT)
+            props->side_data_free(record->obj);
         zan_srv_msg_free(record);
     }
     if (is_async_out)
@@ -189,7 +191,8 @@ void trace_send_failed(zan_rcode rc, const zan_table_base_st *obj, const zan_tab
                        const zan_table_crud_ctx_t *crud)
 {
     ZAN_TRACE_TABLE(error_class(obj), obj->table_id, SEND_FAILED, rc, obj, old_obj, crud->trans_id,
-                    obj->table_operation, crud->walk_ctx);
+                    obj->table_operation,
+                    crud->walk_ctx ? zan_walk_ctx_get_bwalk_id(crud->walk_ctx) : 0);
     ZAN_TRACE_TABLE(error_class(obj), obj->table_id, SEND_FAILED_WALK,
                     crud->walk_ctx ? zan_walk_ctx_get_trans_id(crud->walk_ctx) : 0);
 }
