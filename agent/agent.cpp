@@ -102,11 +102,15 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
     try {
         switch (request->hdr.type) {
         case ZAN_FRAME_BATCH:
-            return run_batch(node, request);
+            return run_batch(node, request, ZAN_FRAME_MAX);
         case ZAN_FRAME_STATUS:
             return run_status(node, transport);
         case ZAN_FRAME_GRAPH:
             return run_graph(node, request);
+        case ZAN_FRAME_WALK:
+            return run_walk(node, request);
+        case ZAN_FRAME_WALK_COUNTS:
+            return run_walk_counts(node, *request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }

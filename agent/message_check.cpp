@@ -76,11 +76,11 @@ bool check_batch_header(check_t *check, size_t len)
                       check->frame.payload_alloc_sz);
     const uint64_t slot = (uint64_t)check->frame.payload_alloc_sz + ZAN_RESPONSE_HDR_SIZE;
     const uint64_t reply = sizeof(zan_batch_reply_st) + slot * hdr.num_resp + len;
-    if (reply > ZAN_FRAME_MAX)
+    if (reply > check->facts.reply_max)
         return refuse(check, "num_resp",
-                      "%u slots of %llu bytes and the objects exceed a frame of "
+                      "%u slots of %llu bytes and the objects exceed a reply of "
                       "%u bytes: send smaller batches",
-                      hdr.num_resp, (unsigned long long)slot, ZAN_FRAME_MAX);
+                      hdr.num_resp, (unsigned long long)slot, check->facts.reply_max);
     return true;
 }
 

@@ -18,7 +18,8 @@ struct message_facts_t {
     uint32_t num_npus;
     /* Bytes of the platform's private area by table, ZAN_NUM_TABLES of them; null for none. */
     const uint32_t *private_size;
-    timespec now; /* takes the place of a client_time that cannot be */
+    timespec now;       /* takes the place of a client_time that cannot be */
+    uint32_t reply_max; /* bytes that slots and objects may take in the reply */
 };
 
 /* The verdict. Of a refused batch: which object (ZAN_WIRE_NO_INDEX: the batch itself), which field

@@ -44,10 +44,16 @@ struct npus_standstill_t {
     npus_standstill_t &operator=(const npus_standstill_t &) = delete;
 };
 
-answer_t run_batch(node_t *node, request_t *request);
+/* `reply_max`: bytes that the reply may take at most. */
+answer_t run_batch(node_t *node, request_t *request, uint32_t reply_max);
 answer_t run_status(node_t *node, const transport_t *transport);
 answer_t run_compare(node_t *node, const request_t &request);
 answer_t run_graph(node_t *node, request_t *request);
+answer_t run_walk(node_t *node, request_t *request);
+answer_t run_walk_counts(node_t *node, const request_t &request);
+
+/* A request that cannot be run as it stands, with the field at fault; it is counted. */
+answer_t refuse_request(node_t *node, const char *field, const char *text);
 
 /* Count the new errors in the trace ring, before they are overwritten. */
 void count_trace_errors(node_t *node);

@@ -57,7 +57,14 @@ std::vector<uint8_t> make_reply(const zan_batch_frame_st &frame, const message_v
 
 } // namespace
 
-answer_t run_batch(node_t *node, request_t *request)
+answer_t refuse_request(node_t *node, const char *field, const char *text)
+{
+    node->refused++;
+    return {ZAN_FRAME_ERROR,
+            make_error_frame(ZAN_WIRE_BAD_REQUEST, ZAN_WIRE_NO_INDEX, field, text)};
+}
+
+answer_t run_batch(node_t *node, request_t *request, uint32_t reply_max)
 {
     zan_batch_frame_st frame;
     if (request->payload.size() < sizeof frame)
@@ -66,7 +73,7 @@ answer_t run_batch(node_t *node, request_t *request)
     uint8_t *msg = request->payload.data() + sizeof frame;
     const size_t len = request->payload.size() - sizeof frame;
 
-    message_facts_t facts = {node->facts.num_npus, node->private_size, {}};
+    message_facts_t facts = {node->facts.num_npus, node->private_size, {}, reply_max};
     zan_clock_gettime(CLOCK_REALTIME, &facts.now);
     const message_verdict_t verdict = message_check(facts, frame, msg, len);
     if (!verdict.ok)

@@ -5,6 +5,7 @@
 #include "clock.h"
 #include "dependency_graph.h"
 #include "table_database.h"
+#include "walk_service.h"
 
 #include <cstring>
 
@@ -33,6 +34,11 @@ uint32_t add_node(graph_t *g, const zan_table_base_st *obj, uint32_t from, zan_g
     node.num_children = obj->dpd.dpd_child_cnt;
     node.side = (uint8_t)side;
     node.delete_pending = obj->dpd.del_flag & ZAN_DEL_FLAG_DELAY_DELETE;
+    node.colors = zan_color_get_self_mask(obj);
+    node.update_count = obj->dpd.bwalk_update_count;
+    node.skip_count = obj->dpd.bwalk_skip_count;
+    node.evt_pushed_count = obj->dpd.evt_pushed_count;
+    node.last_walk = obj->dpd.bwalk_id_stamp;
     zan_key_print(def, zan_obj_key(def, obj), node.key, sizeof node.key);
     g->nodes.push_back(node);
     return (uint32_t)g->nodes.size() - 1;
@@ -63,36 +69,29 @@ void add_children(graph_t *g, const zan_table_base_st *obj, uint32_t at, uint32_
     }
 }
 
-answer_t refuse(node_t *node, const char *field, const char *text)
-{
-    node->refused++;
-    return {ZAN_FRAME_ERROR,
-            make_error_frame(ZAN_WIRE_BAD_REQUEST, ZAN_WIRE_NO_INDEX, field, text)};
-}
-
 } // namespace
 
 answer_t run_graph(node_t *node, request_t *request)
 {
     graph_t g = {};
     if (request->payload.size() < sizeof g.wanted)
-        return refuse(node, "length", "the frame is shorter than its header");
+        return refuse_request(node, "length", "the frame is shorter than its header");
     memcpy(&g.wanted, request->payload.data(), sizeof g.wanted);
     if (g.wanted.depth > ZAN_GRAPH_DEPTH_MAX || g.wanted.children > ZAN_GRAPH_CHILDREN_MAX)
-        return refuse(node, "depth", "at most 32 levels and 1000 children of one object");
+        return refuse_request(node, "depth", "at most 32 levels and 1000 children of one object");
     /* The name is an object as in a read, and is proved like one. */
     uint8_t *msg = request->payload.data() + sizeof g.wanted;
     const size_t len = request->payload.size() - sizeof g.wanted;
     zan_batch_frame_st frame = {};
     frame.hdr.msg_len = (uint32_t)len;
     frame.hdr.num_resp = 1;
-    message_facts_t facts = {node->facts.num_npus, node->private_size, {}};
+    message_facts_t facts = {node->facts.num_npus, node->private_size, {}, ZAN_FRAME_MAX};
     zan_clock_gettime(CLOCK_REALTIME, &facts.now);
     const message_verdict_t verdict = message_check(facts, frame, msg, len);
     if (!verdict.ok)
-        return refuse(node, verdict.field, verdict.reason);
+        return refuse_request(node, verdict.field, verdict.reason);
     if (verdict.num_objects != 1)
-        return refuse(node, "length", "one object names what the graph is drawn around");
+        return refuse_request(node, "length", "one object names what the graph is drawn around");
 
     zan_graph_reply_st reply = {};
     {

@@ -204,6 +204,8 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_STATUS:
     case ZAN_FRAME_COMPARE:
     case ZAN_FRAME_GRAPH:
+    case ZAN_FRAME_WALK:
+    case ZAN_FRAME_WALK_COUNTS:
         break;
     case ZAN_FRAME_GOODBYE:
         s->closing = true;

@@ -96,12 +96,11 @@ size_t zan_batch_bytes(const zan_batch_t *batch)
 
 /* ---- Send and reply ---- */
 
-int zan_client_submit(zan_client_t *client, zan_batch_t *batch)
+static int submit(zan_client_t *client, zan_batch_t *batch, uint16_t type)
 {
     if (batch->offsets.empty())
         return client_fail(client, "the batch is empty");
-    const zan_frame_hdr_st hdr = {(uint32_t)(batch->request.len - sizeof hdr), ZAN_FRAME_BATCH, 0,
-                                  0};
+    const zan_frame_hdr_st hdr = {(uint32_t)(batch->request.len - sizeof hdr), type, 0, 0};
     zan_batch_frame_st frame = {};
     frame.hdr.msg_len = (uint32_t)zan_batch_bytes(batch);
     frame.hdr.num_resp = slots_wanted(batch, batch->offsets.size());
@@ -113,29 +112,56 @@ int zan_client_submit(zan_client_t *client, zan_batch_t *batch)
     return client_send(client, batch->request.bytes);
 }
 
-static bool reply_is_sound(const zan_batch_t *batch)
+/* Bytes of slots and objects in the reply; 0 when they are not what was asked for. */
+static size_t sound_bytes(const zan_batch_t *batch)
 {
     const byte_block_t *reply = &batch->reply;
     if (reply->len < sizeof(zan_batch_reply_st))
-        return false;
+        return 0;
     const auto *hdr = (const zan_batch_reply_st *)reply->bytes;
     const uint64_t slot = (uint64_t)hdr->payload_alloc_sz + ZAN_RESPONSE_HDR_SIZE;
-    return hdr->payload_alloc_sz == batch->payload &&
-           hdr->num_slots == slots_wanted(batch, batch->offsets.size()) &&
-           hdr->slots_len == hdr->num_slots * slot &&
-           (hdr->msg_len == 0 || hdr->msg_len == zan_batch_bytes(batch)) &&
-           reply->len == sizeof *hdr + (uint64_t)hdr->slots_len + hdr->msg_len;
+    const uint64_t size = sizeof *hdr + (uint64_t)hdr->slots_len + hdr->msg_len;
+    const bool sound = hdr->payload_alloc_sz == batch->payload &&
+                       hdr->num_slots == slots_wanted(batch, batch->offsets.size()) &&
+                       hdr->slots_len == hdr->num_slots * slot &&
+                       (hdr->msg_len == 0 || hdr->msg_len == zan_batch_bytes(batch)) &&
+                       reply->len >= size;
+    return sound ? size : 0;
+}
+
+static int lose_unsound(zan_client_t *client, const zan_batch_t *batch)
+{
+    return client_lose(client, "the agent's reply does not fit the batch of %u objects",
+                       zan_batch_count(batch));
+}
+
+int zan_client_submit(zan_client_t *client, zan_batch_t *batch)
+{
+    return submit(client, batch, ZAN_FRAME_BATCH);
 }
 
 int zan_client_complete(zan_client_t *client, zan_batch_t *batch)
 {
     if (client_receive(client, ZAN_FRAME_BATCH_REPLY, &batch->reply))
         return -1;
-    if (!reply_is_sound(batch))
-        return client_lose(client, "the agent's reply does not fit the batch of %u objects",
-                           zan_batch_count(batch));
+    const size_t size = sound_bytes(batch);
+    if (size == 0 || size != batch->reply.len)
+        return lose_unsound(client, batch);
     batch->answered = true;
     return 0;
+}
+
+int zan_client_run_walk(zan_client_t *client, zan_batch_t *batch, zan_walk_counts_st **counts)
+{
+    *counts = nullptr;
+    if (submit(client, batch, ZAN_FRAME_WALK) ||
+        client_receive(client, ZAN_FRAME_WALK_REPLY, &batch->reply))
+        return -1;
+    const size_t size = sound_bytes(batch);
+    if (size == 0)
+        return lose_unsound(client, batch);
+    batch->answered = true;
+    return client_take_walk_counts(client, &batch->reply, size, counts);
 }
 
 int zan_client_run(zan_client_t *client, zan_batch_t *batch)

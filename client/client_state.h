@@ -48,4 +48,8 @@ int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload);
 int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_t length,
                uint16_t reply_type, byte_block_t *reply);
 
+/* What walks did, as it stands in a reply from `at` to its end, in a block of its own. */
+int client_take_walk_counts(zan_client_t *client, const byte_block_t *reply, size_t at,
+                            zan_walk_counts_st **counts);
+
 #endif

@@ -137,6 +137,45 @@ int zan_client_status(zan_client_t *client, zan_status_st *status, zan_table_sta
     return result;
 }
 
+int client_take_walk_counts(zan_client_t *client, const byte_block_t *reply, size_t at,
+                            zan_walk_counts_st **counts)
+{
+    zan_walk_counts_st head = {};
+    if (reply->len >= at + sizeof head)
+        memcpy(&head, reply->bytes + at, sizeof head);
+    const size_t size = sizeof head + (size_t)head.num_tables * sizeof(zan_walk_table_st) +
+                        (size_t)head.num_events * sizeof(zan_walk_event_st);
+    if (reply->len != at + size)
+        return client_lose(client, "the agent's walk counts have %zu bytes", reply->len);
+    *counts = (zan_walk_counts_st *)malloc(size);
+    if (!*counts)
+        return client_fail(client, "no memory");
+    memcpy(*counts, reply->bytes + at, size);
+    return 0;
+}
+
+const zan_walk_table_st *zan_client_walk_tables(const zan_walk_counts_st *counts)
+{
+    return (const zan_walk_table_st *)(counts + 1);
+}
+
+const zan_walk_event_st *zan_client_walk_events(const zan_walk_counts_st *counts)
+{
+    return (const zan_walk_event_st *)(zan_client_walk_tables(counts) + counts->num_tables);
+}
+
+int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts)
+{
+    *counts = nullptr;
+    byte_block_t reply = {};
+    int result =
+        client_ask(client, ZAN_FRAME_WALK_COUNTS, nullptr, 0, ZAN_FRAME_WALK_COUNTS_REPLY, &reply);
+    if (result == 0)
+        result = client_take_walk_counts(client, &reply, 0, counts);
+    free(reply.bytes);
+    return result;
+}
+
 int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
                        zan_compare_reply_st *reply, zan_difference_st **differences)
 {

@@ -73,6 +73,14 @@ ZAN_EXPORT int zan_client_run(zan_client_t *client, zan_batch_t *batch);
 ZAN_EXPORT int zan_client_submit(zan_client_t *client, zan_batch_t *batch);
 ZAN_EXPORT int zan_client_complete(zan_client_t *client, zan_batch_t *batch);
 
+/* zan_client_run with no batch under way, and what the walks of this one did: *counts gets a block
+ * that the caller frees with free, the header with its rows behind it; null when the call fails. */
+ZAN_EXPORT int zan_client_run_walk(zan_client_t *client, zan_batch_t *batch,
+                                   zan_walk_counts_st **counts);
+/* The rows behind the header, num_tables and num_events of them. */
+ZAN_EXPORT const zan_walk_table_st *zan_client_walk_tables(const zan_walk_counts_st *counts);
+ZAN_EXPORT const zan_walk_event_st *zan_client_walk_events(const zan_walk_counts_st *counts);
+
 /* After a reply: slots answered (one in an asynchronous batch), the code and the slot of an object,
  * and the object as the agent wrote it back: a heap form that the caller frees with free; null when
  * nothing was written back, or without memory. */
@@ -107,6 +115,10 @@ ZAN_EXPORT int zan_client_status(zan_client_t *client, zan_status_st *status,
 /* *differences gets reply->num_differences records, which the caller frees with free. */
 ZAN_EXPORT int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
                                   zan_compare_reply_st *reply, zan_difference_st **differences);
+
+/* What all walks did since the agent's start. *counts gets a block that the caller frees with free:
+ * the header with its rows behind it. */
+ZAN_EXPORT int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts);
 
 /* The graph around the object that `lookup` names by key or handle. *nodes gets reply->num_nodes
  * records, which the caller frees with free. */

@@ -12,7 +12,7 @@
 #include "zan_table_base.h"
 
 #define ZAN_WIRE_MAGIC    0x31304c42544e415aull /* "ZANTBL01" */
-#define ZAN_WIRE_VERSION  2u
+#define ZAN_WIRE_VERSION  3u
 #define ZAN_FRAME_MAX     (64u << 20) /* bytes of a payload */
 #define ZAN_CLIENTS_MAX   64u
 #define ZAN_PIPELINE_MAX  4u /* requests of one client that the agent holds; it reads no further */
@@ -31,6 +31,10 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_ERROR = 10,        /* zan_error_st */
     ZAN_FRAME_GRAPH = 11,        /* zan_graph_st, then one object that names another */
     ZAN_FRAME_GRAPH_REPLY = 12,  /* zan_graph_reply_st, then num_nodes zan_graph_node_st */
+    ZAN_FRAME_WALK = 13,         /* as ZAN_FRAME_BATCH */
+    ZAN_FRAME_WALK_REPLY = 14,   /* as ZAN_FRAME_BATCH_REPLY, then what the batch's walks did */
+    ZAN_FRAME_WALK_COUNTS = 15,  /* empty */
+    ZAN_FRAME_WALK_COUNTS_REPLY = 16, /* what all walks did since the start */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -172,6 +176,13 @@ typedef struct zan_graph_reply_st {
     uint32_t cut; /* 1: there would have been more than ZAN_GRAPH_NODES_MAX */
 } zan_graph_reply_st;
 
+/* Bits of zan_graph_node_st.colors. */
+enum {
+    ZAN_COLOR_GREEN = 1u << 0,
+    ZAN_COLOR_RED = 1u << 1,
+    ZAN_COLOR_BROWN = 1u << 2,
+};
+
 typedef enum zan_graph_side_et {
     ZAN_GRAPH_SELF = 0,
     ZAN_GRAPH_PARENT = 1, /* what `from` leads to */
@@ -187,10 +198,51 @@ typedef struct zan_graph_node_st {
     uint32_t num_parents, num_children;
     uint8_t side; /* zan_graph_side_et */
     uint8_t delete_pending;
-    uint8_t reserved[6];
-    char key[128]; /* terminated */
+    uint8_t colors; /* that it carries: ZAN_COLOR_* */
+    uint8_t reserved;
+    uint16_t update_count, skip_count; /* visits by walks that updated it, and that left it alone */
+    uint32_t evt_pushed_count;         /* events that it pushed on walks */
+    uint32_t last_walk;                /* that updated it; 0: none did */
+    char key[128];                     /* terminated */
 } zan_graph_node_st;
-ZAN_STATIC_ASSERT(sizeof(zan_graph_node_st) == 160, "graph node");
+ZAN_STATIC_ASSERT(sizeof(zan_graph_node_st) == 168, "graph node");
+
+/* What walks did: this header, then num_tables zan_walk_table_st, then num_events
+ * zan_walk_event_st. Only tables and events are named of which a count is not 0. */
+typedef struct zan_walk_counts_st {
+    uint32_t num_tables, num_events;
+} zan_walk_counts_st;
+ZAN_STATIC_ASSERT(sizeof(zan_walk_counts_st) == 8, "walk counts");
+/* Bytes that they take at most; the reply to a walk's batch leaves as much room. */
+#define ZAN_WALK_COUNTS_MAX (1u << 20)
+
+typedef struct zan_walk_table_st {
+    uint32_t table_id;
+    uint32_t reserved;
+    /* Of its objects as sources of walks and events. */
+    uint64_t walks, failed_walks;
+    uint64_t events_pushed;
+    uint64_t events_pruned;    /* no table below wants them */
+    uint64_t events_off_color; /* the object does not carry their colour */
+    uint64_t walk_ns;          /* in walks that began here */
+    /* Of its objects as children, visited by walks. */
+    uint64_t updates;
+    uint64_t forced; /* of the updates, those that had to go to hardware */
+    uint64_t skips;  /* visited without an interest */
+    uint64_t failures;
+    uint64_t off_color; /* not visited: no event's colour on it */
+    uint64_t revisits;  /* of an object that the same walk had visited already */
+} zan_walk_table_st;
+ZAN_STATIC_ASSERT(sizeof(zan_walk_table_st) == 104, "walk counts of a table");
+
+/* Times that an event of a table was pushed, or visits of another table's objects with it. */
+typedef struct zan_walk_event_st {
+    uint64_t count;
+    uint32_t receiver; /* the table that was visited; ZAN_WIRE_NO_INDEX: times pushed */
+    uint16_t source;   /* the table whose event it is */
+    uint16_t event_id; /* in the source's definition; 1 is the first */
+} zan_walk_event_st;
+ZAN_STATIC_ASSERT(sizeof(zan_walk_event_st) == 16, "walk counts of an event");
 
 typedef enum zan_wire_error_et {
     ZAN_WIRE_BAD_FRAME = 1,   /* the agent closes the session */

@@ -9,10 +9,38 @@ namespace
 
 using nodes_t = std::vector<zan_graph_node_st>;
 
+constexpr struct {
+    uint8_t bit;
+    const char *name;
+} colors[] = {{ZAN_COLOR_GREEN, "green"}, {ZAN_COLOR_RED, "red"}, {ZAN_COLOR_BROWN, "brown"}};
+
+/* What there is to say of a node beside its name, in words. */
+std::vector<std::string> remarks(const zan_graph_node_st &node)
+{
+    std::vector<std::string> out;
+    if (node.delete_pending)
+        out.emplace_back("delete-pending");
+    for (const auto &color : colors)
+        if (node.colors & color.bit)
+            out.emplace_back(color.name);
+    if (node.evt_pushed_count)
+        out.push_back("pushed " + std::to_string(node.evt_pushed_count));
+    if (node.update_count)
+        out.push_back("updated " + std::to_string(node.update_count));
+    if (node.skip_count)
+        out.push_back("skipped " + std::to_string(node.skip_count));
+    return out;
+}
+
 std::string label(const zan_graph_node_st &node)
 {
-    return std::string(kor_table_name_get(node.table_id)) + " " + node.key +
-           (node.delete_pending ? "  # delete-pending" : "");
+    std::string text = std::string(kor_table_name_get(node.table_id)) + " " + node.key;
+    const char *separator = "  # ";
+    for (const std::string &remark : remarks(node)) {
+        text += separator + remark;
+        separator = ", ";
+    }
+    return text;
 }
 
 std::string plural(uint32_t count, const char *one, const char *many)
@@ -90,6 +118,14 @@ void print_json(const nodes_t &nodes, bool cut)
                     {"parents", node.num_parents},
                     {"children", node.num_children},
                     {"delete_pending", node.delete_pending != 0}};
+        n["colours"] = json_t::array();
+        for (const auto &color : colors)
+            if (node.colors & color.bit)
+                n["colours"].push_back(color.name);
+        n["pushed"] = node.evt_pushed_count;
+        n["updated"] = node.update_count;
+        n["skipped"] = node.skip_count;
+        n["last_walk"] = node.last_walk;
         if (node.side != ZAN_GRAPH_SELF) {
             n["from"] = node.from;
             n["side"] = node.side == ZAN_GRAPH_PARENT ? "parent" : "child";

@@ -13,7 +13,7 @@ struct arguments_t {
     bool json = false;
     std::vector<std::string> words; /* an object's, or a key's */
     std::string table, file;
-    std::vector<std::string> from, files;
+    std::vector<std::string> from, files, set;
     uint64_t limit = 0;
     apply_options_t apply;
     graph_options_t graph;
@@ -70,6 +70,14 @@ void add_commands(CLI::App *app, arguments_t *a)
         ->check(CLI::Range(0u, ZAN_GRAPH_CHILDREN_MAX))
         ->capture_default_str();
     graph->add_flag("--dot", a->graph.dot, "as input of Graphviz");
+    CLI::App *walk = app->add_subcommand(
+        "walk", "change an object as update does, and show what that changed below it: walk TABLE "
+                "KEY=VALUE... --set FIELD=VALUE...");
+    walk->add_option("object", a->words, "ipnhgroup nhg_id=7")->required();
+    walk->add_option("--set", a->set, "what changes, and last: FIELD=VALUE...")->required();
+    CLI::App *events = app->add_subcommand(
+        "events", "events pushed and received, and what walks did, since the agent's start");
+    events->add_option("table", a->table, "one table only, what is 0 too");
     app->add_subcommand("status", "what the node holds and did");
     CLI::App *compare =
         app->add_subcommand("compare", "compare the database with what the NPUs hold");
@@ -77,6 +85,9 @@ void add_commands(CLI::App *app, arguments_t *a)
     CLI::App *load = app->add_subcommand(
         "load", "load a routing table: prefixes one a line, plain or gzip; then check it");
     load->add_option("files", a->files)->required();
+    CLI::App *change = app->add_subcommand(
+        "change", "change objects that much of what was loaded leads to, and check each walk");
+    change->add_option("files", a->files)->required();
     CLI::App *unload = app->add_subcommand(
         "unload", "move a part of what was loaded to other groups, then delete all of it");
     unload->add_option("files", a->files)->required();
@@ -99,10 +110,16 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_apply(session, a.file, a.apply);
     if (command == "graph")
         return run_graph(session, join(a.words), a.graph);
+    if (command == "walk")
+        return run_walk(session, join(a.words), join(a.set));
+    if (command == "events")
+        return run_events(session, a.table);
     if (command == "status")
         return run_status(session);
     if (command == "compare")
         return run_compare(session, a.table);
+    if (command == "change")
+        return run_change(session, a.files);
     if (command == "unload")
         return run_unload(session, a.files);
     return run_load(session, a.files);

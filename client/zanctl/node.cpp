@@ -1,5 +1,5 @@
 /* status and compare: what the node holds and did, and whether its NPUs hold the same. */
-#include "zanctl.h"
+#include "objects.h"
 
 #include <cstdio>
 
@@ -193,9 +193,10 @@ int run_compare(session_t *session, const std::string &table)
 {
     uint32_t table_id = ZAN_WIRE_NO_INDEX;
     if (!table.empty()) {
-        const zan_table_def_t *def = zan_table_def_find(table.c_str());
+        std::string why;
+        const zan_table_def_t *def = find_table(table, &why);
         if (!def)
-            return fail_text("there is no table " + table + ": zan_schema lists them");
+            return fail_text(why);
         table_id = def->id;
     }
     zan_compare_reply_st reply;

@@ -17,15 +17,6 @@ std::string printed(size_t (*print)(const zan_table_def_t *, const zan_table_bas
     return text;
 }
 
-const zan_table_def_t *find_table(const std::string &name, std::string *why)
-{
-    const zan_table_def_t *def = zan_table_def_find(name.c_str());
-    if (!def)
-        *why =
-            name.empty() ? "which table?" : "there is no table " + name + ": zan_schema lists them";
-    return def;
-}
-
 void print_object(const session_t *session, const zan_table_base_st *obj)
 {
     if (session->json) {
@@ -49,25 +40,6 @@ const char *result_name(result_t result)
     default:
         return "cut";
     }
-}
-
-void report_json(const order_t &order, const outcome_t &outcome)
-{
-    json_t out;
-    out["operation"] = zan_table_operation_str(order.operation);
-    out["table"] = kor_table_name_get(order.obj->table_id);
-    out["key"] = key_text(order.obj.get());
-    if (order.line)
-        out["line"] = order.line;
-    out["result"] = result_name(outcome.result);
-    put_code(&out, outcome.rc);
-    if (!outcome.field.empty())
-        out["field"] = outcome.field;
-    if (!outcome.words.empty())
-        out["words"] = outcome.words;
-    if (!outcome.hint.empty())
-        out["hint"] = outcome.hint;
-    printf("%s\n", out.dump().c_str());
 }
 
 /* One line for what was refused, and nothing for what went well. */
@@ -128,6 +100,15 @@ std::string take_word(std::string *text)
     return word;
 }
 
+const zan_table_def_t *find_table(const std::string &name, std::string *why)
+{
+    const zan_table_def_t *def = zan_table_def_find(name.c_str());
+    if (!def)
+        *why =
+            name.empty() ? "which table?" : "there is no table " + name + ": zan_schema lists them";
+    return def;
+}
+
 object_ptr_t parse_object(std::string text, std::string *why)
 {
     const zan_table_def_t *def = find_table(take_word(&text), why);
@@ -140,10 +121,29 @@ object_ptr_t parse_object(std::string text, std::string *why)
     return obj;
 }
 
+json_t outcome_json(const order_t &order, const outcome_t &outcome)
+{
+    json_t out;
+    out["operation"] = zan_table_operation_str(order.operation);
+    out["table"] = kor_table_name_get(order.obj->table_id);
+    out["key"] = key_text(order.obj.get());
+    if (order.line)
+        out["line"] = order.line;
+    out["result"] = result_name(outcome.result);
+    put_code(&out, outcome.rc);
+    if (!outcome.field.empty())
+        out["field"] = outcome.field;
+    if (!outcome.words.empty())
+        out["words"] = outcome.words;
+    if (!outcome.hint.empty())
+        out["hint"] = outcome.hint;
+    return out;
+}
+
 bool report(const session_t *session, const order_t &order, const outcome_t &outcome)
 {
     if (session->json)
-        report_json(order, outcome);
+        printf("%s\n", outcome_json(order, outcome).dump().c_str());
     else
         report_text(order, outcome);
     return outcome.result == result_t::DONE;

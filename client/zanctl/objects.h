@@ -31,9 +31,12 @@ std::string object_text(const zan_table_base_st *obj);
 std::string object_json(const zan_table_base_st *obj);
 /* Split off the first word. */
 std::string take_word(std::string *text);
+/* Null and a reason. */
+const zan_table_def_t *find_table(const std::string &name, std::string *why);
 /* "TABLE FIELD=VALUE..."; null and a reason. */
 object_ptr_t parse_object(std::string text, std::string *why);
 
+json_t outcome_json(const order_t &order, const outcome_t &outcome);
 /* One line for what did not go well, or a JSON document for all; true when it went well. */
 bool report(const session_t *session, const order_t &order, const outcome_t &outcome);
 outcome_t agent_refusal(const zan_error_st *refusal);

@@ -230,6 +230,14 @@ void routes_t::make(uint32_t i) const
     put(i, group_of(moved_every && i % moved_every == 0 ? i + 1 : i));
 }
 
+uint32_t routes_t::count_in_group(uint32_t group) const
+{
+    uint32_t in_group = 0;
+    for (uint32_t i = 0; i < count; i++)
+        in_group += group_of(i) == group;
+    return in_group;
+}
+
 bool send_routes(session_t *session, routes_t *routes, uint8_t operation, uint32_t every,
                  const progress_f &progress)
 {

@@ -20,6 +20,8 @@ struct routes_t {
     std::vector<uint32_t> in_key_order;
     uint32_t moved_every; /* every so many routes leads to the group behind its own; 0: none */
     void make(uint32_t i) const;
+    /* How many lead to a group, none being moved. */
+    uint32_t count_in_group(uint32_t group) const;
 };
 
 /* `prefixes` must outlive them. */

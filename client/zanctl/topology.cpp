@@ -10,8 +10,7 @@ namespace
 {
 
 constexpr uint32_t num_interfaces = 16;
-constexpr uint32_t neighbours = 4; /* on each interface */
-constexpr uint32_t num_next_hops = num_interfaces * neighbours;
+constexpr uint32_t num_next_hops = num_interfaces * topology_neighbours;
 
 __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...)
 {
@@ -36,7 +35,8 @@ std::string interface_text(uint32_t i, kor_npu_mask_t npu_mask)
 
 std::string link_layer_text(uint32_t i)
 {
-    const uint32_t intf = (i - 1) / neighbours + 1, adj = (i - 1) % neighbours + 1;
+    const uint32_t intf = (i - 1) / topology_neighbours + 1,
+                   adj = (i - 1) % topology_neighbours + 1;
     return text("intf=%u adj_id=%u l3a_mac_addr=02:00:00:00:01:%02x "
                 "src_mac_addr=02:00:00:00:00:%02x encap_id=%u object_identifier=%u "
                 "l3intf_obj.l3intf.intf=%u",
@@ -45,7 +45,8 @@ std::string link_layer_text(uint32_t i)
 
 std::string next_hop_text(uint32_t i, bool ipv6)
 {
-    const uint32_t intf = (i - 1) / neighbours + 1, adj = (i - 1) % neighbours + 1;
+    const uint32_t intf = (i - 1) / topology_neighbours + 1,
+                   adj = (i - 1) % topology_neighbours + 1;
     const std::string addr = ipv6 ? text("addr6=2001:db8::%x", i) : text("addr=198.51.100.%u", i);
     return text("nh_id=%u %s intf=%u l3intf_obj.l3intf.intf=%u next_obj.macllnh.intf=%u "
                 "next_obj.macllnh.adj_id=%u",
@@ -58,7 +59,7 @@ std::string group_text(uint32_t i, bool ipv6)
     const uint32_t members = 2 + i % 3;
     std::string out = text("nhg_id=%u num_primary_paths=%u is_pbts=false", i, members);
     for (uint32_t m = 0; m < members; m++) {
-        const uint32_t nh = (i + m * (neighbours + 1)) % num_next_hops + 1;
+        const uint32_t nh = (i + m * (topology_neighbours + 1)) % num_next_hops + 1;
         out += ipv6 ? text(" next_obj[%u].ip6nh.nh_id=%u", m, nh)
                     : text(" nexthop_next_obj[%u].ipnh.nh_id=%u", m, nh);
         out += text(" weight[%u]=%u", m, m + 1);

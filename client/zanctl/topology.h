@@ -8,6 +8,9 @@
 /* Groups 1 to topology_groups of each family; routes are spread over them. */
 constexpr uint32_t topology_groups = 64;
 
+/* Link-layer next hops on each interface. */
+constexpr uint32_t topology_neighbours = 4;
+
 /* The objects of one table, in the order in which they are created. */
 struct topology_stage_t {
     const char *words; /* for people */

@@ -1,5 +1,5 @@
 /* create, update, delete and apply: operations in batches, and what became of each. */
-#include "objects.h"
+#include "writes.h"
 
 #include <cstdio>
 #include <cstring>
@@ -122,35 +122,6 @@ bool is_stored(session_t *session, const order_t &order)
         return false;
     const object_ptr_t owned(found);
     return rc != ZAN_RC_NOT_FOUND;
-}
-
-/* A slot has a code but no room for a field: the code says where to look. A code that is missing
- * here is about the object as a whole, or about what lies below the server. */
-outcome_t server_answer(session_t *session, const order_t &order, const zan_table_response_st *slot)
-{
-    const auto rc = (zan_rcode)slot->err_code;
-    outcome_t outcome{result_of(slot), rc, "", "", ""};
-    switch (rc) {
-    case ZAN_RC_NOT_FOUND:
-        if (order.operation != ZAN_TABLE_CREATE && !is_stored(session, order))
-            outcome.field = "key";
-        else
-            find_missing_parent(session, order.obj.get(), &outcome);
-        break;
-    case ZAN_RC_EXISTS:
-    case ZAN_RC_KEY_MISMATCH:
-        outcome.field = "key";
-        break;
-    case ZAN_RC_INVALID:
-        outcome.field = union_without_variant(order.obj.get());
-        break;
-    case ZAN_RC_BIND_REFUSED:
-    case ZAN_RC_PARENT_QUARANTINED: /* one of them; which one only the server knows */
-        for (const auto &[field, text] : named_parents(order.obj.get()))
-            outcome.field += (outcome.field.empty() ? "" : " or ") + field;
-        break;
-    }
-    return outcome;
 }
 
 /* An asynchronous batch has one slot, which says nothing of its objects: ask for each. */
@@ -336,17 +307,15 @@ void print_tally(const applying_t *a)
         printf("sent asynchronously: nobody waited, and each object was asked for afterwards\n");
 }
 
-/* To the server a plain reference that an update leaves out is dropped. Who changes one field by
- * hand means nothing of the kind: what the stored object leads to is named again. */
-void keep_plain_references(session_t *session, zan_table_base_st *obj)
+/* Whether the text says itself how many members there are. */
+bool states_members(const std::string &text)
 {
-    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
-    zan_rcode rc = EOK;
-    zan_table_base_st *found = nullptr;
-    if (def->num_refs == 0 || zan_client_read(session->client, ZAN_TABLE_GET, obj, &rc, &found) ||
-        rc != EOK)
-        return;
-    const object_ptr_t owned(found);
+    return (" " + text).find(" num_elements=") != std::string::npos;
+}
+
+void keep_plain_references(const zan_table_def_t *def, zan_table_base_st *obj,
+                           const zan_table_base_st *found)
+{
     const uint32_t members = zan_obj_num_elements(def, obj);
     for (uint32_t i = 0; i < def->num_refs; i++) {
         const zan_ref_def_t *ref = &def->refs[i];
@@ -362,15 +331,68 @@ void keep_plain_references(session_t *session, zan_table_base_st *obj)
 
 } // namespace
 
+/* A slot has a code but no room for a field: the code says where to look. A code that is missing
+ * here is about the object as a whole, or about what lies below the server. */
+outcome_t server_answer(session_t *session, const order_t &order, const zan_table_response_st *slot)
+{
+    const auto rc = (zan_rcode)slot->err_code;
+    outcome_t outcome{result_of(slot), rc, "", "", ""};
+    switch (rc) {
+    case ZAN_RC_NOT_FOUND:
+        if (order.operation != ZAN_TABLE_CREATE && !is_stored(session, order))
+            outcome.field = "key";
+        else
+            find_missing_parent(session, order.obj.get(), &outcome);
+        break;
+    case ZAN_RC_EXISTS:
+    case ZAN_RC_KEY_MISMATCH:
+        outcome.field = "key";
+        break;
+    case ZAN_RC_INVALID:
+        outcome.field = union_without_variant(order.obj.get());
+        break;
+    case ZAN_RC_BIND_REFUSED:
+    case ZAN_RC_PARENT_QUARANTINED: /* one of them; which one only the server knows */
+        for (const auto &[field, text] : named_parents(order.obj.get()))
+            outcome.field += (outcome.field.empty() ? "" : " or ") + field;
+        break;
+    }
+    return outcome;
+}
+
+/* To the server a plain reference that an update leaves out is dropped, and a list of fewer members
+ * takes the place of the whole stored one. Who changes one field by hand means nothing of the kind.
+ */
+object_ptr_t parse_update(session_t *session, const std::string &text, std::string *why)
+{
+    object_ptr_t obj = parse_object(text, why);
+    if (!obj)
+        return nullptr;
+    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
+    zan_rcode rc = EOK;
+    zan_table_base_st *found = nullptr;
+    if ((def->num_refs == 0 && !def->num_elements_offset) ||
+        zan_client_read(session->client, ZAN_TABLE_GET, obj.get(), &rc, &found) || rc != EOK)
+        return obj; /* the update itself will say what is wrong */
+    const object_ptr_t owned(found);
+    const uint32_t members = zan_obj_num_elements(def, found);
+    if (zan_obj_num_elements(def, obj.get()) < members && !states_members(text))
+        obj = parse_object(text + " num_elements=" + std::to_string(members), why);
+    if (obj)
+        keep_plain_references(def, obj.get(), found);
+    return obj;
+}
+
 int run_write(session_t *session, uint8_t operation, const std::string &text)
 {
     std::string why;
     std::vector<order_t> orders(1);
-    orders[0] = {operation, parse_object(text, &why), 0};
+    orders[0] = {operation,
+                 operation == ZAN_TABLE_UPDATE ? parse_update(session, text, &why)
+                                               : parse_object(text, &why),
+                 0};
     if (!orders[0].obj)
         return fail_text(why);
-    if (operation == ZAN_TABLE_UPDATE)
-        keep_plain_references(session, orders[0].obj.get());
     tally_t tally;
     const int status = run_batch(session, {}, orders, &tally);
     return status ? status : tally.failed ? EXIT_REFUSED : EXIT_WELL;

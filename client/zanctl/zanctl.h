@@ -59,11 +59,16 @@ struct graph_options_t {
     bool dot = false;
 };
 int run_graph(session_t *session, const std::string &text, const graph_options_t &options);
+/* Make a change of an object, and show the walk that it started. */
+int run_walk(session_t *session, const std::string &name, const std::string &change);
+/* What all walks did since the agent's start; of one table, or of all. */
+int run_events(session_t *session, const std::string &table);
 int run_status(session_t *session);
 int run_compare(session_t *session, const std::string &table);
 /* The outcome of a comparison, for people. */
 void print_comparison(const zan_compare_reply_st &reply, const zan_difference_st *differences);
 int run_load(session_t *session, const std::vector<std::string> &files);
+int run_change(session_t *session, const std::vector<std::string> &files);
 int run_unload(session_t *session, const std::vector<std::string> &files);
 
 /* The agent could not be asked: say so. */
