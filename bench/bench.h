@@ -50,6 +50,22 @@ private:
     state_t *state_;
 };
 
+/* ---- The server, on the calling thread as its dispatcher ---- */
+
+/* Say why the measurement is worth nothing, and end. */
+[[noreturn]] void fail(const char *what);
+/* One NPU; the locks of the dispatcher are held from here on. */
+void start_server(bool stepped, uint64_t seed);
+/* Until the NPU has finished all that it was sent. */
+void settle();
+/* An operation on the object that `text` describes; run it, which must succeed, and free it. */
+zan_table_base_st *make_request(const zan_table_def_t *def, const char *text,
+                                zan_table_operation_et operation);
+void run_request(zan_table_base_st *obj);
+
+/* What a walk costs, by number of children up to the greatest: prints its results. */
+void run_walks(size_t greatest);
+
 class stopwatch_t
 {
 public:

@@ -1,6 +1,6 @@
 /* zan_bench: the cost of the main job, as a ratio to a floor on the same keys in the same run.
  *
- *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|update|delete|all]
+ *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|update|delete|all|walk]
  *             [--only server|floor] [--stepped SEED]
  *
  * One NPU whose hooks return at once. A phase comes behind the create that it needs.
@@ -9,6 +9,7 @@
  *   read     all of them by key, in another shuffle
  *   update   each to another group, asynchronous, in that shuffle
  *   delete   all of them, asynchronous, in that shuffle; nothing may be left
+ *   walk     alone, see walk.cpp: a change carried to 1,000 up to N children of one object
  *
  * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for
  * counting instructions.
@@ -21,14 +22,9 @@
 #include <cstring>
 #include <random>
 
-#include "exec_queue.h"
 #include "host_control.h"
-#include "host_start.h"
-#include "internal_queues.h"
-#include "locks.h"
 #include "table_database.h"
 #include "table_flows.h"
-#include "thread_control.h"
 
 using namespace bench;
 
@@ -41,7 +37,7 @@ constexpr uint32_t num_groups = 1000;
 struct options_t {
     std::string prefixes = "examples/prefixes.txt.gz";
     size_t objects = 1'000'000;
-    bool read = true, update = true, remove = true;
+    bool read = true, update = true, remove = true, walk = false;
     bool server = true, floor = true;
     bool stepped = false;
     uint64_t seed = 0;
@@ -51,8 +47,8 @@ struct options_t {
 {
     fprintf(
         stderr,
-        "usage: zan_bench [--prefixes FILE] [--objects N] [--phase create|read|update|delete|all] "
-        "[--only server|floor] [--stepped SEED]\n");
+        "usage: zan_bench [--prefixes FILE] [--objects N] "
+        "[--phase create|read|update|delete|all|walk] [--only server|floor] [--stepped SEED]\n");
     exit(2);
 }
 
@@ -69,6 +65,7 @@ options_t parse(int argc, char **argv)
             o.read = value == "read" || value == "all";
             o.update = value == "update" || value == "all";
             o.remove = value == "delete" || value == "all";
+            o.walk = value == "walk";
         } else if (name == "--only")
             (value == "server" ? o.floor : o.server) = false;
         else if (name == "--stepped") {
@@ -121,48 +118,15 @@ messages_t make_messages(const std::vector<prefix_t> &prefixes, zan_table_operat
     return m;
 }
 
-void fail(const char *what)
-{
-    fprintf(stderr, "zan_bench: %s\n", what);
-    exit(1);
-}
-
 /* ---- The server ---- */
-
-void settle()
-{
-    zan_exec_q_sync_ctrl_request_only();
-    while (kor_exec_q_resp_wait(get_global_exec_q()) != EOK) {
-    }
-    zan_exec_q_sync_ctrl_allow_all_queues();
-    zan_dsp_q_process_post_npu();
-}
-
-void start_server(const options_t &options)
-{
-    zan_host_config_t config = {};
-    config.num_npus = 1;
-    config.stepped = options.stepped;
-    config.seed = options.seed;
-    zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
-    if (zan_host_start(&config) != EOK)
-        fail("the host platform does not start");
-    kor_core_lock_dispatch_lock();
-    zan_threads_server_programming_lock();
-}
 
 void create_groups(const char *table)
 {
     const zan_table_def_t *def = zan_table_def_find(table);
     for (uint32_t i = 0; i < num_groups; i++) {
-        char text[32], why[128];
+        char text[32];
         snprintf(text, sizeof text, "nhg_id=%u", i);
-        zan_table_base_st *obj = zan_obj_parse(def, text, why, sizeof why);
-        obj->table_operation = ZAN_TABLE_CREATE;
-        zan_table_response_st slot = {};
-        zan_table_server_dispatcher((uint8_t *)obj, &slot, {1, obj->total_obj_size, 0, 0, {}},
-                                    nullptr);
-        free(obj);
+        run_request(make_request(def, text, ZAN_TABLE_CREATE));
     }
 }
 
@@ -261,7 +225,7 @@ times_t run_server(const options_t &options, size_t n, messages_t *creates, mess
                    messages_t *updates, messages_t *deletes)
 {
     times_t t;
-    start_server(options);
+    start_server(options.stepped, options.seed);
     create_groups("ipnhgroup");
     create_groups("ip6nhgroup");
     settle();
@@ -290,6 +254,11 @@ times_t run_server(const options_t &options, size_t n, messages_t *creates, mess
 int main(int argc, char **argv)
 {
     const options_t options = parse(argc, argv);
+    if (options.walk) {
+        start_server(options.stepped, options.seed);
+        run_walks(options.objects);
+        return 0;
+    }
     std::vector<prefix_t> prefixes = read_prefixes(options.prefixes);
     if (prefixes.empty())
         return 1;
