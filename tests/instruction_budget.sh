@@ -38,6 +38,6 @@ hold() { # <flow> <instructions> <budget>
 }
 hold create "$create" 8100
 hold read "$(behind_create read)" 2080
-hold update "$(behind_create update)" 8300
+hold update "$(behind_create update)" 8450
 hold delete "$(behind_create delete)" 6100
 exit $failed

@@ -38,7 +38,7 @@ const uint32_t *private_sizes()
 
 message_facts_t facts()
 {
-    return {num_npus, private_sizes(), {1'700'000'000, 0}};
+    return {num_npus, private_sizes(), {1'700'000'000, 0}, ZAN_FRAME_MAX};
 }
 
 message_verdict_t check(wire_t *wire)

@@ -93,7 +93,7 @@ inline std::string check_raw_batch(const uint8_t *data, size_t size)
     const size_t len = size - sizeof frame;
     const std::unique_ptr<uint8_t[]> msg(new uint8_t[len]);
     memcpy(msg.get(), data + sizeof frame, len);
-    const message_facts_t facts = {2, nullptr, {1'700'000'000, 0}};
+    const message_facts_t facts = {2, nullptr, {1'700'000'000, 0}, ZAN_FRAME_MAX};
     const message_verdict_t v = message_check(facts, frame, msg.get(), len);
     if (!v.ok)
         return v.reason[0] ? "" : "a refusal without a reason";

@@ -299,6 +299,175 @@ TEST_F(session, pipelines_replies_in_order)
     }
 }
 
+/* ---- Walks ---- */
+
+/* The counts in a reply, as lines of text in its order. */
+std::string walk_text(zan_walk_counts_st *counts)
+{
+    const std::unique_ptr<zan_walk_counts_st, free_t> owned(counts);
+    std::string text;
+    const auto count = [&text](const char *name, uint64_t value) {
+        if (value)
+            text += std::string(" ") + name + "=" + std::to_string(value);
+    };
+    for (uint32_t i = 0; i < counts->num_tables; i++) {
+        const zan_walk_table_st &t = zan_client_walk_tables(counts)[i];
+        text += kor_table_name_get(t.table_id);
+        count("walks", t.walks);
+        count("failed_walks", t.failed_walks);
+        count("pushed", t.events_pushed);
+        count("pruned", t.events_pruned);
+        count("off_color", t.events_off_color + t.off_color);
+        count("updates", t.updates);
+        count("forced", t.forced);
+        count("skips", t.skips);
+        count("failures", t.failures);
+        count("revisits", t.revisits);
+        EXPECT_EQ(t.walk_ns != 0, t.walks != 0) << "time is spent where walks begin";
+        text += "\n";
+    }
+    for (uint32_t i = 0; i < counts->num_events; i++) {
+        const zan_walk_event_st &e = zan_client_walk_events(counts)[i];
+        text += zan_table_def_get(e.source)->events[e.event_id - 1].name;
+        text += e.receiver == ZAN_WIRE_NO_INDEX
+                    ? " pushed="
+                    : std::string(" to ") + kor_table_name_get(e.receiver) + "=";
+        text += std::to_string(e.count) + "\n";
+    }
+    return text;
+}
+
+class walks : public session
+{
+protected:
+    /* What the walks of a batch of updates did; each update must have gone well. */
+    std::string update(uint32_t flags,
+                       const std::vector<std::pair<const char *, std::string>> &objects)
+    {
+        const batch_t batch(zan_batch_new(flags, 0));
+        for (const auto &[table, text] : objects) {
+            const object_t obj = parse(table, text);
+            zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_UPDATE);
+        }
+        zan_walk_counts_st *counts = nullptr;
+        EXPECT_EQ(zan_client_run_walk(client, batch.get(), &counts), 0) << zan_client_error(client);
+        for (uint32_t i = 0; i < zan_batch_slots(batch.get()); i++)
+            EXPECT_EQ(zan_batch_rc(batch.get(), i), (zan_rcode)EOK) << i;
+        return counts ? walk_text(counts) : "";
+    }
+    std::string totals()
+    {
+        zan_walk_counts_st *counts = nullptr;
+        EXPECT_EQ(zan_client_walk_counts(client, &counts), 0) << zan_client_error(client);
+        return counts ? walk_text(counts) : "";
+    }
+    /* Two groups, with three routes and one. */
+    void create_routes()
+    {
+        for (const char *group : {"nhg_id=1", "nhg_id=2"})
+            EXPECT_EQ(create("ipnhgroup", group), (zan_rcode)EOK);
+        for (int i = 1; i <= 4; i++)
+            EXPECT_EQ(create("iproute", "vrf_id=0 prefix=10.0.0." + std::to_string(i) +
+                                            "/32 next_obj.ipnhgroup.nhg_id=" + (i < 4 ? "1" : "2")),
+                      (zan_rcode)EOK);
+    }
+};
+
+TEST_F(walks, are_told_with_the_batch_that_made_them)
+{
+    create_routes();
+    EXPECT_EQ(totals(), "") << "creates push nothing";
+    EXPECT_EQ(update(0, {{"ipnhgroup", "nhg_id=1 fec_id=7"}}),
+              "iproute updates=3 forced=3\n"
+              "ipnhgroup walks=1 pushed=1\n"
+              "IPNHGROUP_FEC_ID_CHANGE to iproute=3\n"
+              "IPNHGROUP_FEC_ID_CHANGE pushed=1\n");
+    EXPECT_EQ(update(0, {{"ipnhgroup", "nhg_id=1 fec_id=7"}}), "") << "nothing has changed";
+    EXPECT_EQ(update(0, {{"ipnhgroup", "nhg_id=2 fec_id=7"}, {"ipnhgroup", "nhg_id=1 fec_id=8"}}),
+              "iproute updates=4 forced=4\n"
+              "ipnhgroup walks=2 pushed=2\n"
+              "IPNHGROUP_FEC_ID_CHANGE to iproute=4\n"
+              "IPNHGROUP_FEC_ID_CHANGE pushed=2\n");
+    EXPECT_EQ(update(ZAN_BATCH_ASYNC, {{"ipnhgroup", "nhg_id=1 ecmp_base_fec=3"}}),
+              "iproute skips=3\n"
+              "ipnhgroup walks=1 pushed=1\n"
+              "IPNHGROUP_ECMP_BASE_FEC_CHANGE pushed=1\n")
+        << "no route wants it, a group could";
+    const std::string all = "iproute updates=7 forced=7 skips=3\n"
+                            "ipnhgroup walks=4 pushed=4\n"
+                            "IPNHGROUP_FEC_ID_CHANGE to iproute=7\n"
+                            "IPNHGROUP_ECMP_BASE_FEC_CHANGE pushed=1\n"
+                            "IPNHGROUP_FEC_ID_CHANGE pushed=3\n";
+    EXPECT_EQ(totals(), all);
+
+    /* A batch is refused as any other is, and then nothing has walked. */
+    const batch_t batch(zan_batch_new(0, 0));
+    const object_t obj = parse("ipnhgroup", "nhg_id=1 fec_id=9");
+    zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_UPDATE);
+    zan_batch_append(batch.get(), obj.get(), ZAN_TABLE_EVENT);
+    zan_walk_counts_st *counts = nullptr;
+    EXPECT_EQ(zan_client_run_walk(client, batch.get(), &counts), -1);
+    EXPECT_EQ(counts, nullptr);
+    ASSERT_TRUE(zan_client_refusal(client));
+    EXPECT_EQ(zan_client_refusal(client)->object_index, 1u);
+    EXPECT_EQ(totals(), all);
+}
+
+TEST_F(walks, answer_in_place_like_any_batch)
+{
+    create_routes();
+    const batch_t batch(zan_batch_new(0, 64));
+    const object_t change = parse("ipnhgroup", "nhg_id=1 fec_id=7");
+    const object_t lookup = parse("iproute", "vrf_id=0 prefix=10.0.0.4/32");
+    zan_batch_append(batch.get(), change.get(), ZAN_TABLE_UPDATE);
+    zan_batch_append(batch.get(), lookup.get(), ZAN_TABLE_GET);
+    zan_walk_counts_st *counts = nullptr;
+    ASSERT_EQ(zan_client_run_walk(client, batch.get(), &counts), 0) << zan_client_error(client);
+    EXPECT_EQ(walk_text(counts).substr(0, 26), "iproute updates=3 forced=3");
+    const object_t found(zan_batch_object(batch.get(), 1));
+    ASSERT_TRUE(found);
+    char print[256];
+    zan_obj_print(zan_table_def_find("iproute"), found.get(), print, sizeof print);
+    EXPECT_STREQ(print, "vrf_id=0 prefix=10.0.0.4/32 next_obj.ipnhgroup.nhg_id=2");
+}
+
+/* A reply that leaves no room for the counts is refused before anything is run. */
+TEST_F(walks, leave_room_for_their_counts)
+{
+    wire_t wire;
+    wire.add("l3intf", "intf=1", ZAN_TABLE_CREATE);
+    const size_t rest = sizeof(zan_batch_reply_st) + ZAN_RESPONSE_HDR_SIZE + wire.len;
+    size_t rows = sizeof(zan_walk_counts_st);
+    for (const zan_table_def_t *def : zan_table_defs)
+        rows += sizeof(zan_walk_table_st) +
+                (def->num_events + def->num_subscriptions) * sizeof(zan_walk_event_st);
+    EXPECT_LE(rows, (size_t)ZAN_WALK_COUNTS_MAX) << "all rows that there can be";
+    const int fd = open_greeted();
+    const struct {
+        uint16_t type;
+        uint32_t payload;
+        uint16_t reply;
+    } cases[] = {
+        {ZAN_FRAME_WALK, (uint32_t)(ZAN_FRAME_MAX - ZAN_WALK_COUNTS_MAX - rest + 8),
+         ZAN_FRAME_ERROR},
+        {ZAN_FRAME_WALK, (uint32_t)(ZAN_FRAME_MAX - ZAN_WALK_COUNTS_MAX - rest) / 8 * 8,
+         ZAN_FRAME_WALK_REPLY},
+        {ZAN_FRAME_BATCH, (uint32_t)(ZAN_FRAME_MAX - rest) / 8 * 8, ZAN_FRAME_BATCH_REPLY},
+    };
+    for (const auto &c : cases) {
+        wire.frame.payload_alloc_sz = c.payload;
+        std::vector<uint8_t> payload(sizeof wire.frame + wire.len);
+        memcpy(payload.data(), &wire.frame, sizeof wire.frame);
+        memcpy(payload.data() + sizeof wire.frame, wire.bytes(), wire.len);
+        send_frame(fd, c.type, payload.data(), (uint32_t)payload.size());
+        const reply_t reply = receive(fd);
+        EXPECT_EQ(reply.hdr.type, c.reply) << c.payload << ": " << reply.error();
+        EXPECT_EQ(reply.error().find("exceed a reply") != std::string::npos,
+                  c.reply == ZAN_FRAME_ERROR);
+    }
+    close(fd);
+}
+
 /* ---- Hostile input ---- */
 
 TEST_F(session, refuses_strange_hellos)
@@ -335,6 +504,8 @@ TEST_F(session, refuses_strange_frames)
         {0, 77, 0, 1},
         {0, ZAN_FRAME_STATUS, 9, 1},
         {0, ZAN_FRAME_BATCH_REPLY, 0, 1},
+        {0, ZAN_FRAME_WALK_COUNTS_REPLY, 0, 1},
+        {ZAN_FRAME_MAX + 1, ZAN_FRAME_WALK, 0, 1},
         {0, ZAN_FRAME_HELLO, 0, 1},
     };
     for (const zan_frame_hdr_st &hdr : frames) {
@@ -347,6 +518,12 @@ TEST_F(session, refuses_strange_frames)
     /* These are whole frames: the request is refused and the session goes on. */
     const int fd = open_greeted();
     send_frame(fd, ZAN_FRAME_BATCH, "12345678", 8);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    for (const uint32_t length : {0, 8, (int)sizeof(zan_batch_frame_st)}) {
+        send_frame(fd, ZAN_FRAME_WALK, std::string(length, 0).data(), length);
+        EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << "a walk of " << length << " bytes";
+    }
+    send_frame(fd, ZAN_FRAME_WALK_COUNTS, "12345678", 8);
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
     send_frame(fd, ZAN_FRAME_COMPARE, "1234", 4);
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
@@ -447,9 +624,12 @@ TEST_F(session, survives_mutated_batches)
         std::vector<uint8_t> payload(sizeof wire.frame + wire.len);
         memcpy(payload.data(), &wire.frame, sizeof wire.frame);
         memcpy(payload.data() + sizeof wire.frame, wire.bytes(), wire.len);
-        send_frame(fd, ZAN_FRAME_BATCH, payload.data(), (uint32_t)payload.size());
+        const bool walk = round % 2;
+        send_frame(fd, walk ? ZAN_FRAME_WALK : ZAN_FRAME_BATCH, payload.data(),
+                   (uint32_t)payload.size());
         const uint16_t type = receive(fd).hdr.type;
-        ASSERT_TRUE(type == ZAN_FRAME_BATCH_REPLY || type == ZAN_FRAME_ERROR)
+        ASSERT_TRUE(type == (walk ? ZAN_FRAME_WALK_REPLY : ZAN_FRAME_BATCH_REPLY) ||
+                    type == ZAN_FRAME_ERROR)
             << "round " << round << ": the agent is gone";
         (type == ZAN_FRAME_ERROR ? refused : run)++;
     }

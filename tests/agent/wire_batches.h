@@ -59,8 +59,9 @@ struct wire_t {
 inline wire_t random_batch(std::mt19937_64 *rng)
 {
     static const uint8_t operations[] = {
-        ZAN_TABLE_CREATE,    ZAN_TABLE_CREATE,   ZAN_TABLE_GET,         ZAN_TABLE_GET_FIRST,
-        ZAN_TABLE_GET_GT_EQ, ZAN_TABLE_GET_NEXT, ZAN_TABLE_REPLAY_START};
+        ZAN_TABLE_CREATE,   ZAN_TABLE_CREATE,      ZAN_TABLE_UPDATE,    ZAN_TABLE_UPDATE,
+        ZAN_TABLE_DELETE,   ZAN_TABLE_GET,         ZAN_TABLE_GET_FIRST, ZAN_TABLE_GET_GT_EQ,
+        ZAN_TABLE_GET_NEXT, ZAN_TABLE_REPLAY_START};
     static const uint16_t getopts[] = {ZAN_GETOPT_STALE_ONLY, ZAN_GETOPT_FORMAT_TEXT,
                                        ZAN_GETOPT_STOP_QUEUES_A, ZAN_GETOPT_SHOW_BUFFER};
     wire_t wire;
@@ -80,7 +81,8 @@ inline wire_t random_batch(std::mt19937_64 *rng)
         zan_table_base_st *obj = wire.obj(i);
         if (obj->table_operation == ZAN_TABLE_CREATE)
             obj->write_kind = (uint8_t)((*rng)() % 4);
-        else if (obj->table_operation <= ZAN_TABLE_GET_NEXT && (*rng)() % 2)
+        else if (obj->table_operation >= ZAN_TABLE_GET &&
+                 obj->table_operation <= ZAN_TABLE_GET_NEXT && (*rng)() % 2)
             obj->getopt_mask = getopts[(*rng)() % std::size(getopts)];
     }
     return wire;

@@ -179,9 +179,120 @@ TEST_F(zanctl, deletes_from_the_top_and_sees_it_held_back)
     EXPECT_EQ(run("delete l3intf intf=1").status, 1);
 }
 
+TEST_F(zanctl, shows_how_a_change_walks)
+{
+    start({});
+    const std::string file = write_file(
+        "routes", "create ipnhgroup nhg_id=1 weight[0]=1 weight[1]=2\n"
+                  "create ipnhgroup nhg_id=2\n"
+                  "create iproute vrf_id=0 prefix=1.0.0.0/8 next_obj.ipnhgroup.nhg_id=1\n"
+                  "create iproute vrf_id=0 prefix=2.0.0.0/8 next_obj.ipnhgroup.nhg_id=1\n"
+                  "create iproute vrf_id=0 prefix=3.0.0.0/8 next_obj.ipnhgroup.nhg_id=1\n"
+                  "create iproute vrf_id=0 prefix=4.0.0.0/8 next_obj.ipnhgroup.nhg_id=2\n");
+    ASSERT_EQ(run("apply " + file).status, 0);
+    const char *row =
+        "iproute                       3          3          0          0           0 "
+        "         0\n";
+    const result_t walk = run("walk ipnhgroup nhg_id=1 --set fec_id=7");
+    EXPECT_EQ(walk.status, 0);
+    for (const char *part : {"pushed    1 x IPNHGROUP_FEC_ID_CHANGE\npruned    0, ", row,
+                             "walked    3 objects updated"})
+        EXPECT_NE(walk.text.find(part), std::string::npos) << part << "\n" << walk.text;
+    EXPECT_EQ(run("get ipnhgroup nhg_id=1").text,
+              "ipnhgroup nhg_id=1 fec_id=7 weight[0]=1 weight[1]=2\n")
+        << "members that are not named stay";
+    EXPECT_EQ(run("graph ipnhgroup nhg_id=1").text,
+              "ipnhgroup nhg_id=1  # pushed 1\n"
+              "leads to 0 objects\n"
+              "is led to by 3 objects\n"
+              "  iproute vrf_id=0 prefix=1.0.0.0/8  # updated 1\n"
+              "  iproute vrf_id=0 prefix=2.0.0.0/8  # updated 1\n"
+              "  iproute vrf_id=0 prefix=3.0.0.0/8  # updated 1\n");
+    EXPECT_EQ(run("graph iproute vrf_id=0 prefix=4.0.0.0/8").text,
+              "iproute vrf_id=0 prefix=4.0.0.0/8\n"
+              "leads to 1 object\n"
+              "  ipnhgroup nhg_id=2\n"
+              "is led to by 0 objects\n")
+        << "a route of another group was not touched";
+
+    const result_t same = run("walk ipnhgroup nhg_id=1 --set fec_id=7");
+    EXPECT_EQ(same.status, 0);
+    EXPECT_NE(same.text.find("pushed    no event: nothing changed that raises one"),
+              std::string::npos)
+        << same.text;
+    const result_t json = run("--json walk ipnhgroup nhg_id=2 --set fec_id=8 is_pbts=true");
+    for (const char *part : {"\"key\":\"nhg_id=2\",\"result\":\"done\"",
+                             "\"pushed\":[{\"event\":\"IPNHGROUP_FEC_ID_CHANGE\",\"table\":"
+                             "\"ipnhgroup\",\"times\":1}]",
+                             "\"received\":[{\"event\":\"IPNHGROUP_FEC_ID_CHANGE\",\"table\":"
+                             "\"iproute\",\"visits\":1}]",
+                             "\"children\":[{\"table\":\"iproute\",\"updated\":1,\"forced\":1,"})
+        EXPECT_NE(json.text.find(part), std::string::npos) << part << "\n" << json.text;
+    const result_t missing = run("walk ipnhgroup nhg_id=3 --set fec_id=7");
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.text.find("update ipnhgroup nhg_id=3 refused: key: 0x2f908002"),
+              std::string::npos)
+        << missing.text;
+    EXPECT_EQ(run("walk ipnhgroup nhg_id=1").status, 2) << "nothing to change";
+
+    const std::string events = run("events").text;
+    for (const char *part :
+         {"IPNHGROUP_FEC_ID_CHANGE                                         2\n",
+          "\nipnhgroup                     2          0          2          0  ",
+          "\niproute                       4          4          0          0  ",
+          "IPNHGROUP_FEC_ID_CHANGE                                iproute      "})
+        EXPECT_NE(events.find(part), std::string::npos) << part << "\n" << events;
+    EXPECT_EQ(events.find("ECMP"), std::string::npos) << "never pushed: " << events;
+    const std::string of_group = run("events ipnhgroup").text;
+    EXPECT_NE(of_group.find("IPNHGROUP_ECMP_BASE_FEC_CHANGE                                  0\n"),
+              std::string::npos)
+        << of_group;
+    EXPECT_EQ(of_group.find("iproute"), std::string::npos) << of_group;
+    EXPECT_EQ(run("events nonsense").status, 2);
+}
+
+TEST_F(zanctl, shows_colours_and_what_they_keep_back)
+{
+    start({});
+    const std::string file = write_file("colours", "create test_if id=1\n"
+                                                   "create test_nh id=1 test_if.id=1\n"
+                                                   "create test_if id=2\n"
+                                                   "create testay id=1 test_if.id=2\n");
+    ASSERT_EQ(run("apply " + file).status, 0);
+    EXPECT_EQ(run("graph test_if id=1").text, "test_if id=1  # green, red\n"
+                                              "leads to 0 objects\n"
+                                              "is led to by 1 object\n"
+                                              "  test_nh id=1  # green, red\n");
+    EXPECT_NE(run("--json graph test_if id=2").text.find("\"colours\":[\"red\"],\"pushed\":0"),
+              std::string::npos);
+    const struct {
+        const char *arguments;
+        const char *text; /* in the output */
+    } cases[] = {
+        {"walk test_if id=1 --set change_4=1", "pushed    1 x TEST_IF_GREEN_BACKWALK\n"},
+        {"walk test_if id=2 --set change_4=1",
+         "pushed    no event\npruned    0, which no table below "
+         "wants\nskipped   1, whose colour"},
+        {"walk test_if id=2 --set change_2=1", "pushed    no event\npruned    1, which"},
+        {"walk test_if id=2 --set change_4=2 change_7=1",
+         "pushed    1 x TEST_IF_IF_RED_BACKWALK\npruned    0, which no table below wants\nskipped  "
+         " 1, "},
+    };
+    for (const auto &c : cases) {
+        const std::string text = run(c.arguments).text;
+        EXPECT_NE(text.find(c.text), std::string::npos) << c.arguments << "\n" << text;
+    }
+}
+
 TEST_F(zanctl, updates_what_is_named_and_nothing_else)
 {
     start({});
+    run("create ipnhgroup nhg_id=1 weight[0]=1 weight[1]=2 weight[2]=3");
+    run("update ipnhgroup nhg_id=1 weight[1]=9");
+    EXPECT_EQ(run("get ipnhgroup nhg_id=1").text,
+              "ipnhgroup nhg_id=1 weight[0]=1 weight[1]=9 weight[2]=3\n");
+    run("update ipnhgroup nhg_id=1 num_elements=1 weight[0]=4");
+    EXPECT_EQ(run("get ipnhgroup nhg_id=1").text, "ipnhgroup nhg_id=1 weight[0]=4\n");
     run("create lagport intf=5");
     run("create l3intf intf=1 ipv4_mtu=1500 ipv6_mtu=1400 lagport.intf=5");
     EXPECT_EQ(run("update l3intf intf=1 ipv4_mtu=9000").status, 0);
@@ -212,6 +323,14 @@ TEST_F(zanctl, loads_a_routing_table)
           "all well"})
         EXPECT_NE(first.text.find(part), std::string::npos) << part << "\n" << first.text;
     EXPECT_EQ(run("load " + file).status, 0) << "loading twice is no mistake";
+    const result_t change = run("change " + file);
+    EXPECT_EQ(change.status, 0) << change.text;
+    for (const char *part :
+         {"1 of 1 iproute updated, 1 forced", "1 of 1 ip6route updated, 1 forced",
+          "4 of 4 macllnh updated, 0 forced", "4 below it, 60 below other objects",
+          "every child followed, and nothing else was touched"})
+        EXPECT_NE(change.text.find(part), std::string::npos) << part << "\n" << change.text;
+    EXPECT_EQ(run("change " + file).status, 0) << "and back";
     const result_t unload = run("unload " + file);
     EXPECT_EQ(unload.status, 0) << unload.text;
     for (const char *part : {"moved     2 routes", " held back by what led to them, ",
@@ -233,6 +352,22 @@ TEST_F(zanctl, loads_a_routing_table)
     const result_t bad = run("load " + write_file("bad", "8.0.0.0/8\n8.0.0.1/8\n"));
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.text.find("line 2: "), std::string::npos) << bad.text;
+}
+
+TEST_F(zanctl, change_notices_what_does_not_follow)
+{
+    start({});
+    const std::string file = write_file("prefixes", "8.0.0.0/8\n");
+    const result_t empty = run("change " + file);
+    EXPECT_EQ(empty.status, 1);
+    EXPECT_NE(empty.text.find("0x2f908002 ZAN_RC_NOT_FOUND"), std::string::npos) << empty.text;
+    ASSERT_EQ(run("load " + file).status, 0);
+    ASSERT_EQ(run("create iproute vrf_id=1 prefix=8.0.0.0/8 next_obj.ipnhgroup.nhg_id=1").status,
+              0);
+    const result_t more = run("change " + file);
+    EXPECT_EQ(more.status, 1) << more.text;
+    EXPECT_NE(more.text.find("iproute: 2 updated, not 1"), std::string::npos) << more.text;
+    EXPECT_NE(more.text.find("NOT as it should be"), std::string::npos) << more.text;
 }
 
 TEST_F(zanctl, load_shows_what_the_hardware_lost)

@@ -179,12 +179,32 @@ result_t create(std::string_view text)
     return run(object(text));
 }
 
+result_t update(std::string_view text)
+{
+    return run(object(text, ZAN_TABLE_UPDATE));
+}
+
+result_t destroy(std::string_view text)
+{
+    return run(object(text, ZAN_TABLE_DELETE));
+}
+
+zan_table_base_st *stored(uint64_t handle)
+{
+    return (zan_table_base_st *)handle;
+}
+
 result_t read(std::string_view text, zan_table_operation_et operation, uint16_t getopt,
               uint32_t payload)
 {
     object_t obj = object(text, operation);
     obj->getopt_mask = getopt;
     return run(obj, payload);
+}
+
+zan_table_base_st *named(std::string_view text)
+{
+    return stored(read(text).handle);
 }
 
 void settle()

@@ -87,6 +87,12 @@ private:
 /* One object in a batch of its own. */
 result_t run(const object_t &obj, uint32_t payload = 0);
 result_t create(std::string_view text);
+result_t update(std::string_view text);
+result_t destroy(std::string_view text);
+/* The database object that a handle leads to. */
+zan_table_base_st *stored(uint64_t handle);
+/* The one that a text names; null when it is not stored. */
+zan_table_base_st *named(std::string_view text);
 result_t read(std::string_view text, zan_table_operation_et operation = ZAN_TABLE_GET,
               uint16_t getopt = 0, uint32_t payload = 0);
 

@@ -96,6 +96,18 @@ ZAN_EXPORT void zan_db_delete(zan_db_del_ctx_t *ctx)
         real(ctx);
 }
 
+ZAN_EXPORT zan_rcode kor_dpd_event_bwalk(kor_dpd_event_ctx_t *walk_ctx, uint32_t trans_id)
+{
+    static auto *real = host<zan_rcode(kor_dpd_event_ctx_t *, uint32_t)>("kor_dpd_event_bwalk");
+    return fails(WALK) ? walk_rc : real(walk_ctx, trans_id);
+}
+
+#define SWEPT_EVENT(T)                                                                             \
+    ZAN_EXPORT zan_rcode srv_##T##_event(kor_dpd_event_ctx_t *, zan_table_base_st *)               \
+    {                                                                                              \
+        return fails(EVENT_HOOK) ? hook_rc : EOK;                                                  \
+    }
+
 #define SWEPT_HOOK(T, name, point, argument)                                                       \
     ZAN_EXPORT zan_rcode srv_##T##_##name(argument)                                                \
     {                                                                                              \
@@ -146,4 +158,12 @@ SWEPT_HOOKS(redirectvrf)
 SWEPT_IDENTIFIERS(redirectvrf)
 SWEPT_HOOKS(l2intf)
 SWEPT_IDENTIFIERS(l2intf)
+/* Sources of walks: written by this thread, through the NPU threads, and not waited for. */
+SWEPT_HOOKS(testca)
+SWEPT_EVENT(testca)
+SWEPT_HOOKS(testdynhg)
+SWEPT_EVENT(testdynhg)
+SWEPT_HOOKS(testasyncnhg)
+SWEPT_EVENT(testasyncnhg)
+SWEPT_HOOKS(test_rt)
 }

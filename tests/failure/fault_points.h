@@ -27,10 +27,13 @@ enum point_t {
     DELETE_HOOK,
     POST_DELETE_RDESC,
     DB_DELETE,
+    WALK,
+    EVENT_HOOK,
 };
 
 constexpr zan_rcode hook_rc = 0x4fa0beef;
 constexpr int send_rc = 28; /* ENOSPC */
+constexpr zan_rcode walk_rc = 0x4fa0ba1c;
 
 /* The N-th call from now on fails, and with `persistent` all behind it: of those on the dispatcher
  * thread, or of those under an NPU's identity, whose order against the others a seed decides. */

@@ -9,6 +9,8 @@
 std::function<zan_rcode(kor_core_srv_dispatch_t *, int32_t)> npu_work;
 std::function<void(uint32_t, uint32_t)> batch_end_work;
 std::vector<zan_table_base_st *> delete_notified;
+std::function<void(kor_dpd_event_ctx_t *)> walk_table_work;
+std::function<zan_rcode(zan_table_base_st *, kor_dpd_event_ctx_t *)> walk_child_work;
 
 namespace
 {
@@ -24,6 +26,7 @@ zan_field_def_t key_field(zan_type_et type, uint16_t width, uint32_t offset)
     return f;
 }
 
+const uint16_t node_children[] = {NODE_ID, LEAF_ID};
 const zan_field_def_t node_keys[] = {key_field(ZAN_TYPE_U32, 4, 0)};
 
 zan_table_def_t make_table(const char *name, uint16_t id)
@@ -38,6 +41,10 @@ zan_table_def_t make_table(const char *name, uint16_t id)
     def.key_bytes = 4;
     def.num_keys = 1;
     def.keys = node_keys;
+    if (id == NODE_ID) {
+        def.num_children = 2;
+        def.children = node_children;
+    }
     def.db_lock = id == STAT_ID ? ZAN_DB_LOCK_DB : ZAN_DB_LOCK_NONE;
     return def;
 }
@@ -54,6 +61,17 @@ zan_rcode batch_end(uint32_t table_id, uint32_t npu)
 void notify_delete(zan_table_base_st *obj)
 {
     delete_notified.push_back(obj);
+}
+
+zan_rcode walk_table(void *, kor_dpd_event_ctx_t *walk_ctx, void *)
+{
+    walk_table_work(walk_ctx);
+    return EOK;
+}
+
+zan_rcode walk_child(zan_table_base_st *child, kor_dpd_event_ctx_t *walk_ctx)
+{
+    return walk_child_work(child, walk_ctx);
 }
 
 void free_copy(zan_table_base_st *copy)
@@ -124,6 +142,9 @@ void node_delete(zan_table_base_st *obj)
 
 /* ---- Stand-ins ---- */
 
+const zan_table_def_t *const zan_table_defs[ZAN_NUM_TABLES] = {&defs[NODE_ID], &defs[LEAF_ID],
+                                                               &defs[STAT_ID]};
+
 const zan_table_def_t *zan_table_def_get(uint32_t table_id)
 {
     return table_id < NUM_TEST_TABLES ? &defs[table_id] : nullptr;
@@ -144,6 +165,8 @@ srv_zan_table_props_t *zan_srv_table_props_get(uint32_t table_id)
         made.copy_dtor = free_copy;
         made.async_batch_end_npu_cb = batch_end;
         made.delete_notify = notify_delete;
+        made.bwalk_child_process_events = walk_table;
+        made.bwalk_child_callback = walk_child;
         return made;
     }();
     return table_id < NUM_TEST_TABLES ? &props : nullptr;

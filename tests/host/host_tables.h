@@ -1,7 +1,7 @@
 /* Small tables, defined by hand, and stand-ins for the server and the properties service, for the
  * tests of the host platform.
  *
- *   node   key of one number; takes part in the graph
+ *   node   key of one number; takes part in the graph; parent of nodes and leaves
  *   leaf   the same, another table
  *   stat   the same, under the database lock
  *
@@ -63,5 +63,8 @@ extern std::function<zan_rcode(kor_core_srv_dispatch_t *, int32_t)> npu_work;
 /* Called by the slots async_batch_end_npu_cb and delete_notify of every test table. */
 extern std::function<void(uint32_t table_id, uint32_t npu)> batch_end_work;
 extern std::vector<zan_table_base_st *> delete_notified;
+/* Slots of a walk. */
+extern std::function<void(kor_dpd_event_ctx_t *)> walk_table_work;
+extern std::function<zan_rcode(zan_table_base_st *, kor_dpd_event_ctx_t *)> walk_child_work;
 
 #endif

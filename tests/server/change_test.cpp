@@ -12,11 +12,6 @@ using namespace bench;
 namespace
 {
 
-const zan_table_base_st *stored(uint64_t handle)
-{
-    return (const zan_table_base_st *)handle;
-}
-
 result_t erase(std::string_view text)
 {
     return run(object(text, ZAN_TABLE_DELETE));

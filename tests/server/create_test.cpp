@@ -15,11 +15,6 @@ using namespace bench;
 namespace
 {
 
-zan_table_base_st *stored(uint64_t handle)
-{
-    return (zan_table_base_st *)handle;
-}
-
 void mark_stale(const zan_table_def_t *def)
 {
     run(empty(def, ZAN_TABLE_REPLAY_START));

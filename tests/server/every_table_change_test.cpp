@@ -55,11 +55,6 @@ uint64_t hardware_updates()
     return counts.updates + counts.creates;
 }
 
-const zan_table_base_st *stored(uint64_t handle)
-{
-    return (const zan_table_base_st *)handle;
-}
-
 uint32_t ref_cnt(const zan_table_def_t *def, uint64_t handle)
 {
     return *(const uint32_t *)zan_obj_at(stored(handle), def->obj_ref_cnt_offset);
