@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Build everything, start an agent with two simulated NPUs, load a routing table through its socket,
-# check what it holds, move a part of it, delete all of it from the top, stop the agent.
+# check what it holds, change what much of it leads to and see every child follow, move a part of it,
+# delete all of it from the top, stop the agent.
 #
 #   ./run.sh [PREFIXES-FILE]           prefixes one a line, plain or gzip; else examples/prefixes.txt.gz
 #   ./run.sh --serve [PREFIXES-FILE]   load and check only, and leave the agent running
 #
-# Installs the Debian packages that are missing. Exits with 0 only when everything went in, the
-# database equals what the NPUs hold, and nothing is left in the end.
+# Installs the Debian packages that are missing. Exits with 0 only when everything went in, the changes
+# updated the children that they concern and no others, the database equals what the NPUs hold, and
+# nothing is left in the end.
 set -euo pipefail
 
 usage() {
-    sed -n '2,9s/^# \{0,1\}//p' "$0"
+    sed -n '2,11s/^# \{0,1\}//p' "$0"
 }
 
 serve=0
@@ -93,6 +95,9 @@ status=0
 build/bin/zanctl --socket "$socket" load "$file" || status=$?
 if [ $serve -eq 0 ]; then
     echo
+    echo "changing what much of it leads to"
+    build/bin/zanctl --socket "$socket" change "$file" || status=$?
+    echo
     echo "moving a part of it, then deleting all"
     build/bin/zanctl --socket "$socket" unload "$file" || status=$?
 fi
@@ -108,6 +113,7 @@ The agent goes on serving (process $agent, its log is $agent_log). Talk to it:
   build/bin/zanctl status
   build/bin/zanctl list iproute --limit 5
   build/bin/zanctl create l3intf intf=100 ipv4_mtu=1500
+  build/bin/zanctl walk ipnhgroup nhg_id=1 --set fec_id=7001
   build/bin/zanctl --help
 
 Stop it with: kill $agent
