@@ -113,16 +113,3 @@ TEST(NpuWait, CountsTimeOutsWithoutProgressAndWarnsThreeTimes)
         }
     }
 }
-
-TEST(NpuWaitDeathTest, LeavesWithStatus203WhenTheDriverHangs)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            const server_t server({.num_npus = 1});
-            zan_host_exec_q_set_resp_period(1000);
-            zan_host_exec_q_hold(1);
-            run(with_key(table("ipvrf"), 1));
-        },
-        testing::ExitedWithCode(203), "all retries exhausted");
-}
