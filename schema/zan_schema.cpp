@@ -336,6 +336,7 @@ void json_options(json_t &j, const zan_table_def_t *def)
     j.field("db_lock", db_lock_names[def->db_lock]);
     j.field("accounting_callback", def->oor_account_plain ? "account" : "account_sub");
     j.field("accounting_on_update", oor_update_names[def->oor_update]);
+    j.field("hwdb", zan_hwdb_name(def->hwdb));
     j.field("obj_ref_cnt_limit", def->obj_ref_cnt_limit);
     j.open("init_option_bytes", '[');
     j.number(def->init_option_bytes[0]);
@@ -495,6 +496,7 @@ void text_options(const zan_table_def_t *def)
         printf(" db_lock=%s", db_lock_names[def->db_lock]);
     if (def->oor_update)
         printf(" oor_update=%s", oor_update_names[def->oor_update]);
+    printf(" hwdb=%s", zan_hwdb_name(def->hwdb));
     for (const flag_t &flag : flags)
         if (def->*flag.field)
             printf(" %s", flag.name);

@@ -3,6 +3,7 @@
 #include "global_context.h"
 #include "graph_area.h"
 #include "host_control.h"
+#include "host_resources.h"
 #include "host_services.h"
 #include "host_start.h"
 #include "system_facts.h"
@@ -35,6 +36,7 @@ zan_rcode zan_host_start(const zan_host_config_t *config)
     context.npu_mask_all = ((kor_npu_mask_t)1 << config->num_npus) - 1;
     context.npu_mask_active = context.npu_mask_all;
     context.per_object_npu_mask = config->per_object_npu_mask;
+    context.hw_resource_list = host_resources_start();
     standby = config->standby;
     started = true;
     zan_host_fill_table_properties();

@@ -33,6 +33,8 @@ struct npu_t {
      * old members follows, which is none of the object. */
     std::unordered_map<std::string, uint32_t> replaced[ZAN_NUM_TABLES];
     uint64_t capacity[ZAN_NUM_TABLES] = {};
+    uint64_t held[ZAN_NUM_HWDBS] = {}; /* objects of all tables of a database */
+    uint64_t db_capacity[ZAN_NUM_HWDBS] = {};
     uint64_t bytes = 0;
     npu_sim_counts_t counts = {};
     std::atomic<uint64_t> latency_us = 0;
@@ -190,13 +192,27 @@ bool asks_for(const zan_table_def_t *def, const zan_table_base_st *obj, uint32_t
            (*zan_obj_npu_mask_req(def, obj) >> npu & 1);
 }
 
+bool is_full(const npu_t *npu, const zan_table_def_t *def)
+{
+    const uint64_t capacity = npu->capacity[def->id], db_capacity = npu->db_capacity[def->hwdb];
+    return (capacity && npu->objects[def->id].size() >= capacity) ||
+           (db_capacity && npu->held[def->hwdb] >= db_capacity);
+}
+
+void erase(const zan_table_def_t *def, npu_t *npu,
+           std::unordered_map<std::string, image_t>::const_iterator found)
+{
+    npu->bytes -= found->second.size();
+    npu->held[def->hwdb]--;
+    npu->objects[def->id].erase(found);
+}
+
 zan_rcode store(const zan_table_def_t *def, npu_t *npu, const zan_table_base_st *obj)
 {
     auto &objects = npu->objects[def->id];
     std::string key = key_of(def, obj);
     const auto found = objects.find(key);
-    if (found == objects.end() && npu->capacity[def->id] &&
-        objects.size() >= npu->capacity[def->id])
+    if (found == objects.end() && is_full(npu, def))
         return NPU_SIM_RC_FULL;
     image_t image = image_of(def, obj);
     npu->bytes += image.size();
@@ -205,6 +221,7 @@ zan_rcode store(const zan_table_def_t *def, npu_t *npu, const zan_table_base_st 
         found->second = std::move(image);
     } else {
         objects.emplace(std::move(key), std::move(image));
+        npu->held[def->hwdb]++;
     }
     return EOK;
 }
@@ -236,12 +253,9 @@ bool old_members_go(const zan_table_base_st *obj)
 
 void take_away(const zan_table_def_t *def, npu_t *npu, const std::string &key)
 {
-    auto &objects = npu->objects[def->id];
-    const auto found = objects.find(key);
-    if (found == objects.end())
-        return;
-    npu->bytes -= found->second.size();
-    objects.erase(found);
+    const auto found = npu->objects[def->id].find(key);
+    if (found != npu->objects[def->id].end())
+        erase(def, npu, found);
 }
 
 /* Where one call is for the whole object, an update may move it to other NPUs. */
@@ -325,13 +339,10 @@ zan_rcode npu_sim_delete(const zan_table_base_st *obj)
                    [&](const zan_table_def_t *def, npu_t *npu) -> zan_rcode {
                        if (old_members)
                            return EOK;
-                       auto &objects = npu->objects[def->id];
-                       const std::string key = key_of(def, obj);
-                       const auto found = objects.find(key);
-                       if (found == objects.end())
+                       const auto found = npu->objects[def->id].find(key_of(def, obj));
+                       if (found == npu->objects[def->id].end())
                            return NPU_SIM_RC_UNKNOWN;
-                       npu->bytes -= found->second.size();
-                       objects.erase(found);
+                       erase(def, npu, found);
                        return EOK;
                    });
 }
@@ -448,6 +459,22 @@ void npu_sim_set_capacity(uint32_t npu, uint32_t table_id, uint64_t capacity)
     n.capacity[table_id] = capacity;
 }
 
+void npu_sim_set_db_capacity(uint32_t npu, uint32_t hwdb, uint64_t capacity)
+{
+    if (hwdb >= ZAN_NUM_HWDBS)
+        return;
+    npu_t &n = npus[npu % ZAN_MAX_NPUS];
+    const std::lock_guard guard(n.lock);
+    n.db_capacity[hwdb] = capacity;
+}
+
+uint64_t npu_sim_db_count(uint32_t npu, uint32_t hwdb)
+{
+    npu_t &n = npus[npu % ZAN_MAX_NPUS];
+    const std::lock_guard guard(n.lock);
+    return hwdb < ZAN_NUM_HWDBS ? n.held[hwdb] : 0;
+}
+
 void npu_sim_set_latency(uint32_t npu, uint64_t microseconds)
 {
     npus[npu % ZAN_MAX_NPUS].latency_us = microseconds;
@@ -465,6 +492,8 @@ void npu_sim_reset(void)
         for (auto &replaced : npu.replaced)
             replaced.clear();
         memset(npu.capacity, 0, sizeof npu.capacity);
+        memset(npu.held, 0, sizeof npu.held);
+        memset(npu.db_capacity, 0, sizeof npu.db_capacity);
         npu.bytes = 0;
         npu.counts = {};
         npu.latency_us = 0;

@@ -45,6 +45,10 @@ ZAN_EXPORT int npu_sim_compare(uint32_t npu, const zan_table_base_st *obj, char 
 ZAN_EXPORT void npu_sim_fail(const npu_sim_failure_t *failure);
 /* Objects that an NPU takes in a table; 0 is without limit. */
 ZAN_EXPORT void npu_sim_set_capacity(uint32_t npu, uint32_t table_id, uint64_t capacity);
+/* Objects that an NPU takes in a hardware database (zan_hwdb_et), over all its tables; 0 is without
+ * limit. And objects that it holds there. */
+ZAN_EXPORT void npu_sim_set_db_capacity(uint32_t npu, uint32_t hwdb, uint64_t capacity);
+ZAN_EXPORT uint64_t npu_sim_db_count(uint32_t npu, uint32_t hwdb);
 /* How long each call on an NPU takes, in microseconds; the caller's thread sleeps. */
 ZAN_EXPORT void npu_sim_set_latency(uint32_t npu, uint64_t microseconds);
 /* Forget all objects, failures, limits and counts. No hook may run meanwhile. */

@@ -104,6 +104,7 @@ EXPECTED = (
     ("tables with subscriptions", 100, lambda t: bool(t.receives)),
     ("tables with a forcing subscription", 75, forced),
     ("tables with only plain subscriptions", 25, lambda t: bool(t.receives) and not forced(t)),
+    ("tables without a hardware database", 0, option("hwdb", "none")),
     ("tables with the smallest object, 216 bytes", 3, lambda t: t.layout.obj_size == 216),
     ("tables with the largest object, 7584 bytes", 1, lambda t: t.layout.obj_size == 7584),
     ("objects above 3300 bytes", 7, lambda t: t.layout.obj_size > 3300),

@@ -20,7 +20,7 @@ OPTIONS = (
     "update_of_missing_creates", "delete_notify", "replay_client_filter", "create_reject",
     "change_test", "dbobj_fetch", "parent_init_without_references", "parent_init_on_update",
     "graph", "oor_account_plain",
-    "oor_update",
+    "oor_update", "hwdb",
 )
 # Options that follow from the rest of the definition and are not written.
 DERIVED = {
@@ -34,6 +34,10 @@ CHOICES = {
                 "both": "ZAN_DB_LOCK_BOTH"},
     "oor_update": {"none": "ZAN_OOR_UPDATE_NONE", "mask_change": "ZAN_OOR_UPDATE_MASK_CHANGE",
                    "release": "ZAN_OOR_UPDATE_RELEASE"},
+    "hwdb": {name: f"ZAN_HWDB_{name.upper()}" for name in (
+        "none", "lpm", "exact_match", "next_hop", "group", "encapsulation", "label", "bridge",
+        "interface", "multicast", "acl", "meter", "queue", "counter", "oam", "security",
+        "register")},
 }
 # Options that every table has unless its file says false.
 ON_BY_DEFAULT = {"notify_update_missing"}

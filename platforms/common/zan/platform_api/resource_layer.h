@@ -1,4 +1,9 @@
-/* The resource layer keeps the occupancy of hardware databases, per NPU. */
+/* The resource layer keeps the occupancy of hardware databases, per NPU.
+ *
+ * The server tells it of each write that hardware took and of each delete; the layer decides when a
+ * database runs full and calls kor_send_oor. Its callbacks run on the dispatcher thread and on NPU
+ * threads at once, for different NPUs, under no lock; two calls for one NPU come one after the
+ * other. */
 #ifndef ZAN_PLATFORM_RESOURCE_LAYER_H
 #define ZAN_PLATFORM_RESOURCE_LAYER_H
 
@@ -30,8 +35,18 @@ typedef struct kor_hwdb_mask_t {
     uint32_t hwdb_flags;
 } kor_hwdb_mask_t;
 
+/* States of a database, by how full it is. */
+typedef enum zan_resource_state_et {
+    ZAN_RESOURCE_GREEN,
+    ZAN_RESOURCE_YELLOW,
+    ZAN_RESOURCE_RED,
+} zan_resource_state_et;
+
+/* A database of an NPU has come to another state. */
 typedef void (*kor_send_oor_f)(void *npu_resource, uint32_t hwdb, uint32_t state);
 
+/* `amount`: 1, the object has come to occupy an entry; 0, it has given it back; or the explicit
+ * amount of the entry that get_hwdb_mask has filled. */
 typedef struct kor_arch_resources_cb_t {
     void (*account)(void *npu_resource, uint32_t hwdb, uint32_t table_id, uint32_t amount,
                     const zan_table_base_st *obj, kor_send_oor_f send_oor);
@@ -44,6 +59,8 @@ typedef struct kor_arch_resources_cb_t {
 ZAN_EXTERN_C_BEGIN
 /* The layer's callbacks, or null when the platform has none. Any thread. */
 ZAN_EXPORT const kor_arch_resources_cb_t *kor_arch_resources_cb_get(void);
+/* Tell operator and clients of a state; given to the layer with each call. Any thread. */
+ZAN_EXPORT void kor_send_oor(void *npu_resource, uint32_t hwdb, uint32_t state);
 ZAN_EXTERN_C_END
 
 #endif

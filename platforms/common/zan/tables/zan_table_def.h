@@ -151,6 +151,34 @@ typedef enum zan_oor_update_et {
     ZAN_OOR_UPDATE_RELEASE,     /* a removal on each NPU, whatever the hook returned */
 } zan_oor_update_et;
 
+/* Databases of the hardware, by what they look up or hold. An object takes one entry of its
+ * table's. X(enumerator, name) */
+#define ZAN_HWDBS(X)                                                                               \
+    X(LPM, "lpm")                                                                                  \
+    X(EXACT_MATCH, "exact_match")                                                                  \
+    X(NEXT_HOP, "next_hop")                                                                        \
+    X(GROUP, "group")                                                                              \
+    X(ENCAPSULATION, "encapsulation")                                                              \
+    X(LABEL, "label")                                                                              \
+    X(BRIDGE, "bridge")                                                                            \
+    X(INTERFACE, "interface")                                                                      \
+    X(MULTICAST, "multicast")                                                                      \
+    X(ACL, "acl")                                                                                  \
+    X(METER, "meter")                                                                              \
+    X(QUEUE, "queue")                                                                              \
+    X(COUNTER, "counter")                                                                          \
+    X(OAM, "oam")                                                                                  \
+    X(SECURITY, "security")                                                                        \
+    X(REGISTER, "register")
+
+typedef enum zan_hwdb_et {
+    ZAN_HWDB_NONE, /* the table takes nothing */
+#define ZAN_HWDB_ENUM(enumerator, name) ZAN_HWDB_##enumerator,
+    ZAN_HWDBS(ZAN_HWDB_ENUM)
+#undef ZAN_HWDB_ENUM
+    ZAN_NUM_HWDBS
+} zan_hwdb_et;
+
 typedef struct zan_table_def_t {
     const char *name;  /* "iproute" */
     const char *upper; /* "IPROUTE" */
@@ -199,6 +227,7 @@ typedef struct zan_table_def_t {
     uint8_t graph;                 /* takes part in the dependency graph as a child */
     uint8_t oor_account_plain;     /* the accounting calls account, not account_sub */
     uint8_t oor_update;            /* zan_oor_update_et */
+    uint8_t hwdb;                  /* zan_hwdb_et: where its objects take hardware */
     uint8_t init_option_bytes[2];
     uint32_t obj_ref_cnt_limit; /* 0: the table does not count client references */
 
@@ -255,6 +284,10 @@ ZAN_EXPORT extern const uint64_t zan_schema_fingerprint;
 /* The definition of a table by id or by name; null when there is none. Any thread. */
 ZAN_EXPORT const zan_table_def_t *zan_table_def_get(uint32_t table_id);
 ZAN_EXPORT const zan_table_def_t *zan_table_def_find(const char *name);
+/* Name of a hardware database; "none", and "unknown" for a number that is none. */
+ZAN_EXPORT const char *zan_hwdb_name(uint32_t hwdb);
+/* Its number, or ZAN_HWDB_NONE. */
+ZAN_EXPORT uint32_t zan_hwdb_find(const char *name);
 /* Name of a table; "unknown" for an id that is none. */
 ZAN_EXPORT const char *kor_table_name_get(uint32_t table_id);
 ZAN_EXTERN_C_END

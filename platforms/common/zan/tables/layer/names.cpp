@@ -1,10 +1,13 @@
-/* Names for people: return codes and operations.
+/* Names for people: return codes, operations, hardware databases.
  *
  * The codes stand in one list, ZAN_RCODES in zan_rcodes.h: a new code gets its words and its
  * constant name there, and both functions below know it at once.
  */
 #include "../zan_rcodes.h"
 #include "../zan_table_base.h"
+#include "../zan_table_def.h"
+
+#include <string.h>
 
 const char *rcd_strerror(zan_rcode rc)
 {
@@ -66,4 +69,23 @@ const char *zan_table_operation_str(uint8_t operation)
     default:
         return "unknown";
     }
+}
+
+static const char *const hwdb_names[ZAN_NUM_HWDBS] = {"none",
+#define ZAN_HWDB_NAME(enumerator, name) name,
+                                                      ZAN_HWDBS(ZAN_HWDB_NAME)
+#undef ZAN_HWDB_NAME
+};
+
+const char *zan_hwdb_name(uint32_t hwdb)
+{
+    return hwdb < ZAN_NUM_HWDBS ? hwdb_names[hwdb] : "unknown";
+}
+
+uint32_t zan_hwdb_find(const char *name)
+{
+    for (uint32_t hwdb = 1; hwdb < ZAN_NUM_HWDBS; hwdb++)
+        if (strcmp(hwdb_names[hwdb], name) == 0)
+            return hwdb;
+    return ZAN_HWDB_NONE;
 }

@@ -138,7 +138,9 @@
     X(INFLIGHT_WAITED, "write in flight: operation %u, obj_id %u, %u, %u turns, %u s, %u us")      \
     X(NPD_DELAY_DELETE, "postponed delete failed: rc %x")                                          \
     X(EOD_DONE, "end of download: trans %u, npu %u, rc %x")                                        \
-    X(EVENT_CHAIN, "%s reaches %s")
+    X(EVENT_CHAIN, "%s reaches %s")                                                                \
+    X(OOR_NULL, "%s")                                                                              \
+    X(OOR_NO_NPU_RESOURCE, "no resource handle for NPU %u")
 
 #define ZAN_MSG_COMMON_BASE  0x18000u
 #define ZAN_MSG_TABLE_BASE   0x20000u
