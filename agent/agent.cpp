@@ -111,6 +111,8 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_walk(node, request);
         case ZAN_FRAME_WALK_COUNTS:
             return run_walk_counts(node, *request);
+        case ZAN_FRAME_RESOURCES:
+            return run_resources(node, *request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }
@@ -161,6 +163,8 @@ int serve_until_stopped(const zan_agent_options_t *options)
 {
     static node_t node;
     learn_node(&node, options);
+    if (!set_resources(node.npus, options->resources))
+        return 2;
     if (!hooks_are_there(&node, options))
         return 1;
     transport_t *transport = transport_start(options->socket_path, node.facts);
@@ -196,6 +200,7 @@ npu_control_t npu_control_find()
     look_up("npu_sim_bytes", &control.bytes);
     look_up("npu_sim_counts", &control.counts);
     look_up("npu_sim_compare", &control.compare);
+    look_up("npu_sim_set_db_capacity", &control.set_db_capacity);
     return control;
 }
 

@@ -20,6 +20,7 @@
 #define DEFAULT_PLATFORM "libzan_npu_sim.so"
 #define AGENT_LIBRARY    "libzan_agent.so"
 #define MAX_NPUS         8
+#define MAX_RESOURCES    64
 
 static const char usage[] =
     "Usage: zan_agent [OPTION]...\n"
@@ -34,6 +35,10 @@ static const char usage[] =
     "  --per-object-npu-mask   write an object only to the NPUs that it asks for\n"
     "  --stepped SEED          run NPU messages on the dispatcher thread, in an order that the\n"
     "                          seed decides\n"
+    "  --capacity DB=N         entries of a hardware database on each NPU (default: no limit);\n"
+    "                          zanctl resources --all lists the databases\n"
+    "  --thresholds DB=Y,C,R,C percent at which it is yellow, no longer, red, no longer\n"
+    "                          (default 80,75,95,90)\n"
     "  --help                  this text\n"
     "\n"
     "SIGTERM and SIGINT stop it in order. Talk to it with zanctl.\n";
@@ -82,9 +87,13 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
         {"standby", no_argument, NULL, 'b'},
         {"per-object-npu-mask", no_argument, NULL, 'm'},
         {"stepped", required_argument, NULL, 't'},
+        {"capacity", required_argument, NULL, 'r'},
+        {"thresholds", required_argument, NULL, 'r'},
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
     };
+    static const char *resources[MAX_RESOURCES + 1];
+    int num_resources = 0;
     uint64_t number;
     int c;
     while ((c = getopt_long(argc, argv, "", table, NULL)) != -1) {
@@ -113,6 +122,14 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
             if (parse_number("stepped", optarg, UINT64_MAX, &options->seed))
                 return 2;
             options->stepped = 1;
+            break;
+        case 'r':
+            if (num_resources == MAX_RESOURCES) {
+                fputs("zan_agent: at most 64 capacities and thresholds\n", stderr);
+                return 2;
+            }
+            resources[num_resources++] = optarg;
+            options->resources = resources;
             break;
         case 'h':
             fputs(usage, stdout);

@@ -10,6 +10,7 @@ struct npu_control_t {
     decltype(&npu_sim_bytes) bytes;
     decltype(&npu_sim_counts) counts;
     decltype(&npu_sim_compare) compare;
+    decltype(&npu_sim_set_db_capacity) set_db_capacity;
 
     bool can_compare() const
     {

@@ -50,9 +50,14 @@ answer_t run_status(node_t *node, const transport_t *transport);
 answer_t run_compare(node_t *node, const request_t &request);
 answer_t run_graph(node_t *node, request_t *request);
 answer_t run_walk(node_t *node, request_t *request);
+answer_t run_resources(node_t *node, const request_t &request);
 answer_t run_walk_counts(node_t *node, const request_t &request);
 
 /* A request that cannot be run as it stands, with the field at fault; it is counted. */
+/* What the command line says of the hardware databases: words like "lpm=100000" and
+ * "lpm=80,75,95,90", ended by a null. False and a message when one says nothing. */
+bool set_resources(const npu_control_t &npus, const char *const *words);
+
 answer_t refuse_request(node_t *node, const char *field, const char *text);
 
 /* Count the new errors in the trace ring, before they are overwritten. */

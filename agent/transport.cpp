@@ -206,6 +206,7 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_GRAPH:
     case ZAN_FRAME_WALK:
     case ZAN_FRAME_WALK_COUNTS:
+    case ZAN_FRAME_RESOURCES:
         break;
     case ZAN_FRAME_GOODBYE:
         s->closing = true;

@@ -176,6 +176,44 @@ int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts)
     return result;
 }
 
+/* The two kinds of rows stand one behind the other. */
+static int take_resources(zan_client_t *client, const byte_block_t *bytes,
+                          zan_resources_reply_st *reply, zan_resource_st **databases,
+                          zan_resource_table_st **tables)
+{
+    if (bytes->len < sizeof *reply)
+        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
+    memcpy(reply, bytes->bytes, sizeof *reply);
+    const size_t front = sizeof *reply + (size_t)reply->num_databases * sizeof **databases;
+    if (bytes->len < front)
+        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
+    const byte_block_t first = {bytes->bytes, front, front};
+    if (take_records(client, &first, sizeof *reply, reply->num_databases, sizeof **databases,
+                     (void **)databases))
+        return -1;
+    return take_records(client, bytes, front, reply->num_tables, sizeof **tables, (void **)tables);
+}
+
+int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
+                         zan_resources_reply_st *reply, zan_resource_st **databases,
+                         zan_resource_table_st **tables)
+{
+    *databases = nullptr;
+    *tables = nullptr;
+    const zan_resources_st nothing = {};
+    byte_block_t bytes = {};
+    int result = client_ask(client, ZAN_FRAME_RESOURCES, request ? request : &nothing,
+                            sizeof nothing, ZAN_FRAME_RESOURCES_REPLY, &bytes);
+    if (result == 0)
+        result = take_resources(client, &bytes, reply, databases, tables);
+    free(bytes.bytes);
+    if (result == 0)
+        return 0;
+    free(*databases);
+    *databases = nullptr;
+    return result;
+}
+
 int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
                        zan_compare_reply_st *reply, zan_difference_st **differences)
 {

@@ -118,6 +118,11 @@ ZAN_EXPORT int zan_client_compare(zan_client_t *client, uint32_t table_id, uint3
 
 /* What all walks did since the agent's start. *counts gets a block that the caller frees with free:
  * the header with its rows behind it. */
+/* Set what `request` says of the hardware databases, null for nothing, and read them all: the rows
+ * are the caller's, to be freed with free; null when the call fails. */
+ZAN_EXPORT int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
+                                    zan_resources_reply_st *reply, zan_resource_st **databases,
+                                    zan_resource_table_st **tables);
 ZAN_EXPORT int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts);
 
 /* The graph around the object that `lookup` names by key or handle. *nodes gets reply->num_nodes

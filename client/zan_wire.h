@@ -12,7 +12,7 @@
 #include "zan_table_base.h"
 
 #define ZAN_WIRE_MAGIC    0x31304c42544e415aull /* "ZANTBL01" */
-#define ZAN_WIRE_VERSION  3u
+#define ZAN_WIRE_VERSION  4u
 #define ZAN_FRAME_MAX     (64u << 20) /* bytes of a payload */
 #define ZAN_CLIENTS_MAX   64u
 #define ZAN_PIPELINE_MAX  4u /* requests of one client that the agent holds; it reads no further */
@@ -35,6 +35,8 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_WALK_REPLY = 14,   /* as ZAN_FRAME_BATCH_REPLY, then what the batch's walks did */
     ZAN_FRAME_WALK_COUNTS = 15,  /* empty */
     ZAN_FRAME_WALK_COUNTS_REPLY = 16, /* what all walks did since the start */
+    ZAN_FRAME_RESOURCES = 17,         /* zan_resources_st: set what it says, and answer */
+    ZAN_FRAME_RESOURCES_REPLY = 18,   /* zan_resources_reply_st, then its rows */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -206,6 +208,46 @@ typedef struct zan_graph_node_st {
     char key[128];                     /* terminated */
 } zan_graph_node_st;
 ZAN_STATIC_ASSERT(sizeof(zan_graph_node_st) == 168, "graph node");
+
+/* The hardware databases (zan_hwdb_et): what to set, if anything, before the answer. */
+enum {
+    ZAN_RESOURCES_SET_CAPACITY = 1u << 0,
+    ZAN_RESOURCES_SET_THRESHOLDS = 1u << 1,
+};
+#define ZAN_RESOURCES_ALL_NPUS 8u
+
+typedef struct zan_resources_st {
+    uint32_t set; /* ZAN_RESOURCES_SET_* */
+    uint32_t hwdb;
+    uint32_t npu;          /* of the capacity; or ZAN_RESOURCES_ALL_NPUS */
+    uint8_t thresholds[4]; /* percent: yellow, yellow_clear, red, red_clear */
+    uint64_t capacity;     /* entries; 0: without limit */
+} zan_resources_st;
+ZAN_STATIC_ASSERT(sizeof(zan_resources_st) == 24, "resources request");
+
+/* Then num_databases zan_resource_st, by database and NPU, then num_tables zan_resource_table_st:
+ * those of which an object occupies something. */
+typedef struct zan_resources_reply_st {
+    uint32_t num_npus, num_databases, num_tables;
+    uint32_t reserved;
+} zan_resources_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_resources_reply_st) == 16, "resources reply");
+
+typedef struct zan_resource_st {
+    uint32_t hwdb, npu;
+    uint64_t capacity, used, high_water;
+    uint32_t state;     /* 0 green, 1 yellow, 2 red */
+    uint32_t crossings; /* changes of state so far */
+    uint8_t thresholds[4];
+    uint8_t reserved[4];
+} zan_resource_st;
+ZAN_STATIC_ASSERT(sizeof(zan_resource_st) == 48, "database of an NPU");
+
+typedef struct zan_resource_table_st {
+    uint32_t table_id, hwdb;
+    uint64_t used[8]; /* by NPU */
+} zan_resource_table_st;
+ZAN_STATIC_ASSERT(sizeof(zan_resource_table_st) == 72, "occupancy of a table");
 
 /* What walks did: this header, then num_tables zan_walk_table_st, then num_events
  * zan_walk_event_st. Only tables and events are named of which a count is not 0. */

@@ -17,6 +17,7 @@ struct arguments_t {
     uint64_t limit = 0;
     apply_options_t apply;
     graph_options_t graph;
+    resources_options_t resources;
 };
 
 std::string join(const std::vector<std::string> &words)
@@ -78,6 +79,15 @@ void add_commands(CLI::App *app, arguments_t *a)
     CLI::App *events = app->add_subcommand(
         "events", "events pushed and received, and what walks did, since the agent's start");
     events->add_option("table", a->table, "one table only, what is 0 too");
+    CLI::App *resources = app->add_subcommand(
+        "resources", "how full the hardware databases of each NPU are, and how much they take");
+    resources->add_flag("--all", a->resources.all, "the unused ones too");
+    resources->add_option("--db", a->resources.database, "the database to set something of");
+    resources->add_option("--capacity", a->resources.capacity,
+                          "entries that it takes; 0: no limit");
+    resources->add_option("--npu", a->resources.npu, "of this NPU only")->check(CLI::Range(0, 7));
+    resources->add_option("--thresholds", a->resources.thresholds,
+                          "percent at which it is yellow, no longer, red, no longer: 80,75,95,90");
     app->add_subcommand("status", "what the node holds and did");
     CLI::App *compare =
         app->add_subcommand("compare", "compare the database with what the NPUs hold");
@@ -114,6 +124,8 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_walk(session, join(a.words), join(a.set));
     if (command == "events")
         return run_events(session, a.table);
+    if (command == "resources")
+        return run_resources(session, a.resources);
     if (command == "status")
         return run_status(session);
     if (command == "compare")

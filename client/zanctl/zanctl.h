@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,14 @@ int run_graph(session_t *session, const std::string &text, const graph_options_t
 int run_walk(session_t *session, const std::string &name, const std::string &change);
 /* What all walks did since the agent's start; of one table, or of all. */
 int run_events(session_t *session, const std::string &table);
+/* What `resources` sets before it shows. */
+struct resources_options_t {
+    std::string database, thresholds;
+    std::optional<uint64_t> capacity;
+    int npu = -1; /* all */
+    bool all = false;
+};
+int run_resources(session_t *session, const resources_options_t &options);
 int run_status(session_t *session);
 int run_compare(session_t *session, const std::string &table);
 /* The outcome of a comparison, for people. */

@@ -1,0 +1,138 @@
+/* resources: how full the hardware databases are, and how much they take. */
+#include "objects.h"
+
+#include <cstdio>
+
+namespace
+{
+
+const char *state_name(uint32_t state)
+{
+    static const char *const names[] = {"green", "yellow", "red"};
+    return state < 3 ? names[state] : "unknown";
+}
+
+/* What is read, with the client's memory. */
+struct resources_t {
+    zan_resources_reply_st head;
+    std::unique_ptr<zan_resource_st, free_object_t> databases;
+    std::unique_ptr<zan_resource_table_st, free_object_t> tables;
+};
+
+/* The tables that occupy a database on an NPU: "iproute 90, ip6route 8". */
+std::string occupants(const resources_t &r, const zan_resource_st &database)
+{
+    std::string text;
+    for (uint32_t i = 0; i < r.head.num_tables; i++) {
+        const zan_resource_table_st &table = r.tables.get()[i];
+        if (table.hwdb != database.hwdb || table.used[database.npu] == 0)
+            continue;
+        text += (text.empty() ? "" : ", ") + std::string(kor_table_name_get(table.table_id)) + " " +
+                std::to_string(table.used[database.npu]);
+    }
+    return text;
+}
+
+std::string percent(const zan_resource_st &r)
+{
+    return r.capacity ? std::to_string(r.used * 100 / r.capacity) + " %" : "";
+}
+
+void print(const resources_t &r, bool all)
+{
+    uint32_t shown = 0;
+    for (uint32_t i = 0; i < r.head.num_databases; i++) {
+        const zan_resource_st &d = r.databases.get()[i];
+        if (!all && !d.used && !d.capacity && !d.high_water)
+            continue;
+        if (!shown++)
+            printf("%-14s %3s %12s %12s %12s %6s %-7s %s\n", "database", "NPU", "capacity", "used",
+                   "highest", "full", "state", "by");
+        printf("%-14s %3u %12s %12llu %12llu %6s %-7s %s\n", zan_hwdb_name(d.hwdb), d.npu,
+               d.capacity ? std::to_string(d.capacity).c_str() : "no limit",
+               (unsigned long long)d.used, (unsigned long long)d.high_water, percent(d).c_str(),
+               state_name(d.state), occupants(r, d).c_str());
+    }
+    if (!shown)
+        printf("no database is used or limited; --all shows them\n");
+}
+
+json_t as_json(const resources_t &r)
+{
+    json_t out = json_t::array();
+    for (uint32_t i = 0; i < r.head.num_databases; i++) {
+        const zan_resource_st &d = r.databases.get()[i];
+        json_t tables = json_t::object();
+        for (uint32_t t = 0; t < r.head.num_tables; t++) {
+            const zan_resource_table_st &table = r.tables.get()[t];
+            if (table.hwdb == d.hwdb && table.used[d.npu])
+                tables[kor_table_name_get(table.table_id)] = table.used[d.npu];
+        }
+        out.push_back({{"database", zan_hwdb_name(d.hwdb)},
+                       {"npu", d.npu},
+                       {"capacity", d.capacity},
+                       {"used", d.used},
+                       {"high_water", d.high_water},
+                       {"state", state_name(d.state)},
+                       {"crossings", d.crossings},
+                       {"yellow", d.thresholds[0]},
+                       {"yellow_clear", d.thresholds[1]},
+                       {"red", d.thresholds[2]},
+                       {"red_clear", d.thresholds[3]},
+                       {"tables", tables}});
+    }
+    return out;
+}
+
+/* Thresholds as "80,75,95,90". */
+bool parse_thresholds(const std::string &text, uint8_t *out)
+{
+    unsigned p[4];
+    char rest;
+    if (sscanf(text.c_str(), "%u,%u,%u,%u%c", &p[0], &p[1], &p[2], &p[3], &rest) != 4)
+        return false;
+    for (int i = 0; i < 4; i++) {
+        if (p[i] > 100)
+            return false;
+        out[i] = (uint8_t)p[i];
+    }
+    return true;
+}
+
+} // namespace
+
+int run_resources(session_t *session, const resources_options_t &options)
+{
+    zan_resources_st request = {};
+    request.npu = options.npu < 0 ? ZAN_RESOURCES_ALL_NPUS : (uint32_t)options.npu;
+    if (!options.database.empty()) {
+        request.hwdb = zan_hwdb_find(options.database.c_str());
+        if (request.hwdb == ZAN_HWDB_NONE)
+            return fail_text("there is no database " + options.database +
+                             ": resources --all lists them");
+    } else if (options.capacity || !options.thresholds.empty()) {
+        return fail_text("of which database? Say --db NAME; resources --all lists them");
+    }
+    if (options.capacity) {
+        request.set |= ZAN_RESOURCES_SET_CAPACITY;
+        request.capacity = *options.capacity;
+    }
+    if (!options.thresholds.empty()) {
+        request.set |= ZAN_RESOURCES_SET_THRESHOLDS;
+        if (!parse_thresholds(options.thresholds, request.thresholds))
+            return fail_text("--thresholds takes four percentages: yellow, its clear, red, its "
+                             "clear, as 80,75,95,90");
+    }
+    resources_t r;
+    zan_resource_st *databases;
+    zan_resource_table_st *tables;
+    if (zan_client_resources(session->client, &request, &r.head, &databases, &tables))
+        return fail_session(session);
+    r.databases.reset(databases);
+    r.tables.reset(tables);
+    if (session->json)
+        printf("%s\n", as_json(r).dump().c_str());
+    else
+        print(r, options.all);
+    return EXIT_WELL;
+}
