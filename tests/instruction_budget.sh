@@ -36,8 +36,8 @@ hold() { # <flow> <instructions> <budget>
         failed=1
     fi
 }
-hold create "$create" 8100
+hold create "$create" 8300
 hold read "$(behind_create read)" 2080
-hold update "$(behind_create update)" 8450
-hold delete "$(behind_create delete)" 6100
+hold update "$(behind_create update)" 8700
+hold delete "$(behind_create delete)" 6250
 exit $failed

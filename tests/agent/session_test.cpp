@@ -525,6 +525,19 @@ TEST_F(session, refuses_strange_frames)
     }
     send_frame(fd, ZAN_FRAME_WALK_COUNTS, "12345678", 8);
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    const zan_resources_st resources[] = {
+        {8, ZAN_HWDB_LPM, 0, {}, 0},                           /* sets nothing known */
+        {ZAN_RESOURCES_SET_CAPACITY, ZAN_NUM_HWDBS, 0, {}, 1}, /* no database */
+        {ZAN_RESOURCES_SET_CAPACITY, ZAN_HWDB_NONE, 0, {}, 1}, /* none */
+        {ZAN_RESOURCES_SET_CAPACITY, ZAN_HWDB_LPM, 9, {}, 1},  /* no NPU */
+        {ZAN_RESOURCES_SET_THRESHOLDS, ZAN_HWDB_LPM, 0, {80, 75, 101, 90}, 0}, /* above 100 % */
+    };
+    send_frame(fd, ZAN_FRAME_RESOURCES, resources, 8);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
+    for (const zan_resources_st &r : resources) {
+        send_frame(fd, ZAN_FRAME_RESOURCES, &r, sizeof r);
+        EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << &r - resources;
+    }
     send_frame(fd, ZAN_FRAME_COMPARE, "1234", 4);
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
     const zan_compare_st compare = {9999, 1};

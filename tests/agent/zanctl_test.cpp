@@ -251,6 +251,41 @@ TEST_F(zanctl, shows_how_a_change_walks)
     EXPECT_EQ(run("events nonsense").status, 2);
 }
 
+TEST_F(zanctl, shows_how_full_the_hardware_is)
+{
+    start({"--capacity", "lpm=4", "--thresholds", "lpm=50,40,100,90"});
+    std::string text;
+    for (const char *prefix : {"1", "2", "3", "4", "5"})
+        text += std::string("create iproute vrf_id=0 prefix=") + prefix + ".0.0.0/8\n";
+    ASSERT_EQ(run("apply " + write_file("routes", text)).status, 0) << "nobody waits for hardware";
+    ASSERT_EQ(run("create ipvrf vrf_id=1").status, 0);
+    EXPECT_EQ(run("compare").status, 1) << "the fifth has found no room";
+    const std::string resources = run("resources").text;
+    for (const char *part :
+         {"\nlpm              0            4            4            4  100 % red     iproute 4\n",
+          "\nlpm              1            4            4            4  100 % red     iproute 4\n",
+          " no limit            1            1        green   ipvrf 1\n"})
+        EXPECT_NE(resources.find(part), std::string::npos) << part << "\n" << resources;
+    EXPECT_EQ(resources.find("acl"), std::string::npos) << "neither used nor limited";
+
+    ASSERT_EQ(run("delete iproute vrf_id=0 prefix=1.0.0.0/8").status, 0);
+    ASSERT_EQ(run("compare").status, 1); /* the NPUs stand still behind it */
+    EXPECT_NE(run("resources").text.find("   75 % yellow  iproute 3\n"), std::string::npos)
+        << run("resources").text;
+    EXPECT_EQ(run("resources --db lpm --capacity 3 --npu 1").status, 0);
+    const std::string json = run("--json resources").text;
+    EXPECT_NE(json.find("{\"database\":\"lpm\",\"npu\":1,\"capacity\":3,\"used\":3,"
+                        "\"high_water\":4,\"state\":\"red\",\"crossings\":4,\"yellow\":50,"
+                        "\"yellow_clear\":40,\"red\":100,\"red_clear\":90,\"tables\":{"
+                        "\"iproute\":3}}"),
+              std::string::npos)
+        << json;
+    EXPECT_EQ(run("resources --db nonsense --capacity 3").status, 2);
+    EXPECT_EQ(run("resources --capacity 3").status, 2) << "of which database?";
+    EXPECT_EQ(run("resources --db lpm --thresholds 80,90,95,90").status, 2) << "clears above";
+    EXPECT_EQ(run("resources --db lpm --thresholds eighty").status, 2);
+}
+
 TEST_F(zanctl, shows_colours_and_what_they_keep_back)
 {
     start({});
