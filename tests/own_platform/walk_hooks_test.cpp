@@ -76,6 +76,8 @@ private:
 extern "C" {
 void zan_walk_events_test_nh_push_nh_e1(kor_dpd_event_ctx_t *walk_ctx);
 void zan_walk_events_test_nh_push_nh_e3(kor_dpd_event_ctx_t *walk_ctx);
+void zan_walk_events_testdynhg_push_dynhg_e3(kor_dpd_event_ctx_t *walk_ctx);
+void zan_walk_events_testdynhg_push_dynhg_e4(kor_dpd_event_ctx_t *walk_ctx);
 void zan_walk_events_testca_push_testca_evt_pp_push(kor_dpd_event_ctx_t *walk_ctx);
 
 ZAN_EXPORT zan_rcode srv_test_if_resolve(zan_table_base_st *obj, zan_table_base_st *)
@@ -95,6 +97,16 @@ ZAN_EXPORT zan_rcode srv_test_nh_update(zan_delta_lists_t *delta)
 ZAN_EXPORT zan_rcode srv_test_nhg_update(zan_delta_lists_t *delta)
 {
     return note("update", delta->new_obj);
+}
+
+/* Each NPU's thread reports another bit. */
+ZAN_EXPORT zan_rcode srv_testdynhg_update(zan_delta_lists_t *delta)
+{
+    if (zan_thread_npu() % 2 == 0)
+        zan_walk_events_testdynhg_push_dynhg_e3(delta->walk_ctx);
+    else
+        zan_walk_events_testdynhg_push_dynhg_e4(delta->walk_ctx);
+    return EOK;
 }
 
 ZAN_EXPORT zan_rcode srv_testda_update(zan_delta_lists_t *delta)
@@ -187,6 +199,20 @@ TEST(WalkHooks, APlatformReportsAChangeThatNoAttributeShows)
     EXPECT_EQ(update("test_nh id=1 b=7").rc, (zan_rcode)EOK);
     EXPECT_EQ(stored(below)->dpd.bwalk_update_count, 2);
     on_nh_update = nullptr;
+}
+
+TEST(WalkHooks, NpuThreadsReportAtOnce)
+{
+    const server_t server({.num_npus = 8});
+    create("testdynhg id=1");
+    const uint64_t below =
+        create("test_rt vrf_id=1 prefix=10.0.0.0/8 next_obj.testdynhg.id=1").handle;
+    for (uint32_t value = 1; value <= 20; value++)
+        EXPECT_EQ(update("testdynhg id=1 a=" + std::to_string(value)).rc, (zan_rcode)EOK);
+    EXPECT_EQ(stored(below)->dpd.bwalk_update_count, 20);
+    const zan_bwalk_stats_st *source = zan_dpd_get_bwalk_stats(table("testdynhg")->id);
+    EXPECT_EQ(source->num_evt_pushed, 20u) << "the one that a table wants";
+    EXPECT_EQ(source->num_evt_pruned, 20u) << "the one that none wants";
 }
 
 /* The first next hop forces what is below it, the second and the interface only ask. */

@@ -357,6 +357,51 @@ TEST(Walk, HearsTheFilterOfATable)
     EXPECT_EQ(received->count, 2u) << "both visits, also the one before whose end it was removed";
 }
 
+/* ---- A platform's own bits and events ---- */
+
+namespace
+{
+
+zan_event_record_t extra_events[2]; /* the first is reserved */
+
+zan_event_record_t *get_extra_events(uint32_t *length)
+{
+    *length = 2;
+    return extra_events;
+}
+
+uint64_t bit_40(zan_table_base_st *, zan_table_base_st *)
+{
+    return (uint64_t)1 << 40;
+}
+
+} // namespace
+
+/* The event has the bits that a subscription goes by, though its table declares no such record. */
+TEST(Walk, PushesThePlatformsEventsWithTheTablesOwn)
+{
+    const server_t server({});
+    create("test_nh id=1");
+    const uint64_t below = create("test_nhg id=1 backup_obj.test_nh.id=1").handle;
+    srv_zan_table_props_t *props = zan_srv_table_props_get(table("test_nh")->id);
+    extra_events[1] = props->event_table[1];
+    extra_events[1].attrib_mask |= (uint64_t)1 << 40;
+    extra_events[1].pushed_count = 0;
+    props->get_extra_events = get_extra_events;
+    update("test_nh id=1 b=1");
+    EXPECT_EQ(walk_counts().pushed, 0u);
+    props->get_platform_attrib_mask = bit_40;
+    update("test_nh id=1 b=2");
+    EXPECT_EQ(extra_events[1].pushed_count, 1u);
+    EXPECT_EQ(props->event_table[1].pushed_count, 0u);
+    EXPECT_EQ(stored(below)->dpd.bwalk_skip_count, 1) << "nobody subscribes to these bits";
+    props->get_infra_attrib_mask = bit_40;
+    extra_events[1].attrib_mask = props->event_table[1].attrib_mask;
+    update("test_nh id=1 change_0=1");
+    EXPECT_EQ(walk_counts().pushed, 3u) << "both records";
+    EXPECT_EQ(stored(below)->dpd.bwalk_update_count, 1);
+}
+
 /* ---- Failures ---- */
 
 TEST(Walk, GoesOnBehindAChildThatFails)

@@ -245,7 +245,8 @@ typedef struct srv_zan_table_props_t {
     /* [service] The two halves of the attribute-change mask. */
     uint64_t (*get_infra_attrib_mask)(zan_table_base_st *new_obj, zan_table_base_st *old_obj);
     uint64_t (*get_platform_attrib_mask)(zan_table_base_st *new_obj, zan_table_base_st *old_obj);
-    /* [service] A further record array, and its length; its record 0 is reserved. */
+    /* [service] A further record array, with the bitmaps of its records, and its length; its
+     * record 0 is reserved. */
     zan_event_record_t *(*get_extra_events)(uint32_t *length);
     /* [service] Given the table's event array, or null, at its init. */
     void (*set_event_table)(zan_event_record_t *events);
