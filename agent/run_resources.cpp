@@ -125,6 +125,7 @@ answer_t run_resources(node_t *node, const request_t &request)
                               "<= 100");
     if ((asked.set & ZAN_RESOURCES_SET_CAPACITY) &&
         !set_capacity(node->npus, asked.npu, asked.hwdb, asked.capacity))
-        return refuse_request(node, "hwdb", "no such database or NPU");
+        return refuse_request(node, "capacity",
+                              "no such database or NPU, or more entries than can be counted");
     return answer(node->facts.num_npus);
 }

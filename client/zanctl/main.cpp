@@ -82,7 +82,8 @@ void add_commands(CLI::App *app, arguments_t *a)
     CLI::App *resources = app->add_subcommand(
         "resources", "how full the hardware databases of each NPU are, and how much they take");
     resources->add_flag("--all", a->resources.all, "the unused ones too");
-    resources->add_option("--db", a->resources.database, "the database to set something of");
+    resources->add_option("--db", a->resources.database,
+                          "one database: to show, or to set something of");
     resources->add_option("--capacity", a->resources.capacity,
                           "entries that it takes; 0: no limit");
     resources->add_option("--npu", a->resources.npu, "of this NPU only")->check(CLI::Range(0, 7));

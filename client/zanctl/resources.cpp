@@ -2,6 +2,7 @@
 #include "objects.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace
 {
@@ -38,30 +39,44 @@ std::string percent(const zan_resource_st &r)
     return r.capacity ? std::to_string(r.used * 100 / r.capacity) + " %" : "";
 }
 
-void print(const resources_t &r, bool all)
+/* The rows to show: of one database, or of those that are used or limited, or of all. */
+bool is_shown(const zan_resource_st &d, const resources_options_t &options)
+{
+    if (!options.database.empty())
+        return options.database == zan_hwdb_name(d.hwdb);
+    return options.all || d.used || d.capacity || d.high_water;
+}
+
+void print(const resources_t &r, const resources_options_t &options)
 {
     uint32_t shown = 0;
     for (uint32_t i = 0; i < r.head.num_databases; i++) {
         const zan_resource_st &d = r.databases.get()[i];
-        if (!all && !d.used && !d.capacity && !d.high_water)
+        if (!is_shown(d, options))
             continue;
         if (!shown++)
             printf("%-14s %3s %12s %12s %12s %6s %-7s %s\n", "database", "NPU", "capacity", "used",
                    "highest", "full", "state", "by");
-        printf("%-14s %3u %12s %12llu %12llu %6s %-7s %s\n", zan_hwdb_name(d.hwdb), d.npu,
+        const std::string by = occupants(r, d);
+        printf("%-14s %3u %12s %12llu %12llu %6s %s", zan_hwdb_name(d.hwdb), d.npu,
                d.capacity ? std::to_string(d.capacity).c_str() : "no limit",
                (unsigned long long)d.used, (unsigned long long)d.high_water, percent(d).c_str(),
-               state_name(d.state), occupants(r, d).c_str());
+               state_name(d.state));
+        if (!by.empty())
+            printf("%*s %s", 7 - (int)strlen(state_name(d.state)), "", by.c_str());
+        printf("\n");
     }
     if (!shown)
         printf("no database is used or limited; --all shows them\n");
 }
 
-json_t as_json(const resources_t &r)
+json_t as_json(const resources_t &r, const resources_options_t &options)
 {
     json_t out = json_t::array();
     for (uint32_t i = 0; i < r.head.num_databases; i++) {
         const zan_resource_st &d = r.databases.get()[i];
+        if (!options.database.empty() && !is_shown(d, options))
+            continue;
         json_t tables = json_t::object();
         for (uint32_t t = 0; t < r.head.num_tables; t++) {
             const zan_resource_table_st &table = r.tables.get()[t];
@@ -131,8 +146,8 @@ int run_resources(session_t *session, const resources_options_t &options)
     r.databases.reset(databases);
     r.tables.reset(tables);
     if (session->json)
-        printf("%s\n", as_json(r).dump().c_str());
+        printf("%s\n", as_json(r, options).dump().c_str());
     else
-        print(r, options.all);
+        print(r, options);
     return EXIT_WELL;
 }

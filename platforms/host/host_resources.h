@@ -31,7 +31,8 @@ ZAN_EXPORT void zan_host_resource_get(uint32_t npu, uint32_t hwdb, zan_host_reso
 /* Entries that the objects of a table take on an NPU. */
 ZAN_EXPORT uint64_t zan_host_resource_used_by(uint32_t npu, uint32_t table_id);
 /* Set how much a database takes, on one NPU or, with ZAN_MAX_NPUS, on all; and from when on it is
- * told. The state follows at once. False for what there is not, and for thresholds that do not rise
+ * told. The state follows at once. False for what there is not, for more than UINT64_MAX / 100
+ * entries, and for thresholds that do not rise
  * (yellow_clear <= yellow < red <= 100, yellow < red_clear <= red). */
 ZAN_EXPORT bool zan_host_resource_set_capacity(uint32_t npu, uint32_t hwdb, uint64_t capacity);
 ZAN_EXPORT bool zan_host_resource_set_thresholds(uint32_t hwdb,

@@ -8,7 +8,7 @@
 /* X(name, arguments, text) */
 #define HOST_TRACE_MESSAGES(X)                                                                     \
     X(COLOR_MISMATCH, 3, "colours differ from what is needed: obj %x, carries %x, due %x")         \
-    X(BWALK_ROOT_FAILED, 3, "walk %u, trans %u: its source came to %x")                            \
+    X(BWALK_ROOT_FAILED, 4, "walk %u, trans %u: its source, request %x, came to %x")               \
     X(BWALK_DONE, 7, "walk %u of table %u: %u visits, %u updates, %u deleted, %u revisits, rc %x")
 
 typedef enum host_trace_message_et {

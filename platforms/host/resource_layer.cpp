@@ -184,7 +184,7 @@ uint64_t zan_host_resource_used_by(uint32_t npu, uint32_t table_id)
 
 bool zan_host_resource_set_capacity(uint32_t npu, uint32_t hwdb, uint64_t capacity)
 {
-    if (npu > ZAN_MAX_NPUS || !is_database(hwdb))
+    if (npu > ZAN_MAX_NPUS || !is_database(hwdb) || capacity > UINT64_MAX / 100)
         return false;
     for (uint32_t n = 0; n < ZAN_MAX_NPUS; n++)
         if (n == npu || npu == ZAN_MAX_NPUS) {

@@ -31,8 +31,8 @@ namespace
 struct walk_t {
     walk_t *outer; /* that this one's turn has interrupted */
     host_walk_ctx_t *root;
-    host_walk_ctx_t
-        asking; /* stands for a source towards a table; its own may be with NPU threads */
+    /* Stands for a source towards a table: the source's own context may be with NPU threads. */
+    host_walk_ctx_t asking;
     host_walk_queue_t queue;
     host_event_sets_t sets;
     zan_table_response_st response; /* of contexts whose updates are over */

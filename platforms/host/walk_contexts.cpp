@@ -158,9 +158,9 @@ void host_walk_ctx_came_home(kor_dpd_event_ctx_t *walk_ctx)
 
 /* ---- What the server asks and tells ---- */
 
-/* The walk works with stored objects and copies; it has no use for the request. */
-void zan_walk_ctx_set_new_obj_heap(kor_dpd_event_ctx_t *, zan_table_base_st *)
+void zan_walk_ctx_set_new_obj_heap(kor_dpd_event_ctx_t *walk_ctx, zan_table_base_st *obj)
 {
+    host_walk_ctx(walk_ctx)->request = obj;
 }
 
 void zan_walk_ctx_set_from_retry(kor_dpd_event_ctx_t *walk_ctx, bool retry)
@@ -208,13 +208,15 @@ bool zan_walk_ctx_owns_old_obj(const kor_dpd_event_ctx_t *walk_ctx)
     return walk_ctx->old_obj != nullptr;
 }
 
+/* Of an update that nobody waits for and that had something to tell its children. */
 void zan_walk_ctx_stamp_root_error(kor_dpd_event_ctx_t *walk_ctx, zan_rcode rc)
 {
     if (rc == EOK || walk_ctx->num_events == 0)
         return;
     if (zan_trace_enabled[ZAN_CLASS_ZAN_BWALK_ERROR__])
-        _ringlog_3(ZAN_CLASS_ZAN_BWALK_ERROR__, HOST_TRACE_ID(BWALK_ROOT_FAILED, 3),
-                   host_walk_ctx(walk_ctx)->bwalk_id, walk_ctx->trans_id, rc);
+        _ringlog_4(ZAN_CLASS_ZAN_BWALK_ERROR__, HOST_TRACE_ID(BWALK_ROOT_FAILED, 4),
+                   host_walk_ctx(walk_ctx)->bwalk_id, walk_ctx->trans_id,
+                   (uint64_t)(uintptr_t)host_walk_ctx(walk_ctx)->request, rc);
 }
 
 void zan_walk_ctx_push_attr_upd_mask(kor_dpd_event_ctx_t *walk_ctx, uint32_t, uint64_t mask)

@@ -31,8 +31,9 @@ struct host_walk_ctx_t {
     host_walk_ctx_t *next_nested; /* of a root its contexts, of a nested one the next of its root */
     host_walk_ctx_t *next_pushed; /* of the same object, pushed on an earlier visit */
     zan_bwalk_event_list_t own;
-    uint32_t num_forced; /* as a source: matches that have forced an update */
-    bool forces;         /* as a source: there were such */
+    uint32_t num_forced;              /* as a source: matches that have forced an update */
+    bool forces;                      /* as a source: there were such */
+    const zan_table_base_st *request; /* of the update; for a trace, never followed */
     uint32_t bwalk_id;
     uint32_t num_child_updates;
     bool from_retry;

@@ -280,6 +280,7 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
                         "\"iproute\":3}}"),
               std::string::npos)
         << json;
+    EXPECT_EQ(run("resources --db acl").text.find("lpm"), std::string::npos);
     EXPECT_EQ(run("resources --db nonsense --capacity 3").status, 2);
     EXPECT_EQ(run("resources --capacity 3").status, 2) << "of which database?";
     EXPECT_EQ(run("resources --db lpm --thresholds 80,90,95,90").status, 2) << "clears above";

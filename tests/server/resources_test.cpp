@@ -139,6 +139,9 @@ TEST(Resources, ADatabaseTellsWhenItRunsFullAndWhenThereIsRoom)
     EXPECT_TRUE(zan_host_resource_set_capacity(0, ZAN_HWDB_LPM, 12));
     EXPECT_EQ(lpm(0).state, (uint32_t)ZAN_RESOURCE_RED);
     EXPECT_FALSE(zan_host_resource_set_capacity(0, ZAN_HWDB_NONE, 12));
+    EXPECT_FALSE(zan_host_resource_set_capacity(0, ZAN_HWDB_LPM, UINT64_MAX));
+    EXPECT_TRUE(zan_host_resource_set_capacity(0, ZAN_HWDB_LPM, UINT64_MAX / 100));
+    EXPECT_EQ(lpm(0).state, (uint32_t)ZAN_RESOURCE_GREEN);
 }
 
 /* What hardware refuses is not occupied, whether the object stays or not; deletes bring room. */

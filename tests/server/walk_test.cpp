@@ -112,47 +112,6 @@ TEST_P(WalkOrder, ARandomGraphIsVisitedOnce)
 
 INSTANTIATE_TEST_SUITE_P(Seeds, WalkOrder, testing::Range(0u, 4u));
 
-TEST(Walk, ReachesWhoDependsOnTheChangeAndNobodyElse)
-{
-    const server_t server({.num_npus = 2});
-    create("l3intf intf=1 ipv4_mtu=1500");
-    create("l3intf intf=2 ipv4_mtu=1500");
-    create("macllnh intf=1 adj_id=1 l3intf_obj.l3intf.intf=1");
-    create("macllnh intf=2 adj_id=1 l3intf_obj.l3intf.intf=2");
-    create("ipnh nh_id=1 next_obj.macllnh.intf=1 next_obj.macllnh.adj_id=1");
-    for (const char *id : {"7", "8"}) {
-        const std::string group = std::string("nhg_id=") + id;
-        create("ipnhgroup " + group + " nexthop_next_obj[0].ipnh.nh_id=1");
-        for (const char *net : {"1", "2", "3"})
-            create("iproute vrf_id=" + std::string(id) + " prefix=" + net +
-                   ".0.0.0/8 next_obj.ipnhgroup." + group);
-    }
-    settle();
-    npu_sim_counts_t hardware, hardware_after;
-    npu_sim_counts(1, &hardware);
-    EXPECT_EQ(update("ipnhgroup nhg_id=7 nexthop_next_obj[0].ipnh.nh_id=1 fec_id=99").rc,
-              (zan_rcode)EOK);
-    settle();
-    npu_sim_counts(1, &hardware_after);
-    EXPECT_EQ(hardware_after.updates, hardware.updates + 4) << "the group and its three routes";
-    walk_counts_t counts = walk_counts();
-    EXPECT_EQ(counts.walks, 1u);
-    EXPECT_EQ(counts.pushed, 1u);
-    EXPECT_EQ(counts.updates, 3u);
-    EXPECT_EQ(counts.forced, 3u);
-    EXPECT_EQ(named("iproute vrf_id=7 prefix=1.0.0.0/8")->dpd.bwalk_update_count, 1);
-    EXPECT_EQ(named("iproute vrf_id=8 prefix=1.0.0.0/8")->dpd.bwalk_update_count, 0);
-
-    EXPECT_EQ(update("l3intf intf=1 ipv4_mtu=9000").rc, (zan_rcode)EOK);
-    counts = walk_counts();
-    EXPECT_EQ(counts.walks, 2u);
-    EXPECT_EQ(counts.updates, 4u) << "the next hop of the interface, and nothing below it";
-    EXPECT_EQ(counts.skips, 0u);
-    EXPECT_EQ(named("macllnh intf=1 adj_id=1")->dpd.bwalk_update_count, 1);
-    EXPECT_EQ(named("macllnh intf=2 adj_id=1")->dpd.bwalk_update_count, 0);
-    EXPECT_EQ(hardware_differs(2), "");
-}
-
 namespace
 {
 

@@ -20,11 +20,6 @@ constexpr uint32_t rdesc_operation = 12;
 constexpr const char *assert_file = "/var/log/dispatcher_assert.txt";
 constexpr const char *rule = "=======================================";
 
-void tell(const plat_msg_rec_t *record, int severity, const char *text)
-{
-    plat_errmsg(record, severity, text);
-}
-
 void tell_exhausted(void)
 {
     char text[256];
@@ -33,7 +28,7 @@ void tell_exhausted(void)
              "which can have possible impact on transit traffic. Core file for %s process along "
              "with other debug data will be collected",
              program_invocation_short_name);
-    tell(plat_msg_rec_zan_auto_recovery_getfn(), 1, text);
+    plat_errmsg(plat_msg_rec_zan_auto_recovery_getfn(), 1, text);
 }
 
 /* A command that fails, or is not there, leaves its part of the file out. */
@@ -48,8 +43,8 @@ void write_stacks(void)
     char command[100];
     snprintf(command, sizeof command, "pstack %d > /var/log/npu_timeout.log", getpid());
     run_command(command);
-    tell(plat_msg_rec_zan_warn_err_getfn(), 4,
-         "NPU command request timedout, collect /var/log/npu_timeout.log from LC");
+    plat_errmsg(plat_msg_rec_zan_warn_err_getfn(), 4,
+                "NPU command request timedout, collect /var/log/npu_timeout.log from LC");
 }
 
 void write_load(void)
@@ -101,8 +96,8 @@ void write_npus(void)
 {
     FILE *file = fopen(assert_file, "w");
     if (!file) {
-        tell(plat_msg_rec_zan_warn_err_getfn(), 4,
-             "Failed to open file, /var/log/dispatcher_assert.txt from LC");
+        plat_errmsg(plat_msg_rec_zan_warn_err_getfn(), 4,
+                    "Failed to open file, /var/log/dispatcher_assert.txt from LC");
         return;
     }
     for (uint32_t npu = 0; npu < zan_get_global_ctx()->num_npus; npu++)
