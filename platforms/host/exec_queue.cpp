@@ -136,6 +136,11 @@ void zan_host_exec_q_set_resp_period(uint64_t microseconds)
     host_exec.resp_period_us.store(microseconds);
 }
 
+kor_npu_mask_t zan_host_exec_q_held(void)
+{
+    return host_exec.held.load();
+}
+
 void zan_host_exec_q_hold(kor_npu_mask_t mask)
 {
     host_exec.held.store(mask);

@@ -6,6 +6,7 @@
  * it takes. A seed decides how many, and whose turn it is. Each NPU's messages stay in order.
  */
 #include "exec_rings.h"
+#include "host_random.h"
 #include "host_threads.h"
 
 bool host_stepped;
@@ -15,15 +16,9 @@ namespace
 
 uint64_t state;
 
-/* splitmix64 */
 uint32_t random_below(uint32_t bound)
 {
-    state += 0x9e3779b97f4a7c15u;
-    uint64_t z = state;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9u;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebu;
-    z ^= z >> 31;
-    return (uint32_t)((z >> 32) * bound >> 32);
+    return (uint32_t)((host_random_next(&state) >> 32) * bound >> 32);
 }
 
 void run_as(uint32_t npu)

@@ -6,6 +6,7 @@
 #include "host_resources.h"
 #include "host_services.h"
 #include "host_start.h"
+#include "retry.h"
 #include "system_facts.h"
 
 #include <cstring>
@@ -51,6 +52,7 @@ zan_rcode zan_host_start(const zan_host_config_t *config)
 void zan_host_stop(void)
 {
     zan_host_exec_q_stop();
+    host_retry_stop();
     zan_host_internal_queues_clear();
     zan_host_identifiers_reset();
     started = false;

@@ -25,6 +25,7 @@ ZAN_EXPORT void zan_host_exec_q_stop(void);
 ZAN_EXPORT void zan_host_exec_q_set_resp_period(uint64_t microseconds);
 /* NPUs that start no further message, as if their driver hung; 0 lets all go on. Any thread. */
 ZAN_EXPORT void zan_host_exec_q_hold(kor_npu_mask_t mask);
+ZAN_EXPORT kor_npu_mask_t zan_host_exec_q_held(void);
 /* A performance exercise that sees each request before the queue; null for none. See
  * zan_server_perf_sanity_process_req_fn. */
 typedef bool (*zan_host_perf_exercise_f)(zan_exec_q_msg_st *msg, bool is_async_write,
@@ -39,6 +40,15 @@ ZAN_EXPORT void zan_host_clock_set_virtual(bool on);
 ZAN_EXPORT void zan_host_clock_advance(uint64_t microseconds);
 
 /* ---- Threads ---- */
+
+/* Threads that wait for a mutex of the server, and where. Any thread. */
+typedef struct zan_host_mutex_block_st {
+    const void *mutex;
+    const char *function; /* in which it waits; constant text */
+    uint32_t line;
+    int thread; /* as gettid(2) */
+} zan_host_mutex_block_st;
+ZAN_EXPORT uint32_t zan_host_mutex_blocks(zan_host_mutex_block_st *out, uint32_t max);
 
 /* FRR threads that wait for their turn. Any thread. */
 ZAN_EXPORT uint32_t zan_host_frr_waiting(void);

@@ -44,6 +44,8 @@ ZAN_EXPORT const char *zan_host_resource_state_name(uint32_t state);
 /* The list of handles for the global context, one for each NPU; and all databases empty, without
  * limit. Once per start. */
 void **host_resources_start(void);
+/* An NPU has taken an object of the table, or let go of it, without the flows' own accounting. */
+void host_resources_correct(uint32_t npu, uint32_t table_id, bool taken);
 ZAN_EXTERN_C_END
 
 #endif

@@ -19,13 +19,24 @@ void zan_host_fill_table_properties(void);
 ZAN_EXPORT uint32_t zan_host_identifier_of(const zan_table_base_st *obj, int32_t npu);
 /* Identifiers held in a table, over all NPUs. Any thread. */
 ZAN_EXPORT uint64_t zan_host_identifiers_held(uint32_t table_id);
+typedef struct zan_host_identifiers_st {
+    uint64_t capacity; /* over the NPUs that have given any out; 0: none has */
+    uint64_t held;
+    uint64_t orphaned;  /* of these, by keys that are not stored: their creates ended too early */
+    uint64_t refused;   /* reserves that found none left */
+    uint64_t reclaimed; /* numbers of orphans, taken back when none was left */
+} zan_host_identifiers_st;
+/* Looks over all of them. Dispatcher thread. */
+ZAN_EXPORT void zan_host_identifiers_get(uint32_t table_id, zan_host_identifiers_st *out);
 /* How many a table has on each NPU; dispatcher thread, before the first reserve counts. */
 ZAN_EXPORT void zan_host_identifiers_set_capacity(uint32_t table_id, uint32_t capacity);
 /* Forget all identifiers and capacities. */
 ZAN_EXPORT void zan_host_identifiers_reset(void);
 
-/* ---- Notifications asked for, by type, since the start ---- */
-ZAN_EXPORT uint64_t zan_host_notifications(uint32_t type);
+/* ---- Table database ---- */
+
+/* Whether an object is stored under a key in its byte form. Dispatcher thread. */
+bool host_db_holds(uint32_t table_id, const uint8_t *key);
 
 /* ---- Tables registered for periodic statistics ---- */
 ZAN_EXPORT uint32_t zan_host_active_stats_tables(void);

@@ -7,6 +7,10 @@
  * identifiers of an asynchronous delete, so each allocator has a spin lock; it is held for a probe,
  * never across a call.
  *
+ * A create that ends before its hardware step keeps what it has reserved: the object that a client
+ * sends again has the same number. When an allocator runs dry, the numbers of keys that are not
+ * stored are taken back.
+ *
  * That release comes later than the delete, and a create of the same key may come between: it holds
  * the number too. So an entry knows whether an object holds it, and how many deletes with the NPUs
  * have still to let it go; it is free when both are gone.
@@ -33,10 +37,12 @@ constexpr uint32_t number_word = 0, state_word = 1, key_word = 2;
 
 struct allocator_t {
     uint32_t lock;
-    uint32_t used;     /* entries */
-    uint32_t slots;    /* a power of two, or 0 */
-    uint32_t next;     /* the first number never given out */
-    uint32_t num_free; /* numbers given back */
+    uint32_t used;      /* entries */
+    uint32_t slots;     /* a power of two, or 0 */
+    uint32_t next;      /* the first number never given out */
+    uint32_t num_free;  /* numbers given back */
+    uint32_t fruitless; /* refusals to come before orphans are looked for again */
+    uint64_t refused, reclaimed;
     uint32_t free_room;
     uint32_t *free_numbers;
     uint8_t *entries; /* slots * stride; a number of ZAN_IDENTIFIER_NONE marks an empty slot */
@@ -202,6 +208,54 @@ void remove_slot(allocator_t *a, uint32_t key_size, uint32_t hole)
     a->used--;
 }
 
+/* ---- Numbers of keys that are not stored ---- */
+
+bool is_orphan(const zan_table_def_t *def, const uint32_t *entry)
+{
+    return *entry != ZAN_IDENTIFIER_NONE && entry[state_word] == entry_held &&
+           !host_db_holds(def->id, (const uint8_t *)(entry + key_word));
+}
+
+/* Take the orphans' numbers back. A look over all entries, so that one that finds nothing is not
+ * repeated before as many refusals as an eighth of them. */
+bool reclaim(const zan_table_def_t *def, allocator_t *a)
+{
+    if (a->fruitless != 0) {
+        a->fruitless--;
+        return false;
+    }
+    const uint64_t before = a->reclaimed;
+    for (uint32_t slot = 0; slot < a->slots;) {
+        const uint32_t *entry = entry_at(a, stride_of(def->key_bytes), slot);
+        if (is_orphan(def, entry) && give_number(a, *entry)) {
+            remove_slot(a, def->key_bytes, slot); /* another may have moved up into it */
+            a->reclaimed++;
+        } else {
+            slot++;
+        }
+    }
+    if (a->reclaimed == before)
+        a->fruitless = a->used / 8;
+    return a->reclaimed != before;
+}
+
+/* In some slots: NPU threads that release must not wait for more. */
+constexpr uint32_t scan_slots = 64;
+
+uint32_t count_orphans(const zan_table_def_t *def, allocator_t *a, uint32_t first)
+{
+    const spin_guard guard(&a->lock);
+    uint32_t count = 0;
+    for (uint32_t slot = first; slot < first + scan_slots && slot < a->slots; slot++)
+        count += is_orphan(def, entry_at(a, stride_of(def->key_bytes), slot));
+    return count;
+}
+
+uint32_t capacity_of(const zan_table_def_t *def)
+{
+    return capacities[def->id] ? capacities[def->id] : default_capacity;
+}
+
 allocator_t *allocator_of(const zan_table_def_t *def, int32_t npu)
 {
     return &allocators[def->id][(uint32_t)(npu + 1) % allocators_per_table];
@@ -228,16 +282,20 @@ zan_rcode zan_host_reserve_id(int32_t npu, const zan_table_base_st *obj)
     const spin_guard guard(&a->lock);
     if (a->used * 4 >= a->slots * 3 && !grow(a, key.size))
         return ZAN_RC_NO_MEMORY;
-    const uint32_t slot = probe(a, key);
-    uint32_t *entry = entry_at(a, stride_of(key.size), slot);
+    uint32_t *entry = entry_at(a, stride_of(key.size), probe(a, key));
     if (*entry != ZAN_IDENTIFIER_NONE) {
         entry[state_word] |= entry_held;
         return EOK;
     }
-    const uint32_t capacity = capacities[def->id] ? capacities[def->id] : default_capacity;
-    const uint32_t number = take_number(a, capacity);
-    if (number == ZAN_IDENTIFIER_NONE)
-        return ZAN_HOST_RC_NO_IDENTIFIER;
+    uint32_t number = take_number(a, capacity_of(def));
+    if (ZAN_UNLIKELY(number == ZAN_IDENTIFIER_NONE)) {
+        if (!reclaim(def, a)) {
+            a->refused++;
+            return ZAN_HOST_RC_NO_IDENTIFIER;
+        }
+        number = take_number(a, capacity_of(def));
+        entry = entry_at(a, stride_of(key.size), probe(a, key)); /* entries have moved */
+    }
     entry[number_word] = number;
     entry[state_word] = entry_held;
     memcpy(entry + key_word, key.bytes, key.size);
@@ -329,6 +387,23 @@ uint64_t zan_host_identifiers_held(uint32_t table_id)
         held += a.used;
     }
     return held;
+}
+
+void zan_host_identifiers_get(uint32_t table_id, zan_host_identifiers_st *out)
+{
+    *out = {};
+    const zan_table_def_t *def = zan_table_defs[table_id];
+    if (!def->identifiers)
+        return;
+    for (allocator_t &a : allocators[table_id]) {
+        if (a.slots)
+            out->capacity += capacity_of(def);
+        out->held += __atomic_load_n(&a.used, __ATOMIC_RELAXED);
+        out->refused += a.refused;
+        out->reclaimed += a.reclaimed;
+        for (uint32_t slot = 0; slot < a.slots; slot += scan_slots)
+            out->orphaned += count_orphans(def, &a, slot);
+    }
 }
 
 void zan_host_identifiers_set_capacity(uint32_t table_id, uint32_t capacity)

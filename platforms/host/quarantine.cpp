@@ -1,10 +1,10 @@
-/* Quarantine: copies of objects that are out of service, a list for each table.
+/* The quarantine lists: copies of objects that are out of service, a list for each table.
  *
  * The links stand in front of the copy, in one block of private memory: an entry is found from its
  * address, and nothing of the object is used for the list.
  */
-#include "quarantine.h"
 #include "host_control.h"
+#include "retry.h"
 #include "table_database.h"
 #include "zan_tables_private.h"
 

@@ -5,9 +5,11 @@
  * atomic, none depends on another but the state, which one thread moves at a time.
  *
  * An entry that is given back more often than it was taken stays at none: the update of a few
- * tables releases without a delete.
+ * tables releases without a delete. One in retry mode does not count as such, or a write that fails
+ * for long would empty the books.
  */
 #include "resource_layer.h"
+#include "host_notifications.h"
 #include "host_resources.h"
 #include "host_services.h"
 #include "trace.h"
@@ -95,9 +97,19 @@ void give_back(database_t *database)
     }
 }
 
-void account(void *npu_resource, uint32_t hwdb, uint32_t table_id, uint32_t amount,
-             const zan_table_base_st *, kor_send_oor_f send_oor)
+/* The release that an update of some tables comes with, when the update only repeats a write. */
+bool is_repeat(uint32_t amount, const zan_table_base_st *obj)
 {
+    return amount == 0 && obj && obj->table_operation == ZAN_TABLE_UPDATE &&
+           zan_obj_base_get_retry_mode(obj) &&
+           zan_table_defs[obj->table_id]->oor_update == ZAN_OOR_UPDATE_RELEASE;
+}
+
+void account(void *npu_resource, uint32_t hwdb, uint32_t table_id, uint32_t amount,
+             const zan_table_base_st *obj, kor_send_oor_f send_oor)
+{
+    if (is_repeat(amount, obj))
+        return;
     auto *npu = (npu_resource_t *)npu_resource;
     database_t *database = &npu->database[hwdb];
     if (amount) {
@@ -145,6 +157,9 @@ void kor_send_oor(void *npu_resource, uint32_t hwdb, uint32_t state)
         zan_hwdb_name(hwdb), (int)(npu - npus), zan_host_resource_state_name(state),
         (unsigned long long)database->used.load(), (unsigned long long)database->capacity.load());
     plat_errmsg(plat_msg_rec_zan_warn_err_getfn(), state == ZAN_RESOURCE_RED ? 3 : 5, text);
+    const zan_host_notif_resource_st resource = {
+        (uint32_t)(npu - npus), hwdb, state, 0, database->used.load(), database->capacity.load()};
+    host_notify_resource(&resource);
 }
 
 void **host_resources_start(void)
@@ -162,6 +177,13 @@ void **host_resources_start(void)
     for (std::atomic<zan_host_thresholds_st> &at : thresholds)
         at = usual;
     return handles;
+}
+
+void host_resources_correct(uint32_t npu, uint32_t table_id, bool taken)
+{
+    const uint32_t hwdb = zan_table_defs[table_id]->hwdb;
+    if (hwdb != ZAN_HWDB_NONE)
+        account(&npus[npu], hwdb, table_id, taken, nullptr, kor_send_oor);
 }
 
 void zan_host_resource_get(uint32_t npu, uint32_t hwdb, zan_host_resource_st *out)

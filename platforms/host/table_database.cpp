@@ -13,11 +13,12 @@
 #include "host_assert.h"
 #include "host_blocks.h"
 #include "host_control.h"
+#include "host_services.h"
 #include "identifiers.h"
 #include "locks.h"
-#include "quarantine.h"
 #include "radix_nodes.h"
 #include "radix_tree.h"
+#include "retry.h"
 #include "shared_pool.h"
 #include "thread_control.h"
 #include "walk.h"
@@ -218,6 +219,12 @@ bool zan_db_hdl_is_valid(uint32_t table_id, uint64_t handle)
 
 /* ---- Change ---- */
 
+bool host_db_holds(uint32_t table_id, const uint8_t *key)
+{
+    const table_t *table = &tables[table_id];
+    return table->index.def && host_radix_find(&table->index, key);
+}
+
 zan_rcode zan_db_insert(zan_table_base_st *db_obj)
 {
     table_t *table = table_of(db_obj);
@@ -241,6 +248,7 @@ zan_rcode zan_db_insert(zan_table_base_st *db_obj)
     }
     host_pool_set_mark(address_of(db_obj), HOST_MARK_STORED, true);
     change_count(table, 1);
+    host_quarantine_forget(db_obj);
     return EOK;
 }
 
@@ -263,6 +271,7 @@ void zan_db_delete(zan_db_del_ctx_t *ctx)
     host_pool_set_mark(address, HOST_MARK_STORED, false);
     change_count(table, -1);
     host_walks_forget(db_obj);
+    host_retry_unstored(db_obj);
     ctx->rc = EOK;
 }
 

@@ -8,6 +8,7 @@
 #include "table_properties.h"
 #include "host_blocks.h"
 #include "host_services.h"
+#include "write_watch.h"
 #include "zan_tables_private.h"
 
 #include <algorithm>
@@ -189,6 +190,7 @@ void zan_host_fill_table_properties(void)
         memset(&records[id], 0, sizeof records[id]);
         zan_srv_npi_init_table_props(id, &records[id]);
         fill_service_slots(zan_table_defs[id], &records[id]);
+        host_watch_writes(&records[id]);
         zan_srv_npi_init_adj_props(id);
     }
 }

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <mutex>
+#include <random>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -51,6 +52,13 @@ struct failure_t {
 std::mutex &failures_lock = *new std::mutex;
 std::vector<failure_t> &failures = *new std::vector<failure_t>;
 std::atomic<bool> any_failure;
+
+/* Failures by chance; under failures_lock. */
+struct chance_t {
+    uint32_t per_mille;
+    zan_rcode rc;
+    std::mt19937_64 random;
+} &chance = *new chance_t{};
 
 /* ---- The agent's side, bound at the first call: this library is loaded before it ---- */
 
@@ -128,11 +136,19 @@ image_t image_of(const zan_table_def_t *def, const zan_table_base_st *obj)
 
 /* ---- Told to fail ---- */
 
+bool is_write(uint32_t operation)
+{
+    return operation == ZAN_TABLE_CREATE || operation == ZAN_TABLE_UPDATE ||
+           operation == ZAN_TABLE_DELETE;
+}
+
 bool matches(const npu_sim_failure_t &f, uint32_t table_id, uint32_t npu, uint32_t operation)
 {
+    if (f.operation == NPU_SIM_WRITE && !is_write(operation))
+        return false;
     return (f.table_id == NPU_SIM_ANY || f.table_id == table_id) &&
            (f.npu == NPU_SIM_ANY || f.npu == npu) &&
-           (f.operation == NPU_SIM_ANY || f.operation == operation);
+           (f.operation >= NPU_SIM_WRITE || f.operation == operation);
 }
 
 zan_rcode told_to_fail(uint32_t table_id, uint32_t npu, uint32_t operation)
@@ -146,9 +162,12 @@ zan_rcode told_to_fail(uint32_t table_id, uint32_t npu, uint32_t operation)
             continue;
         f.seen++;
         if (rc == EOK && f.seen >= f.what.nth &&
-            (f.what.count == 0 || f.seen < f.what.nth + f.what.count))
+            (f.what.count == 0 || f.seen - f.what.nth < f.what.count))
             rc = f.what.rc;
     }
+    if (rc == EOK && is_write(operation) && chance.per_mille != 0 &&
+        chance.random() % 1000 < chance.per_mille)
+        rc = chance.rc;
     return rc;
 }
 
@@ -277,10 +296,26 @@ void leave_dropped_npus(const zan_table_def_t *def, const zan_table_base_st *obj
 
 /* ---- Hooks ---- */
 
+/* A create that fails leaves nothing behind, also where one call is for several NPUs. */
 zan_rcode npu_sim_create(const zan_table_base_st *obj)
 {
-    return on_each(obj, ZAN_TABLE_CREATE, &npu_sim_counts_t::creates,
-                   [&](const zan_table_def_t *def, npu_t *npu) { return store(def, npu, obj); });
+    std::vector<npu_t *> made;
+    const zan_table_def_t *obj_def = zan_table_defs[obj->table_id];
+    const std::string key = key_of(obj_def, obj);
+    const zan_rcode rc = on_each(obj, ZAN_TABLE_CREATE, &npu_sim_counts_t::creates,
+                                 [&](const zan_table_def_t *def, npu_t *npu) {
+                                     const bool held = npu->objects[def->id].count(key) != 0;
+                                     const zan_rcode stored = store(def, npu, obj);
+                                     if (stored == EOK && !held && !def->npu_threads)
+                                         made.push_back(npu);
+                                     return stored;
+                                 });
+    for (npu_t *npu : made)
+        if (rc != EOK) {
+            const std::lock_guard guard(npu->lock);
+            take_away(obj_def, npu, key);
+        }
+    return rc;
 }
 
 zan_rcode npu_sim_update(const zan_delta_lists_t *delta)
@@ -332,19 +367,21 @@ int32_t npu_sim_compare_members(const void *old_element, const void *new_element
     return ZAN_ELEMENT_OTHER;
 }
 
+/* One call may be for several NPUs: the object is unknown when none of them holds it. */
 zan_rcode npu_sim_delete(const zan_table_base_st *obj)
 {
-    const bool old_members = old_members_go(obj);
-    return on_each(obj, ZAN_TABLE_DELETE, &npu_sim_counts_t::deletes,
-                   [&](const zan_table_def_t *def, npu_t *npu) -> zan_rcode {
-                       if (old_members)
-                           return EOK;
-                       const auto found = npu->objects[def->id].find(key_of(def, obj));
-                       if (found == npu->objects[def->id].end())
-                           return NPU_SIM_RC_UNKNOWN;
-                       erase(def, npu, found);
-                       return EOK;
-                   });
+    bool found = old_members_go(obj);
+    const bool old_members = found;
+    const zan_rcode rc = on_each(obj, ZAN_TABLE_DELETE, &npu_sim_counts_t::deletes,
+                                 [&](const zan_table_def_t *def, npu_t *npu) -> zan_rcode {
+                                     const auto held = npu->objects[def->id].find(key_of(def, obj));
+                                     if (old_members || held == npu->objects[def->id].end())
+                                         return EOK;
+                                     erase(def, npu, held);
+                                     found = true;
+                                     return EOK;
+                                 });
+    return rc != EOK ? rc : found ? (zan_rcode)EOK : NPU_SIM_RC_UNKNOWN;
 }
 
 zan_rcode npu_sim_event(const zan_table_base_st *obj)
@@ -452,6 +489,21 @@ void npu_sim_fail(const npu_sim_failure_t *failure)
     any_failure = true;
 }
 
+void npu_sim_fail_at_random(uint32_t per_mille, uint64_t seed, zan_rcode rc)
+{
+    const std::lock_guard guard(failures_lock);
+    chance = {per_mille, rc, std::mt19937_64(seed)};
+    any_failure = per_mille != 0 || !failures.empty();
+}
+
+void npu_sim_fail_no_more(void)
+{
+    const std::lock_guard guard(failures_lock);
+    failures.clear();
+    chance = {};
+    any_failure = false;
+}
+
 void npu_sim_set_capacity(uint32_t npu, uint32_t table_id, uint64_t capacity)
 {
     npu_t &n = npus[npu % ZAN_MAX_NPUS];
@@ -482,9 +534,7 @@ void npu_sim_set_latency(uint32_t npu, uint64_t microseconds)
 
 void npu_sim_reset(void)
 {
-    const std::lock_guard guard(failures_lock);
-    failures.clear();
-    any_failure = false;
+    npu_sim_fail_no_more();
     for (npu_t &npu : npus) {
         const std::lock_guard npu_guard(npu.lock);
         for (auto &objects : npu.objects)

@@ -10,16 +10,18 @@
 #include "zan_table_base.h"
 
 /* The simulated hardware's own codes. */
-#define NPU_SIM_RC_FULL    0x4fa0c01cu /* the NPU's table is full */
-#define NPU_SIM_RC_UNKNOWN 0x4fa0c002u /* update or delete of what the NPU does not hold */
+#define NPU_SIM_RC_FULL    0x4fa0c01cu /* its table, or the hardware database, is full */
+#define NPU_SIM_RC_UNKNOWN 0x4fa0c002u /* delete of what the NPU does not hold */
 
-/* A write of any operation, for npu_sim_fail. */
-#define NPU_SIM_ANY 0xffffffffu
+/* For npu_sim_fail: any table, NPU or operation; and a create, update or delete. */
+#define NPU_SIM_ANY   0xffffffffu
+#define NPU_SIM_WRITE 0xfffffffeu
 
 typedef struct npu_sim_failure_t {
     uint32_t table_id;  /* or NPU_SIM_ANY */
     uint32_t npu;       /* or NPU_SIM_ANY */
-    uint32_t operation; /* ZAN_TABLE_CREATE, _UPDATE, _DELETE, _EVENT, _EOD, _GET, or NPU_SIM_ANY */
+    uint32_t operation; /* ZAN_TABLE_CREATE, _UPDATE, _DELETE, _EVENT, _EOD, _GET, NPU_SIM_WRITE
+                           or NPU_SIM_ANY */
     uint32_t nth;       /* the first matching call that fails, counted from 1 */
     uint32_t count;     /* how many fail from there on; 0: all */
     zan_rcode rc;
@@ -43,6 +45,10 @@ ZAN_EXPORT int npu_sim_compare(uint32_t npu, const zan_table_base_st *obj, char 
                                size_t why_size);
 /* Add a failure to those in force. */
 ZAN_EXPORT void npu_sim_fail(const npu_sim_failure_t *failure);
+/* Let so many of a thousand creates, updates and deletes fail, picked by a seed; 0: none. */
+ZAN_EXPORT void npu_sim_fail_at_random(uint32_t per_mille, uint64_t seed, zan_rcode rc);
+/* Forget all failures. */
+ZAN_EXPORT void npu_sim_fail_no_more(void);
 /* Objects that an NPU takes in a table; 0 is without limit. */
 ZAN_EXPORT void npu_sim_set_capacity(uint32_t npu, uint32_t table_id, uint64_t capacity);
 /* Objects that an NPU takes in a hardware database (zan_hwdb_et), over all its tables; 0 is without

@@ -32,6 +32,10 @@ ZAN_EXPORT int kor_db_lock(void);
 ZAN_EXPORT int kor_db_unlock(void);
 ZAN_EXPORT int kor_db_stats_lock(void);
 ZAN_EXPORT int kor_db_stats_unlock(void);
+/* The calling thread is about to block on a mutex, and where; and no longer. For who looks into a
+ * process that stands still. */
+ZAN_EXPORT void ptd_set_mutex_block(const void *mutex, const char *function, uint32_t line);
+ZAN_EXPORT void ptd_unset_mutex_block(void);
 /* Hardware access of the dispatcher thread is closed and reopened around the in-flight wait. */
 ZAN_EXPORT int kor_hw_access_complete(void);
 ZAN_EXPORT int kor_hw_access_in_progress(void);

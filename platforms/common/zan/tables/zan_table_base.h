@@ -196,6 +196,17 @@ ZAN_ASSERT_OFFSET(kor_table_req_hdr_st, client_id, 8);
 ZAN_ASSERT_OFFSET(kor_table_req_hdr_st, continue_on_error, 12);
 ZAN_STATIC_ASSERT(sizeof(kor_table_req_hdr_st) == 16, "request header");
 
+/* Types of notifications that the server and its host send; a platform has others. */
+enum {
+    ZAN_NOTIF_DELETED = 6, /* a postponed delete has gone through */
+    ZAN_NOTIF_RESOLVE_FAILED = 15,
+    ZAN_NOTIF_BIND_REFUSED = 16,
+    ZAN_NOTIF_NOT_FOUND = 17,
+    ZAN_NOTIF_RESERVE_FAILED = 18,
+    ZAN_NOTIF_OUT_OF_SERVICE = 20, /* the host's: its writes failed for good, or its parent's did */
+    ZAN_NOTIF_IN_SERVICE = 21,     /* the host's: put back */
+};
+
 ZAN_EXTERN_C_BEGIN
 /* Name of an operation for people ("create"); "unknown" for any other code. */
 ZAN_EXPORT const char *zan_table_operation_str(uint8_t operation);

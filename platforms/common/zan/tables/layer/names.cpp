@@ -1,8 +1,9 @@
-/* Names for people: return codes, operations, hardware databases.
+/* Names for people: return codes, operations, hardware databases, counters.
  *
  * The codes stand in one list, ZAN_RCODES in zan_rcodes.h: a new code gets its words and its
  * constant name there, and both functions below know it at once.
  */
+#include "../zan_counters.h"
 #include "../zan_rcodes.h"
 #include "../zan_table_base.h"
 #include "../zan_table_def.h"
@@ -88,4 +89,30 @@ uint32_t zan_hwdb_find(const char *name)
         if (strcmp(hwdb_names[hwdb], name) == 0)
             return hwdb;
     return ZAN_HWDB_NONE;
+}
+
+const char *zan_counter_words(uint32_t index)
+{
+    switch (index) {
+#define ZAN_COUNTER_WORDS(number, enumerator, words)                                               \
+    case number:                                                                                   \
+        return words;
+        ZAN_COUNTERS(ZAN_COUNTER_WORDS)
+#undef ZAN_COUNTER_WORDS
+    default:
+        return nullptr;
+    }
+}
+
+const char *zan_counter_name(uint32_t index)
+{
+    switch (index) {
+#define ZAN_COUNTER_NAME(number, enumerator, words)                                                \
+    case number:                                                                                   \
+        return #enumerator;
+        ZAN_COUNTERS(ZAN_COUNTER_NAME)
+#undef ZAN_COUNTER_NAME
+    default:
+        return nullptr;
+    }
 }

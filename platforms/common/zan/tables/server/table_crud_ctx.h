@@ -13,6 +13,7 @@
 #include "table_database.h"
 #include "table_properties.h"
 #include "trace_messages.h"
+#include "zan_counters.h"
 #include "zan_db.h"
 #include "zan_tables_private.h"
 
@@ -74,6 +75,9 @@ typedef struct zan_table_state_t {
     const kor_arch_resources_cb_t *arch_resources_cbs;
     pthread_once_t once;
     pthread_once_t stats_once;
+    pthread_mutex_t notif_mutex; /* covers the buffer, and the hand-over of a notification */
+    void *notif_buffer;
+    uint32_t notif_buffer_len;
     kor_db_ctx_t db_ctx;
     uint32_t first_pointer_offset;           /* of the pointer to the dynamic part; 0 without one */
     struct zan_inherit_step_t *inherit_plan; /* null until the table's init */
@@ -89,55 +93,6 @@ static inline zan_table_state_t *zan_table_state(const zan_table_def_t *def)
 }
 
 /* ---- Counters ---- */
-
-/* Index in the table's block of the global context. */
-typedef enum zan_counter_et {
-    ZAN_CTR_CREATE = 1,
-    ZAN_CTR_UPDATE = 2,
-    ZAN_CTR_DELETE = 3,
-    ZAN_CTR_BIND_FAILED = 5,
-    ZAN_CTR_REFS_CHANGED_A = 7,
-    ZAN_CTR_RESOLVE_REF_FAILED = 8,
-    ZAN_CTR_RESOLVE_MISMATCH = 9,
-    ZAN_CTR_RESOLVE_DROPPED = 10,
-    ZAN_CTR_BCAST_NO_NPU = 12,
-    ZAN_CTR_BCAST_SEND_FAILED = 13,
-    ZAN_CTR_WAIT_TIMEOUT = 14,
-    ZAN_CTR_WAIT_EXHAUSTED = 15,
-    ZAN_CTR_BCAST_NPU_ERROR = 16,
-    ZAN_CTR_REPLAY_MARKED = 19,
-    ZAN_CTR_REPLAY_SWEPT = 20,
-    ZAN_CTR_CREATE_DYN_ALLOC_FAILED = 21,
-    ZAN_CTR_INSERT_FAILED_A = 22,
-    ZAN_CTR_INSERT_FAILED_B = 23,
-    ZAN_CTR_CREATE_RESERVE_FAILED = 24,
-    ZAN_CTR_UPDATE_BCAST_FAILED = 25,
-    ZAN_CTR_CREATE_DIRECT_FAILED = 26,
-    ZAN_CTR_CREATE_NOT_FOR_NODE = 27,
-    ZAN_CTR_UPDATE_RESOLVE_HOOK_FAILED_A = 29,
-    ZAN_CTR_UPDATE_RESOLVE_HOOK_FAILED_B = 30,
-    ZAN_CTR_CREATE_STRICT_EQUAL = 31,
-    ZAN_CTR_CREATE_STRICT_DIFFERS = 32,
-    ZAN_CTR_CREATE_REPLACE_EQUAL = 33,
-    ZAN_CTR_CREATE_CONVERTED = 34,
-    ZAN_CTR_CREATE_DUPLICATE = 35,
-    ZAN_CTR_CREATE_HW_FAILED = 37,
-    ZAN_CTR_CREATE_STORE_FAILED = 38,
-    ZAN_CTR_CREATE_ROLLED_BACK = 39,
-    ZAN_CTR_READ_NOT_FOUND = 41,
-    ZAN_CTR_DELETE_NO_NPU = 42,
-    ZAN_CTR_DELETE_HW_FAILED = 43,
-    ZAN_CTR_DELETE_BCAST_FAILED = 44,
-    ZAN_CTR_DELETE_INDEPENDENT_FAILED = 45,
-    ZAN_CTR_DELETE_REF_CNT = 47,
-    ZAN_CTR_DB_DELETE_FAILED = 48,
-    ZAN_CTR_REFS_CHANGED_B = 49,
-    ZAN_CTR_UPDATE_HW_FAILED = 51,
-    ZAN_CTR_UPDATE_RESOLVE_FAILED = 53,
-    ZAN_CTR_UPDATE_TO_CREATE = 54,
-    ZAN_CTR_UNDO_FAILED = 58,
-    ZAN_CTR_TABLE_FULL = 60,
-} zan_counter_et;
 
 /* Raise a counter: since the start, since the last reset, and in the active bank. */
 static inline void zan_counter_raise(uint32_t table_id, zan_counter_et index)

@@ -10,6 +10,7 @@
 
 #include <stdio.h>
 
+#include "server_entry.h"
 #include "table_crud_ctx.h"
 
 /* Visitor of an iterator; what it returns is not looked at. It may delete the object it has. */
@@ -19,10 +20,6 @@ ZAN_EXTERN_C_BEGIN
 
 /* ---- Dispatch (src/dispatcher) ---- */
 
-/* Run a batch: `msg` and the slots must be writable for the whole call. Returns how the last object
- * went; the slots tell the rest. The fourth argument is not read. */
-ZAN_EXPORT int32_t zan_table_server_dispatcher(uint8_t *msg, zan_table_response_st *resp,
-                                               kor_table_req_hdr_st hdr, char *unused);
 /* Run one object; the slot's err_code must be 0. */
 ZAN_EXPORT int zan_table_server_block_dispatcher(zan_table_base_st *wire_obj,
                                                  zan_table_response_st *resp);

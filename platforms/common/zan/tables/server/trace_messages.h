@@ -120,6 +120,8 @@
     X(UNION_CLEARED, "union cleared: trans %u")                                                    \
     X(UNION_CLEARED_OLD, "union cleared: old object %x, old handle %x")                            \
     X(UNION_FAILED, "union not resolved: trans %u, rc %x")                                         \
+    X(NOTIFIED, "notified: type %u, trans %u")                                                     \
+    X(DELETE_NOTIFIED, "notifies of a delete: trans %u")                                           \
     X(QUARANTINE_DEPTH, "long quarantine search: %u entries, was %u, table %u")                    \
     X(BIND_FAILED, "bind failed: trans %u, obj %x, parent trans %u, parent %x")                    \
     X(BOUND, "bound: trans %u, obj %x, parent trans %u, parent %x")                                \

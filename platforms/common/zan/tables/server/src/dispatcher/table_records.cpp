@@ -193,6 +193,8 @@ uint64_t get_npi_handle(const zan_table_base_st *obj)
 
 void delete_notify(zan_table_base_st *obj)
 {
+    ZAN_TRACE_TABLE(zan_slt_obj_base(obj, ZAN_TRACE_LEVEL_EVENT), obj->table_id, DELETE_NOTIFIED,
+                    obj->base_trans_id);
     zan_send_srv_notif(obj, ZAN_NOTIF_DELETED);
 }
 
