@@ -9,6 +9,7 @@
 #include "requests.h"
 
 #include "exec_queue.h"
+#include "host_notifications.h"
 #include "host_start.h"
 #include "internal_queues.h"
 #include "table_database.h"
@@ -16,6 +17,7 @@
 #include "table_properties.h"
 #include "thread_control.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <new>
@@ -113,6 +115,16 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_walk_counts(node, *request);
         case ZAN_FRAME_RESOURCES:
             return run_resources(node, *request);
+        case ZAN_FRAME_FAILED:
+            return run_failed(node, *request);
+        case ZAN_FRAME_QUARANTINE:
+            return run_quarantine(node, *request);
+        case ZAN_FRAME_TABLE:
+            return run_table(node, *request);
+        case ZAN_FRAME_SIM:
+            return run_sim(node, *request);
+        case ZAN_FRAME_WATCH:
+            return run_watch(node, *request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }
@@ -133,9 +145,11 @@ void settle(node_t *node)
 void serve(node_t *node, transport_t *transport)
 {
     int rounds = 0;
+    int64_t retry_ms = 0; /* until failed writes are due */
     for (;;) {
         request_t request;
-        if (transport_take(transport, rounds ? idle_ms : calm_ms, &request)) {
+        const int64_t wait_ms = std::min<int64_t>(rounds ? idle_ms : calm_ms, retry_ms);
+        if (transport_take(transport, (int)wait_ms, &request)) {
             answer_t answer = run_request(node, transport, &request);
             transport_reply(transport, request, answer.type, std::move(answer.frame));
             rounds = settle_rounds;
@@ -146,6 +160,7 @@ void serve(node_t *node, transport_t *transport)
             if (kor_exec_q_get_depth(get_global_exec_q()) == 0)
                 rounds--;
         }
+        retry_ms = retry_failed_writes(node);
     }
 }
 
@@ -167,18 +182,20 @@ int serve_until_stopped(const zan_agent_options_t *options)
         return 2;
     if (!hooks_are_there(&node, options))
         return 1;
-    transport_t *transport = transport_start(options->socket_path, node.facts);
+    transport_t *transport = transport_start(options->socket_path, node.facts, next_notification);
     if (!transport)
         return 1;
+    zan_host_notif_set_receiver(wake_transport, transport);
     printf("zan_agent: %u NPUs%s, %d tables; listening at %s\n", options->num_npus,
            options->standby ? " on standby" : "", ZAN_NUM_TABLES, options->socket_path);
     fflush(stdout);
     serve(&node, transport);
     drain(&node);
+    zan_host_notif_set_receiver(nullptr, nullptr);
     transport_stop(transport);
     printf("zan_agent: stopped after %llu objects in %llu batches\n",
            (unsigned long long)node.objects, (unsigned long long)node.batches);
-    return 0;
+    return identifiers_are_accounted_for(options->num_npus) ? 0 : 1;
 }
 
 void tear_down()
@@ -201,6 +218,10 @@ npu_control_t npu_control_find()
     look_up("npu_sim_counts", &control.counts);
     look_up("npu_sim_compare", &control.compare);
     look_up("npu_sim_set_db_capacity", &control.set_db_capacity);
+    look_up("npu_sim_fail", &control.fail);
+    look_up("npu_sim_fail_at_random", &control.fail_at_random);
+    look_up("npu_sim_fail_no_more", &control.fail_no_more);
+    look_up("npu_sim_set_latency", &control.set_latency);
     return control;
 }
 

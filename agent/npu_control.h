@@ -11,6 +11,10 @@ struct npu_control_t {
     decltype(&npu_sim_counts) counts;
     decltype(&npu_sim_compare) compare;
     decltype(&npu_sim_set_db_capacity) set_db_capacity;
+    decltype(&npu_sim_fail) fail;
+    decltype(&npu_sim_fail_at_random) fail_at_random;
+    decltype(&npu_sim_fail_no_more) fail_no_more;
+    decltype(&npu_sim_set_latency) set_latency;
 
     bool can_compare() const
     {

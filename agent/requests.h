@@ -18,6 +18,7 @@ struct node_t {
     uint32_t hooks[3];  /* slots by zan_hook_source_et */
     int64_t started_ms; /* CLOCK_MONOTONIC */
     uint64_t batches, objects, refused;
+    uint32_t sim_failures;             /* rules that simulated NPUs were given */
     uint64_t trace_seen, trace_errors; /* last sequence looked at; errors so far */
 };
 
@@ -52,12 +53,27 @@ answer_t run_graph(node_t *node, request_t *request);
 answer_t run_walk(node_t *node, request_t *request);
 answer_t run_resources(node_t *node, const request_t &request);
 answer_t run_walk_counts(node_t *node, const request_t &request);
+answer_t run_failed(node_t *node, const request_t &request);
+answer_t run_quarantine(node_t *node, const request_t &request);
+answer_t run_table(node_t *node, const request_t &request);
+answer_t run_sim(node_t *node, const request_t &request);
+answer_t run_watch(node_t *node, const request_t &request);
 
-/* A request that cannot be run as it stands, with the field at fault; it is counted. */
+/* Where the transport gets notifications from, and how it is told of them (by any thread). */
+bool next_notification(notification_t *out);
+void wake_transport(void *transport);
+
+/* At the end, with nothing under way: whether no identifier was lost. Says what is left. */
+bool identifiers_are_accounted_for(uint32_t num_npus);
+
+/* Do what is due of failed writes; the milliseconds until there is more to do. */
+int64_t retry_failed_writes(node_t *node);
+
 /* What the command line says of the hardware databases: words like "lpm=100000" and
  * "lpm=80,75,95,90", ended by a null. False and a message when one says nothing. */
 bool set_resources(const npu_control_t &npus, const char *const *words);
 
+/* A request that cannot be run as it stands, with the field at fault; it is counted. */
 answer_t refuse_request(node_t *node, const char *field, const char *text);
 
 /* Count the new errors in the trace ring, before they are overwritten. */

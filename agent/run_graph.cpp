@@ -4,6 +4,7 @@
 
 #include "clock.h"
 #include "dependency_graph.h"
+#include "host_retry.h"
 #include "table_database.h"
 #include "walk_service.h"
 
@@ -39,6 +40,15 @@ uint32_t add_node(graph_t *g, const zan_table_base_st *obj, uint32_t from, zan_g
     node.skip_count = obj->dpd.bwalk_skip_count;
     node.evt_pushed_count = obj->dpd.evt_pushed_count;
     node.last_walk = obj->dpd.bwalk_id_stamp;
+    node.trans_id = obj->base_trans_id;
+    node.rc_stamp = obj->rc_stamp;
+    node.inflight = obj->inflight;
+    zan_host_failed_st failed;
+    if (zan_host_failed_get(def->id, zan_obj_key(def, obj), &failed)) {
+        node.failed_npus = (uint8_t)failed.npu_mask;
+        node.failed_rc = failed.rc;
+        node.attempts = failed.attempts;
+    }
     zan_key_print(def, zan_obj_key(def, obj), node.key, sizeof node.key);
     g->nodes.push_back(node);
     return (uint32_t)g->nodes.size() - 1;

@@ -38,6 +38,13 @@ constexpr int64_t drain_ms = 30'000;   /* without progress, of a client that doe
 constexpr int64_t farewell_ms = 2'000; /* for the last replies when the agent ends */
 constexpr size_t first_read = 64 << 10;
 
+/* A frame on its way out. A client that does not read its replies is cut off; one that does not
+ * read its notifications keeps its queue, which is bounded. */
+struct output_t {
+    std::vector<uint8_t> frame;
+    bool is_reply;
+};
+
 /* A session's life: opened by accept, greeted by a good hello, then requests; `closing` once an
  * error ends it: nothing is read any more, and it is closed when its output is sent. */
 struct session_t {
@@ -51,9 +58,11 @@ struct session_t {
     std::vector<uint8_t> payload;
     size_t payload_len = 0;
     int64_t read_by = 0; /* deadline of hello or frame; 0: none */
-    std::deque<std::vector<uint8_t>> out;
-    size_t out_at = 0; /* bytes of the first that are sent */
-    int64_t write_by = 0;
+    std::deque<output_t> out;
+    size_t out_at = 0;     /* bytes of the first that are sent */
+    uint32_t replies = 0;  /* in `out` */
+    int64_t write_by = 0;  /* deadline of progress, while there are replies */
+    watch_queue_t watched; /* notifications behind what is in `out` */
 };
 
 struct reply_t {
@@ -66,6 +75,7 @@ struct reply_t {
 struct transport_t {
     zan_hello_reply_st node;
     std::string path;
+    next_notification_f next_notification;
     int listener = -1, signals = -1, wake = -1;
     std::thread thread;
     std::atomic<bool> stopping{false}, finish{false};
@@ -109,35 +119,56 @@ void close_session(transport_t *t, session_t *s)
     t->num_clients--;
 }
 
+bool has_output(const session_t *s)
+{
+    return !s->out.empty() || !s->watched.empty();
+}
+
+/* The next frame to send: replies first. */
+const std::vector<uint8_t> &next_frame(session_t *s)
+{
+    if (s->out.empty()) {
+        std::vector<uint8_t> frame = s->watched.take();
+        set_header(&frame, ZAN_FRAME_NOTIFICATION, 0);
+        s->out.push_back({std::move(frame), false});
+    }
+    return s->out.front().frame;
+}
+
+void frame_is_sent(session_t *s)
+{
+    if (s->out.front().is_reply) {
+        s->replies--;
+        s->under_way -= s->under_way != 0; /* a hello's and an error's belong to no request */
+    }
+    s->out.pop_front();
+    s->out_at = 0;
+}
+
 void send_some(transport_t *t, session_t *s)
 {
-    while (!s->out.empty()) {
-        const std::vector<uint8_t> &frame = s->out.front();
+    while (has_output(s)) {
+        const std::vector<uint8_t> &frame = next_frame(s);
         const ssize_t n = send(s->fd, frame.data() + s->out_at, frame.size() - s->out_at,
                                MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0 && (errno == EAGAIN || errno == EINTR))
             return;
         if (n < 0)
             return close_session(t, s);
-        s->write_by = now_ms() + drain_ms;
         s->out_at += (size_t)n;
-        if (s->out_at < frame.size())
-            continue;
-        s->out.pop_front();
-        s->out_at = 0;
-        if (s->under_way)
-            s->under_way--;
+        if (s->out_at == frame.size())
+            frame_is_sent(s);
+        s->write_by = s->replies ? now_ms() + drain_ms : 0;
     }
-    s->write_by = 0;
     if (s->closing)
         close_session(t, s);
 }
 
 void queue_output(session_t *s, std::vector<uint8_t> frame)
 {
-    if (s->out.empty())
+    if (s->replies++ == 0)
         s->write_by = now_ms() + drain_ms;
-    s->out.push_back(std::move(frame));
+    s->out.push_back({std::move(frame), true});
 }
 
 /* The session cannot go on: say why, then close. */
@@ -192,6 +223,17 @@ void greet(transport_t *t, session_t *s)
     send_some(t, s);
 }
 
+/* What the session wants counts from now on; the dispatcher checks the request and answers it in
+ * its turn. */
+void watch(session_t *s)
+{
+    zan_watch_st wanted;
+    if (s->payload_len != sizeof wanted)
+        return;
+    memcpy(&wanted, s->payload.data(), sizeof wanted);
+    s->watched.watch(wanted);
+}
+
 /* Pass a whole frame on. The session may be closed afterwards. */
 void take_frame(transport_t *t, session_t *s)
 {
@@ -207,10 +249,17 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_WALK:
     case ZAN_FRAME_WALK_COUNTS:
     case ZAN_FRAME_RESOURCES:
+    case ZAN_FRAME_FAILED:
+    case ZAN_FRAME_QUARANTINE:
+    case ZAN_FRAME_TABLE:
+    case ZAN_FRAME_SIM:
+        break;
+    case ZAN_FRAME_WATCH:
+        watch(s);
         break;
     case ZAN_FRAME_GOODBYE:
         s->closing = true;
-        return s->out.empty() && !s->under_way ? close_session(t, s) : (void)0;
+        return !s->replies && !s->under_way ? close_session(t, s) : (void)0;
     default:
         return end_session(t, s, ZAN_WIRE_BAD_FRAME, "a client does not send this type of frame");
     }
@@ -337,6 +386,31 @@ void take_replies(transport_t *t)
             }
 }
 
+bool is_wanted(const transport_t *t, const zan_notification_st &head)
+{
+    for (const session_t &s : t->sessions)
+        if (s.fd >= 0 && !s.closing && s.watched.wants(head))
+            return true;
+    return false;
+}
+
+/* Into the queues of those who want it. One that nobody wants loses nothing for anybody. */
+void take_notifications(transport_t *t)
+{
+    notification_t notification;
+    while (t->next_notification && t->next_notification(&notification)) {
+        if (!is_wanted(t, notification.head))
+            continue;
+        const auto shared = std::make_shared<const notification_t>(std::move(notification));
+        for (session_t &s : t->sessions)
+            if (s.fd >= 0 && !s.closing && s.watched.wants(shared->head))
+                s.watched.put(shared);
+    }
+    for (session_t &s : t->sessions)
+        if (s.fd >= 0 && s.out.empty() && !s.watched.empty())
+            send_some(t, &s);
+}
+
 void begin_stop(transport_t *t)
 {
     signalfd_siginfo info;
@@ -365,7 +439,7 @@ void check_deadlines(transport_t *t, int64_t now)
 bool all_sent(const transport_t *t)
 {
     for (const session_t &s : t->sessions)
-        if (s.fd >= 0 && !s.out.empty())
+        if (s.fd >= 0 && s.replies)
             return false;
     return true;
 }
@@ -411,7 +485,7 @@ void poll_once(transport_t *t)
         if (s.fd < 0)
             continue;
         const short events = (short)((wants_to_read(&s, room, stopping) ? POLLIN : 0) |
-                                     (s.out.empty() ? 0 : POLLOUT));
+                                     (has_output(&s) ? POLLOUT : 0));
         of[count] = &s;
         fds[count++] = {s.fd, events, 0};
     }
@@ -420,8 +494,10 @@ void poll_once(transport_t *t)
     for (nfds_t i = 3; i < count; i++)
         if (fds[i].revents)
             serve_session(t, of[i], fds[i].revents);
-    if (fds[2].revents)
+    if (fds[2].revents) {
         take_replies(t);
+        take_notifications(t);
+    }
     if (fds[1].revents)
         begin_stop(t);
     if (fds[0].revents && t->listener >= 0)
@@ -485,10 +561,12 @@ std::vector<uint8_t> make_error_frame(zan_wire_error_et error, uint32_t object_i
     return frame;
 }
 
-transport_t *transport_start(const char *path, const zan_hello_reply_st &node)
+transport_t *transport_start(const char *path, const zan_hello_reply_st &node,
+                             next_notification_f next_notification)
 {
     auto *t = new transport_t();
     t->node = node;
+    t->next_notification = next_notification;
     t->path = path;
     t->listener = open_listener(path);
     if (t->listener < 0 || !open_events(t)) {
@@ -519,6 +597,11 @@ void transport_reply(transport_t *t, const request_t &request, uint16_t type,
         const std::lock_guard<std::mutex> lock(t->mutex);
         t->replies.push_back({request.session, std::move(frame)});
     }
+    transport_wake(t);
+}
+
+void transport_wake(transport_t *t)
+{
     const uint64_t one = 1;
     if (write(t->wake, &one, sizeof one) < 0)
         perror("zan_agent: wake-up of the I/O thread");
@@ -542,9 +625,7 @@ uint64_t transport_num_refused(const transport_t *t)
 void transport_stop(transport_t *t)
 {
     t->finish = true;
-    const uint64_t one = 1;
-    if (write(t->wake, &one, sizeof one) < 0)
-        perror("zan_agent: wake-up of the I/O thread");
+    transport_wake(t);
     t->thread.join();
     free_transport(t);
 }

@@ -8,7 +8,7 @@
 #ifndef ZAN_TRANSPORT_H
 #define ZAN_TRANSPORT_H
 
-#include "../client/zan_wire.h"
+#include "watch_queue.h"
 #include "zan_table_def.h"
 
 #include <vector>
@@ -22,10 +22,18 @@ struct request_t {
 
 struct transport_t;
 
+/* The next notification there is, or false. I/O thread. */
+using next_notification_f = bool (*)(notification_t *out);
+
 /* Listen at `path` and start the I/O thread; `node` is what clients are told of it (client_id is
- * filled in). Null and a message on standard error when the socket cannot be had. SIGTERM and
- * SIGINT must be blocked in the whole process: the I/O thread takes them. */
-transport_t *transport_start(const char *path, const zan_hello_reply_st &node);
+ * filled in), notifications are asked for whenever the I/O thread is woken. Null and a message on
+ * standard error when the socket cannot be had. SIGTERM and SIGINT must be blocked in the whole
+ * process: the I/O thread takes them. */
+transport_t *transport_start(const char *path, const zan_hello_reply_st &node,
+                             next_notification_f next_notification);
+
+/* There is a notification. Any thread. */
+void transport_wake(transport_t *transport);
 
 /* The next request; false when none came in `timeout_ms`, and at once when the transport is
  * stopping and all requests are taken. Dispatcher thread. */

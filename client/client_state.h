@@ -18,6 +18,9 @@ struct zan_client_t {
     uint64_t next_tag;  /* of the next request */
     uint64_t reply_tag; /* that the next reply must carry */
     zan_hello_reply_st node;
+    zan_client_notify_f notify; /* null: notifications are dropped */
+    void *notify_arg;
+    byte_block_t notification; /* the one that is being delivered */
     bool has_refusal;
     zan_error_st refusal;
     char error[512];
@@ -44,6 +47,12 @@ int client_send(zan_client_t *client, uint8_t *frame);
 /* Receive the reply to the oldest request into `payload`: its type must be the wanted one. An error
  * reply becomes the client's refusal. */
 int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload);
+/* Receive whatever comes next, a reply or a notification; the latter is delivered here. The header
+ * of a reply is left in *hdr, its payload in `payload`. 1: a notification was delivered, 0: a
+ * reply is there, -1: neither. */
+int client_receive_frame(zan_client_t *client, zan_frame_hdr_st *hdr, byte_block_t *payload);
+/* Give a notification to the client's function. */
+int client_deliver(zan_client_t *client, const byte_block_t *frame);
 /* Send a frame of a type with a payload, and receive its reply. */
 int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_t length,
                uint16_t reply_type, byte_block_t *reply);

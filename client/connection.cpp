@@ -120,6 +120,24 @@ static int receive_bytes(zan_client_t *client, uint8_t *out, size_t len)
     return 0;
 }
 
+int client_receive_frame(zan_client_t *client, zan_frame_hdr_st *hdr, byte_block_t *payload)
+{
+    if (receive_bytes(client, (uint8_t *)hdr, sizeof *hdr))
+        return -1;
+    if (hdr->length > ZAN_FRAME_MAX)
+        return client_lose(client, "the agent sent a frame of %u bytes", hdr->length);
+    const bool notified = hdr->type == ZAN_FRAME_NOTIFICATION;
+    byte_block_t *block = notified ? &client->notification : payload;
+    if (!block_reserve(block, hdr->length))
+        return client_lose(client, "no memory for a frame of %u bytes", hdr->length);
+    block->len = hdr->length;
+    if (receive_bytes(client, block->bytes, hdr->length))
+        return -1;
+    if (!notified)
+        return 0;
+    return client_deliver(client, block) ? -1 : 1;
+}
+
 int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload)
 {
     if (client->fd < 0)
@@ -127,14 +145,10 @@ int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload)
     if (client->reply_tag == client->next_tag)
         return client_fail(client, "no request is under way");
     zan_frame_hdr_st hdr;
-    if (receive_bytes(client, (uint8_t *)&hdr, sizeof hdr))
-        return -1;
-    if (hdr.length > ZAN_FRAME_MAX)
-        return client_lose(client, "the agent sent a frame of %u bytes", hdr.length);
-    if (!block_reserve(payload, hdr.length))
-        return client_lose(client, "no memory for a reply of %u bytes", hdr.length);
-    payload->len = hdr.length;
-    if (receive_bytes(client, payload->bytes, hdr.length))
+    int received;
+    while ((received = client_receive_frame(client, &hdr, payload)) > 0) {
+    }
+    if (received < 0)
         return -1;
     if (hdr.type == ZAN_FRAME_ERROR) { /* one that ends the session may carry any tag */
         client->reply_tag++;
@@ -227,6 +241,7 @@ void zan_client_close(zan_client_t *client)
         send(client->fd, &goodbye, sizeof goodbye, MSG_NOSIGNAL | MSG_DONTWAIT);
         close(client->fd);
     }
+    free(client->notification.bytes);
     delete client;
 }
 

@@ -107,6 +107,27 @@ ZAN_EXPORT int zan_client_walk(zan_client_t *client, const zan_table_def_t *def,
                                const zan_table_base_st *from, zan_client_visit_f visit, void *arg,
                                zan_rcode *rc);
 
+/* ---- Notifications ---- */
+
+/* What a client hears unasked. The object is in heap form and the library's, as is all of it, for
+ * the length of the call. */
+typedef struct zan_client_notification_t {
+    zan_notification_st head;
+    const zan_table_base_st *obj;    /* null for ZAN_NOTIFY_RESOURCE */
+    zan_notify_resource_st resource; /* for that alone */
+} zan_client_notification_t;
+/* Called on the thread that is in any call of the client; it must not use the client. */
+typedef void (*zan_client_notify_f)(const zan_client_notification_t *notification, void *arg);
+
+/* Want these from now on, and no others: of the tables in `wanted`, and changes of state of the
+ * hardware databases. They are delivered in whatever call waits for a reply, and in
+ * zan_client_wait. */
+ZAN_EXPORT int zan_client_watch(zan_client_t *client, const zan_watch_st *wanted,
+                                zan_client_notify_f notify, void *arg);
+/* Wait so long for notifications (-1: for ever), with no request under way, and deliver what is
+ * there. The number delivered, or -1. */
+ZAN_EXPORT int zan_client_wait(zan_client_t *client, int timeout_ms);
+
 /* ---- The node ---- */
 
 /* *tables gets status->num_tables records, which the caller frees with free. */
@@ -116,14 +137,27 @@ ZAN_EXPORT int zan_client_status(zan_client_t *client, zan_status_st *status,
 ZAN_EXPORT int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
                                   zan_compare_reply_st *reply, zan_difference_st **differences);
 
-/* What all walks did since the agent's start. *counts gets a block that the caller frees with free:
- * the header with its rows behind it. */
 /* Set what `request` says of the hardware databases, null for nothing, and read them all: the rows
  * are the caller's, to be freed with free; null when the call fails. */
 ZAN_EXPORT int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
                                     zan_resources_reply_st *reply, zan_resource_st **databases,
                                     zan_resource_table_st **tables);
+/* What all walks did since the agent's start. *counts gets a block that the caller frees with free:
+ * the header with its rows behind it. */
 ZAN_EXPORT int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts);
+
+/* Do what `request` says about failed writes, or about objects in quarantine, and read the answer:
+ * *rows gets reply->num_rows rows of a list, which the caller frees with free. */
+ZAN_EXPORT int zan_client_failed(zan_client_t *client, const zan_failed_st *request,
+                                 zan_failed_reply_st *reply, zan_failed_row_st **rows);
+ZAN_EXPORT int zan_client_quarantine(zan_client_t *client, const zan_failed_st *request,
+                                     zan_failed_reply_st *reply, zan_quarantine_row_st **rows);
+/* All that is counted of a table. */
+ZAN_EXPORT int zan_client_table(zan_client_t *client, uint32_t table_id,
+                                zan_table_record_st *record);
+
+/* Say how the simulated NPUs behave from now on. */
+ZAN_EXPORT int zan_client_sim(zan_client_t *client, const zan_sim_st *request);
 
 /* The graph around the object that `lookup` names by key or handle. *nodes gets reply->num_nodes
  * records, which the caller frees with free. */

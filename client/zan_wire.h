@@ -12,7 +12,7 @@
 #include "zan_table_base.h"
 
 #define ZAN_WIRE_MAGIC    0x31304c42544e415aull /* "ZANTBL01" */
-#define ZAN_WIRE_VERSION  4u
+#define ZAN_WIRE_VERSION  5u
 #define ZAN_FRAME_MAX     (64u << 20) /* bytes of a payload */
 #define ZAN_CLIENTS_MAX   64u
 #define ZAN_PIPELINE_MAX  4u /* requests of one client that the agent holds; it reads no further */
@@ -37,6 +37,18 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_WALK_COUNTS_REPLY = 16, /* what all walks did since the start */
     ZAN_FRAME_RESOURCES = 17,         /* zan_resources_st: set what it says, and answer */
     ZAN_FRAME_RESOURCES_REPLY = 18,   /* zan_resources_reply_st, then its rows */
+    ZAN_FRAME_FAILED = 19,            /* zan_failed_st: do what it says, and list */
+    ZAN_FRAME_FAILED_REPLY = 20,      /* zan_failed_reply_st, then num_rows zan_failed_row_st */
+    ZAN_FRAME_QUARANTINE = 21,        /* zan_failed_st */
+    ZAN_FRAME_QUARANTINE_REPLY = 22,  /* zan_failed_reply_st, then zan_quarantine_row_st */
+    ZAN_FRAME_TABLE = 23,             /* zan_table_st */
+    ZAN_FRAME_TABLE_REPLY = 24,       /* zan_table_record_st */
+    ZAN_FRAME_SIM = 25,               /* zan_sim_st: how the simulated NPUs behave */
+    ZAN_FRAME_SIM_REPLY = 26,         /* empty */
+    ZAN_FRAME_WATCH = 27,             /* zan_watch_st: the notifications that the client wants */
+    ZAN_FRAME_WATCH_REPLY = 28,       /* empty */
+    ZAN_FRAME_NOTIFICATION = 29,      /* from the agent, unasked, tag 0: zan_notification_st, then
+                                         an object or another message */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -205,9 +217,17 @@ typedef struct zan_graph_node_st {
     uint16_t update_count, skip_count; /* visits by walks that updated it, and that left it alone */
     uint32_t evt_pushed_count;         /* events that it pushed on walks */
     uint32_t last_walk;                /* that updated it; 0: none did */
-    char key[128];                     /* terminated */
+    uint32_t trans_id;                 /* of its last operation */
+    zan_rcode rc_stamp;                /* how that went */
+    uint8_t inflight;                  /* a write is with the NPUs */
+    uint8_t failed_npus;               /* NPUs on which its write failed: it is being retried */
+    uint8_t reserved2[2];
+    zan_rcode failed_rc; /* how that write failed */
+    uint32_t attempts;   /* to repeat it */
+    uint32_t reserved3;
+    char key[128]; /* terminated */
 } zan_graph_node_st;
-ZAN_STATIC_ASSERT(sizeof(zan_graph_node_st) == 168, "graph node");
+ZAN_STATIC_ASSERT(sizeof(zan_graph_node_st) == 192, "graph node");
 
 /* The hardware databases (zan_hwdb_et): what to set, if anything, before the answer. */
 enum {
@@ -248,6 +268,154 @@ typedef struct zan_resource_table_st {
     uint64_t used[8]; /* by NPU */
 } zan_resource_table_st;
 ZAN_STATIC_ASSERT(sizeof(zan_resource_table_st) == 72, "occupancy of a table");
+
+/* Failed writes, and objects out of service. */
+typedef enum zan_failed_action_et {
+    ZAN_FAILED_LIST = 0,    /* rows behind the key, or from the start */
+    ZAN_FAILED_RETRY = 1,   /* failed: attempt now, with a new budget */
+    ZAN_FAILED_FORGET = 2,  /* failed: attempt no more */
+    ZAN_FAILED_RELEASE = 3, /* quarantine: put back, and what was taken out for it */
+    ZAN_FAILED_DROP = 4,    /* quarantine: free, and what was taken out for it */
+} zan_failed_action_et;
+#define ZAN_FAILED_KEY_MAX  80u
+#define ZAN_FAILED_ROWS_MAX 1000u
+
+typedef struct zan_failed_st {
+    uint32_t action;       /* zan_failed_action_et */
+    uint32_t table_id;     /* of this table only; or ZAN_WIRE_NO_INDEX for all */
+    uint32_t has_key;      /* an object is named: the one to act on, or behind which to list */
+    uint32_t key_table_id; /* its table */
+    uint8_t key[ZAN_FAILED_KEY_MAX]; /* its key structure */
+} zan_failed_st;
+ZAN_STATIC_ASSERT(sizeof(zan_failed_st) == 96, "request about failed writes");
+
+typedef struct zan_failed_reply_st {
+    uint64_t failed, quarantined;                      /* now */
+    uint64_t attempts, recovered, taken_out, put_back; /* since the start */
+    uint32_t done;                                     /* objects that the action was done to */
+    uint32_t num_rows; /* of a list; ZAN_FAILED_ROWS_MAX of them: ask for what is behind the last */
+} zan_failed_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_failed_reply_st) == 56, "reply about failed writes");
+
+/* What the next attempt waits for. */
+typedef enum zan_failed_wait_et {
+    ZAN_FAILED_WAIT_TIME,
+    ZAN_FAILED_WAIT_ANSWER,     /* it has been sent */
+    ZAN_FAILED_WAIT_ROOM,       /* in the hardware database */
+    ZAN_FAILED_WAIT_PARENT,     /* that has failed too */
+    ZAN_FAILED_WAIT_DELETE,     /* it goes with its last child */
+    ZAN_FAILED_WAIT_QUARANTINE, /* it is being taken out of service */
+} zan_failed_wait_et;
+
+typedef struct zan_failed_row_st {
+    uint32_t table_id;
+    uint16_t operation; /* that failed last */
+    uint8_t waits_for;  /* zan_failed_wait_et */
+    uint8_t stored;     /* 0: deleted, and an NPU holds it still */
+    zan_rcode rc;
+    uint32_t attempts;
+    uint64_t npu_mask; /* where it failed */
+    uint64_t next_ms;  /* until the next attempt, where it waits for its time */
+    uint8_t key[ZAN_FAILED_KEY_MAX];
+} zan_failed_row_st;
+ZAN_STATIC_ASSERT(sizeof(zan_failed_row_st) == 112, "failed object");
+
+typedef struct zan_quarantine_row_st {
+    uint32_t table_id;
+    uint32_t root_table_id; /* of the object for which it was taken out; its own: it failed */
+    zan_rcode rc;           /* of its last write, or of the last attempt to put it back */
+    uint32_t attempts;      /* before it was taken out */
+    uint32_t followers;     /* that were taken out for it */
+    uint32_t releasing;     /* 1: on its way back */
+    uint8_t key[ZAN_FAILED_KEY_MAX], root_key[ZAN_FAILED_KEY_MAX];
+} zan_quarantine_row_st;
+ZAN_STATIC_ASSERT(sizeof(zan_quarantine_row_st) == 184, "object in quarantine");
+
+/* All that is counted of one table. */
+typedef struct zan_table_st {
+    uint32_t table_id;
+    uint32_t reserved;
+} zan_table_st;
+
+typedef struct zan_table_npu_st {
+    uint32_t create_errors, delete_errors, update_errors;
+    uint32_t objects; /* stored for this NPU */
+    uint64_t held;    /* by it; 0 where the platform cannot tell */
+} zan_table_npu_st;
+
+typedef struct zan_table_record_st {
+    uint32_t table_id, num_npus;
+    uint64_t stored;
+    /* The resource-info record. */
+    uint64_t creates, deletes, updates, reads;
+    uint32_t resolve_failed, reserve_failed, release_failed, update_id_failed, not_found,
+        duplicate_creates, dbobj_alloc_failed, retry_updates, recovered_errors;
+    uint32_t quarantine_max_depth; /* longest search of the quarantine */
+    /* Identifiers, over all NPUs. */
+    uint64_t ids_capacity; /* that there are; 0: the table has none */
+    uint64_t ids_held;
+    uint64_t ids_orphaned;  /* of the held, those of keys that are not stored */
+    uint64_t ids_refused;   /* reserves that found none left */
+    uint64_t ids_reclaimed; /* taken back from such keys when none was left */
+    zan_table_npu_st npu[ZAN_MAX_NPUS];
+    uint32_t counters[3][61]; /* since the start; since the last reset; in the active bank */
+    uint32_t reserved;
+} zan_table_record_st;
+ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1056, "record of a table");
+
+/* Notifications that a session wants, instead of those it wanted before. */
+typedef struct zan_watch_st {
+    uint64_t tables[6];      /* bit n of word n / 64: table n */
+    uint32_t wants_resource; /* 1: changes of state of hardware databases too */
+    uint32_t reserved;
+} zan_watch_st;
+ZAN_STATIC_ASSERT(sizeof(zan_watch_st) == 56, "watch");
+/* Notifications that the agent keeps for a session which does not read them: of one object the
+ * newest only; then the oldest is dropped. */
+#define ZAN_WATCH_QUEUE_MAX 1024u
+
+#define ZAN_NOTIFY_RESOURCE 0x10000u /* type: a hardware database has changed its state */
+
+typedef struct zan_notification_st {
+    uint32_t type; /* the server's, or ZAN_NOTIFY_RESOURCE */
+    uint32_t table_id;
+    uint32_t operation; /* zan_table_operation_et that the object had */
+    uint32_t trans_id;
+    uint32_t npu_id;
+    uint32_t client_epoch;
+    uint32_t lost;     /* notifications that were dropped in front of this one */
+    uint32_t replaced; /* earlier ones of this object that it stands for */
+    uint32_t size; /* of the object in serialized form behind this, or of zan_notify_resource_st */
+    uint32_t reserved;
+} zan_notification_st;
+ZAN_STATIC_ASSERT(sizeof(zan_notification_st) == 40, "notification");
+
+typedef struct zan_notify_resource_st {
+    uint32_t npu, hwdb;
+    uint32_t state; /* 0 green, 1 yellow, 2 red */
+    uint32_t reserved;
+    uint64_t used, capacity;
+} zan_notify_resource_st;
+ZAN_STATIC_ASSERT(sizeof(zan_notify_resource_st) == 32, "state of a hardware database");
+
+/* How simulated NPUs behave from now on. */
+typedef enum zan_sim_action_et {
+    ZAN_SIM_WELL = 0,    /* as they should: no failures, no hang, no latency */
+    ZAN_SIM_FAIL = 1,    /* `count` writes (0: all) of a table and operation fail with `rc` */
+    ZAN_SIM_CHANCE = 2,  /* so many of a thousand writes fail with `rc`: `count` */
+    ZAN_SIM_LATENCY = 3, /* each write takes `count` microseconds */
+    ZAN_SIM_HANG = 4,    /* the NPU starts no further message */
+} zan_sim_action_et;
+
+typedef struct zan_sim_st {
+    uint32_t action;    /* zan_sim_action_et */
+    uint32_t npu;       /* or ZAN_WIRE_NO_INDEX for all */
+    uint32_t table_id;  /* or ZAN_WIRE_NO_INDEX for all */
+    uint32_t operation; /* create, update or delete; or ZAN_WIRE_NO_INDEX for all three */
+    uint32_t count;
+    zan_rcode rc;
+} zan_sim_st;
+ZAN_STATIC_ASSERT(sizeof(zan_sim_st) == 24, "behaviour of simulated NPUs");
 
 /* What walks did: this header, then num_tables zan_walk_table_st, then num_events
  * zan_walk_event_st. Only tables and events are named of which a count is not 0. */

@@ -14,6 +14,11 @@ constexpr struct {
     const char *name;
 } colors[] = {{ZAN_COLOR_GREEN, "green"}, {ZAN_COLOR_RED, "red"}, {ZAN_COLOR_BROWN, "brown"}};
 
+std::string plural(uint32_t count, const char *one, const char *many)
+{
+    return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
 /* What there is to say of a node beside its name, in words. */
 std::vector<std::string> remarks(const zan_graph_node_st &node)
 {
@@ -29,6 +34,13 @@ std::vector<std::string> remarks(const zan_graph_node_st &node)
         out.push_back("updated " + std::to_string(node.update_count));
     if (node.skip_count)
         out.push_back("skipped " + std::to_string(node.skip_count));
+    if (node.rc_stamp && !node.delete_pending) /* whose code says no more than that */
+        out.push_back("last code " + code_text(node.rc_stamp));
+    if (node.inflight)
+        out.emplace_back("write in flight");
+    if (node.failed_rc)
+        out.push_back("write failed on NPU " + npus_text(node.failed_npus) + " with " +
+                      code_text(node.failed_rc) + ", " + plural(node.attempts, "retry", "retries"));
     return out;
 }
 
@@ -41,11 +53,6 @@ std::string label(const zan_graph_node_st &node)
         separator = ", ";
     }
     return text;
-}
-
-std::string plural(uint32_t count, const char *one, const char *many)
-{
-    return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
 /* The nodes reached from one, in their order. */
@@ -126,6 +133,12 @@ void print_json(const nodes_t &nodes, bool cut)
         n["updated"] = node.update_count;
         n["skipped"] = node.skip_count;
         n["last_walk"] = node.last_walk;
+        n["transaction"] = node.trans_id;
+        put_code(&n, node.rc_stamp);
+        n["inflight"] = node.inflight;
+        n["failed_npus"] = node.failed_npus;
+        n["failed_code"] = node.failed_rc;
+        n["attempts"] = node.attempts;
         if (node.side != ZAN_GRAPH_SELF) {
             n["from"] = node.from;
             n["side"] = node.side == ZAN_GRAPH_PARENT ? "parent" : "child";

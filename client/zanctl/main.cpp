@@ -18,6 +18,9 @@ struct arguments_t {
     apply_options_t apply;
     graph_options_t graph;
     resources_options_t resources;
+    failed_options_t failed;
+    quarantine_options_t quarantine;
+    sim_options_t sim;
 };
 
 std::string join(const std::vector<std::string> &words)
@@ -89,6 +92,37 @@ void add_commands(CLI::App *app, arguments_t *a)
     resources->add_option("--npu", a->resources.npu, "of this NPU only")->check(CLI::Range(0, 7));
     resources->add_option("--thresholds", a->resources.thresholds,
                           "percent at which it is yellow, no longer, red, no longer: 80,75,95,90");
+    CLI::App *failed = app->add_subcommand(
+        "failed", "objects whose write failed on an NPU: of all tables, of one, or one by its key");
+    failed->add_option("object", a->words, "iproute, or iproute vrf_id=0 prefix=10.0.0.0/8");
+    CLI::Option *retry = failed->add_flag("--retry", a->failed.retry, "try again now");
+    failed->add_flag("--forget", a->failed.forget, "try no more: hardware stays as it is")
+        ->excludes(retry);
+    CLI::App *quarantine = app->add_subcommand(
+        "quarantine", "objects taken out of service: of all tables, of one, or one by its key");
+    quarantine->add_option("object", a->words, "ipnhgroup, or ipnhgroup nhg_id=7");
+    CLI::Option *release = quarantine->add_flag("--release", a->quarantine.release,
+                                                "put back, and what was taken out with it");
+    quarantine
+        ->add_flag("--drop", a->quarantine.drop, "delete for good, and what was taken out with it")
+        ->excludes(release);
+    CLI::App *table = app->add_subcommand("table", "all that is counted of one table");
+    table->add_option("table", a->table)->required();
+    CLI::App *watch = app->add_subcommand(
+        "watch", "print notifications as they come: of some tables, or of all and of the hardware");
+    watch->add_option("tables", a->words, "iproute ip6route");
+    watch->add_option("--limit", a->limit, "end after so many");
+    CLI::App *sim = app->add_subcommand("sim", "how the simulated NPUs behave from now on");
+    sim->add_flag("--well", a->sim.well, "as they should");
+    sim->add_option("--fail", a->sim.fail, "so many writes fail; 0: all");
+    sim->add_option("--chance", a->sim.chance, "so many of a thousand writes fail")
+        ->check(CLI::Range(0u, 1000u));
+    sim->add_option("--latency", a->sim.latency, "microseconds that each write takes");
+    sim->add_flag("--hang", a->sim.hang, "an NPU starts nothing any more");
+    sim->add_option("--npu", a->sim.npu, "this NPU only")->check(CLI::Range(0, 7));
+    sim->add_option("--table", a->sim.table, "writes of this table only");
+    sim->add_option("--operation", a->sim.operation, "create, update or delete only");
+    sim->add_option("--code", a->sim.code, "the code that they fail with")->capture_default_str();
     app->add_subcommand("status", "what the node holds and did");
     CLI::App *compare =
         app->add_subcommand("compare", "compare the database with what the NPUs hold");
@@ -127,6 +161,16 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_events(session, a.table);
     if (command == "resources")
         return run_resources(session, a.resources);
+    if (command == "failed")
+        return run_failed(session, join(a.words), a.failed);
+    if (command == "quarantine")
+        return run_quarantine(session, join(a.words), a.quarantine);
+    if (command == "table")
+        return run_table(session, a.table);
+    if (command == "watch")
+        return run_watch(session, a.words, a.limit);
+    if (command == "sim")
+        return run_sim(session, a.sim);
     if (command == "status")
         return run_status(session);
     if (command == "compare")

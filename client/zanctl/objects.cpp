@@ -177,8 +177,26 @@ int read_and_print(session_t *session, const order_t &order, bool *well)
 std::string code_text(zan_rcode rc)
 {
     char text[160];
-    snprintf(text, sizeof text, "0x%08x %s: %s", rc, zan_rcode_name(rc), rcd_strerror(rc));
+    if (*zan_rcode_name(rc))
+        snprintf(text, sizeof text, "0x%08x %s: %s", rc, zan_rcode_name(rc), rcd_strerror(rc));
+    else /* its low bits are an errno by custom */
+        snprintf(text, sizeof text, "0x%08x of the platform: %s", rc, strerror((int)(rc & 0xfff)));
     return text;
+}
+
+std::string npus_text(uint64_t mask)
+{
+    std::string text;
+    for (uint32_t npu = 0; npu < ZAN_MAX_NPUS; npu++)
+        if (mask >> npu & 1)
+            text += (text.empty() ? "" : ",") + std::to_string(npu);
+    return text.empty() ? "-" : text;
+}
+
+const char *resource_state_name(uint32_t state)
+{
+    static const char *const names[] = {"green", "yellow", "red"};
+    return state < std::size(names) ? names[state] : "unknown";
 }
 
 void put_code(json_t *out, zan_rcode rc)

@@ -36,6 +36,12 @@ const zan_table_def_t *find_table(const std::string &name, std::string *why);
 /* "TABLE FIELD=VALUE..."; null and a reason. */
 object_ptr_t parse_object(std::string text, std::string *why);
 
+/* The NPUs of a mask as "0,2"; "-" for none. */
+std::string npus_text(uint64_t mask);
+
+/* Of a hardware database: "green", "yellow", "red". */
+const char *resource_state_name(uint32_t state);
+
 json_t outcome_json(const order_t &order, const outcome_t &outcome);
 /* One line for what did not go well, or a JSON document for all; true when it went well. */
 bool report(const session_t *session, const order_t &order, const outcome_t &outcome);

@@ -7,12 +7,6 @@
 namespace
 {
 
-const char *state_name(uint32_t state)
-{
-    static const char *const names[] = {"green", "yellow", "red"};
-    return state < 3 ? names[state] : "unknown";
-}
-
 /* What is read, with the client's memory. */
 struct resources_t {
     zan_resources_reply_st head;
@@ -61,9 +55,9 @@ void print(const resources_t &r, const resources_options_t &options)
         printf("%-14s %3u %12s %12llu %12llu %6s %s", zan_hwdb_name(d.hwdb), d.npu,
                d.capacity ? std::to_string(d.capacity).c_str() : "no limit",
                (unsigned long long)d.used, (unsigned long long)d.high_water, percent(d).c_str(),
-               state_name(d.state));
+               resource_state_name(d.state));
         if (!by.empty())
-            printf("%*s %s", 7 - (int)strlen(state_name(d.state)), "", by.c_str());
+            printf("%*s %s", 7 - (int)strlen(resource_state_name(d.state)), "", by.c_str());
         printf("\n");
     }
     if (!shown)
@@ -88,7 +82,7 @@ json_t as_json(const resources_t &r, const resources_options_t &options)
                        {"capacity", d.capacity},
                        {"used", d.used},
                        {"high_water", d.high_water},
-                       {"state", state_name(d.state)},
+                       {"state", resource_state_name(d.state)},
                        {"crossings", d.crossings},
                        {"yellow", d.thresholds[0]},
                        {"yellow_clear", d.thresholds[1]},

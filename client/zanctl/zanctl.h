@@ -72,6 +72,30 @@ struct resources_options_t {
     bool all = false;
 };
 int run_resources(session_t *session, const resources_options_t &options);
+/* What `failed` and `quarantine` do; neither: list. */
+struct failed_options_t {
+    bool retry = false, forget = false;
+};
+struct quarantine_options_t {
+    bool release = false, drop = false;
+};
+/* `words` name one object, a table, or with none all. */
+int run_failed(session_t *session, const std::string &words, const failed_options_t &options);
+int run_quarantine(session_t *session, const std::string &words,
+                   const quarantine_options_t &options);
+int run_table(session_t *session, const std::string &table);
+/* How simulated NPUs are to behave. */
+struct sim_options_t {
+    bool well = false, hang = false;
+    std::optional<uint32_t> fail, chance, latency;
+    int npu = -1; /* all */
+    std::string table, operation;
+    zan_rcode code = 0x4fa0c005; /* EIO, as hardware would say */
+};
+int run_sim(session_t *session, const sim_options_t &options);
+/* Print notifications, of these tables or of all and of the hardware databases, until so many have
+ * come; 0: for ever. */
+int run_watch(session_t *session, const std::vector<std::string> &tables, uint64_t limit);
 int run_status(session_t *session);
 int run_compare(session_t *session, const std::string &table);
 /* The outcome of a comparison, for people. */

@@ -1,0 +1,51 @@
+/* What one session watches, and what waits for it. I/O thread.
+ *
+ * A session that reads slowly, or not at all, must not make memory grow. So its queue is bounded: a
+ * newer notification of the same object takes the place of the older one, at the end, and when the
+ * queue is full all the same the oldest goes, which the next that is sent tells.
+ */
+#ifndef ZAN_WATCH_QUEUE_H
+#define ZAN_WATCH_QUEUE_H
+
+#include "../client/zan_wire.h"
+
+#include <list>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+/* One notification, shared by the queues of all sessions that want it. */
+struct notification_t {
+    zan_notification_st head;
+    std::vector<uint8_t> message;
+    std::string object; /* what it is about: equal for two of the same object */
+};
+using notification_ptr_t = std::shared_ptr<const notification_t>;
+
+class watch_queue_t
+{
+public:
+    /* Watch this from now on. */
+    void watch(const zan_watch_st &wanted);
+    bool wants(const zan_notification_st &head) const;
+    void put(notification_ptr_t notification);
+    bool empty() const
+    {
+        return waiting_.empty();
+    }
+    /* The oldest as a frame with room for its header; not when empty. */
+    std::vector<uint8_t> take();
+
+private:
+    struct entry_t {
+        notification_ptr_t notification;
+        uint32_t replaced;
+    };
+    zan_watch_st wanted_ = {};
+    std::list<entry_t> waiting_;
+    std::unordered_map<std::string, std::list<entry_t>::iterator> by_object_;
+    uint32_t lost_ = 0;
+};
+
+#endif

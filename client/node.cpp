@@ -1,0 +1,212 @@
+/* What the node tells of itself, and what it is told to do about it. */
+#include "client_state.h"
+
+#include <cstdlib>
+#include <cstring>
+
+/* Split a reply into its head and `count` records behind it, in memory of their own. */
+static int take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
+                        size_t record, void **out)
+{
+    if (reply->len != head + count * record)
+        return client_lose(client, "the agent's reply has %zu bytes", reply->len);
+    *out = malloc(count * record + 1);
+    if (!*out)
+        return client_fail(client, "no memory");
+    memcpy(*out, reply->bytes + head, count * record);
+    return 0;
+}
+
+int zan_client_status(zan_client_t *client, zan_status_st *status, zan_table_status_st **tables)
+{
+    *tables = nullptr;
+    byte_block_t reply = {};
+    int result = client_ask(client, ZAN_FRAME_STATUS, nullptr, 0, ZAN_FRAME_STATUS_REPLY, &reply);
+    if (result == 0 && reply.len < sizeof *status)
+        result = client_lose(client, "the agent's status has %zu bytes", reply.len);
+    if (result == 0) {
+        memcpy(status, reply.bytes, sizeof *status);
+        result = take_records(client, &reply, sizeof *status, status->num_tables, sizeof **tables,
+                              (void **)tables);
+    }
+    free(reply.bytes);
+    return result;
+}
+
+int client_take_walk_counts(zan_client_t *client, const byte_block_t *reply, size_t at,
+                            zan_walk_counts_st **counts)
+{
+    zan_walk_counts_st head = {};
+    if (reply->len >= at + sizeof head)
+        memcpy(&head, reply->bytes + at, sizeof head);
+    const size_t size = sizeof head + (size_t)head.num_tables * sizeof(zan_walk_table_st) +
+                        (size_t)head.num_events * sizeof(zan_walk_event_st);
+    if (reply->len != at + size)
+        return client_lose(client, "the agent's walk counts have %zu bytes", reply->len);
+    *counts = (zan_walk_counts_st *)malloc(size);
+    if (!*counts)
+        return client_fail(client, "no memory");
+    memcpy(*counts, reply->bytes + at, size);
+    return 0;
+}
+
+const zan_walk_table_st *zan_client_walk_tables(const zan_walk_counts_st *counts)
+{
+    return (const zan_walk_table_st *)(counts + 1);
+}
+
+const zan_walk_event_st *zan_client_walk_events(const zan_walk_counts_st *counts)
+{
+    return (const zan_walk_event_st *)(zan_client_walk_tables(counts) + counts->num_tables);
+}
+
+int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts)
+{
+    *counts = nullptr;
+    byte_block_t reply = {};
+    int result =
+        client_ask(client, ZAN_FRAME_WALK_COUNTS, nullptr, 0, ZAN_FRAME_WALK_COUNTS_REPLY, &reply);
+    if (result == 0)
+        result = client_take_walk_counts(client, &reply, 0, counts);
+    free(reply.bytes);
+    return result;
+}
+
+/* The two kinds of rows stand one behind the other. */
+static int take_resources(zan_client_t *client, const byte_block_t *bytes,
+                          zan_resources_reply_st *reply, zan_resource_st **databases,
+                          zan_resource_table_st **tables)
+{
+    if (bytes->len < sizeof *reply)
+        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
+    memcpy(reply, bytes->bytes, sizeof *reply);
+    const size_t front = sizeof *reply + (size_t)reply->num_databases * sizeof **databases;
+    if (bytes->len < front)
+        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
+    const byte_block_t first = {bytes->bytes, front, front};
+    if (take_records(client, &first, sizeof *reply, reply->num_databases, sizeof **databases,
+                     (void **)databases))
+        return -1;
+    return take_records(client, bytes, front, reply->num_tables, sizeof **tables, (void **)tables);
+}
+
+int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
+                         zan_resources_reply_st *reply, zan_resource_st **databases,
+                         zan_resource_table_st **tables)
+{
+    *databases = nullptr;
+    *tables = nullptr;
+    const zan_resources_st nothing = {};
+    byte_block_t bytes = {};
+    int result = client_ask(client, ZAN_FRAME_RESOURCES, request ? request : &nothing,
+                            sizeof nothing, ZAN_FRAME_RESOURCES_REPLY, &bytes);
+    if (result == 0)
+        result = take_resources(client, &bytes, reply, databases, tables);
+    free(bytes.bytes);
+    if (result == 0)
+        return 0;
+    free(*databases);
+    *databases = nullptr;
+    return result;
+}
+
+int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
+                       zan_compare_reply_st *reply, zan_difference_st **differences)
+{
+    *differences = nullptr;
+    const zan_compare_st request = {table_id, max_differences};
+    byte_block_t bytes = {};
+    int result = client_ask(client, ZAN_FRAME_COMPARE, &request, sizeof request,
+                            ZAN_FRAME_COMPARE_REPLY, &bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's comparison has %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = take_records(client, &bytes, sizeof *reply, reply->num_differences,
+                              sizeof **differences, (void **)differences);
+    }
+    free(bytes.bytes);
+    return result;
+}
+
+int zan_client_graph(zan_client_t *client, const zan_table_base_st *lookup, uint32_t depth,
+                     uint32_t children, zan_graph_reply_st *reply, zan_graph_node_st **nodes)
+{
+    *nodes = nullptr;
+    const zan_table_def_t *def = zan_table_def_get(lookup->table_id);
+    if (!def)
+        return client_fail(client, "%u is no table", lookup->table_id);
+    const zan_graph_st request = {depth, children, 0};
+    byte_block_t frame = {}, bytes = {};
+    const size_t size =
+        sizeof request + def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, lookup));
+    if (!block_reserve(&frame, size))
+        return client_fail(client, "no memory");
+    memcpy(frame.bytes, &request, sizeof request);
+    auto *wire = (zan_table_base_st *)(frame.bytes + sizeof request);
+    const uint32_t len = zan_obj_serialize(def, 0, lookup, wire);
+    wire->table_operation = ZAN_TABLE_GET;
+    int result = client_ask(client, ZAN_FRAME_GRAPH, frame.bytes, (uint32_t)sizeof request + len,
+                            ZAN_FRAME_GRAPH_REPLY, &bytes);
+    free(frame.bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's graph has %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = take_records(client, &bytes, sizeof *reply, reply->num_nodes, sizeof **nodes,
+                              (void **)nodes);
+    }
+    free(bytes.bytes);
+    return result;
+}
+
+static int ask_failed(zan_client_t *client, uint16_t type, const zan_failed_st *request,
+                      zan_failed_reply_st *reply, size_t row, void **rows)
+{
+    *rows = nullptr;
+    byte_block_t bytes = {};
+    int result = client_ask(client, type, request, sizeof *request, (uint16_t)(type + 1), &bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's list has %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = take_records(client, &bytes, sizeof *reply, reply->num_rows, row, rows);
+    }
+    free(bytes.bytes);
+    return result;
+}
+
+int zan_client_failed(zan_client_t *client, const zan_failed_st *request,
+                      zan_failed_reply_st *reply, zan_failed_row_st **rows)
+{
+    return ask_failed(client, ZAN_FRAME_FAILED, request, reply, sizeof **rows, (void **)rows);
+}
+
+int zan_client_quarantine(zan_client_t *client, const zan_failed_st *request,
+                          zan_failed_reply_st *reply, zan_quarantine_row_st **rows)
+{
+    return ask_failed(client, ZAN_FRAME_QUARANTINE, request, reply, sizeof **rows, (void **)rows);
+}
+
+int zan_client_table(zan_client_t *client, uint32_t table_id, zan_table_record_st *record)
+{
+    const zan_table_st request = {table_id, 0};
+    byte_block_t bytes = {};
+    int result = client_ask(client, ZAN_FRAME_TABLE, &request, sizeof request,
+                            ZAN_FRAME_TABLE_REPLY, &bytes);
+    if (result == 0 && bytes.len != sizeof *record)
+        result = client_lose(client, "the agent's record of a table has %zu bytes", bytes.len);
+    if (result == 0)
+        memcpy(record, bytes.bytes, sizeof *record);
+    free(bytes.bytes);
+    return result;
+}
+
+int zan_client_sim(zan_client_t *client, const zan_sim_st *request)
+{
+    byte_block_t bytes = {};
+    const int result =
+        client_ask(client, ZAN_FRAME_SIM, request, sizeof *request, ZAN_FRAME_SIM_REPLY, &bytes);
+    free(bytes.bytes);
+    return result;
+}
