@@ -538,6 +538,38 @@ TEST_F(session, refuses_strange_frames)
         send_frame(fd, ZAN_FRAME_RESOURCES, &r, sizeof r);
         EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << &r - resources;
     }
+    const struct {
+        uint16_t type;
+        uint32_t words[8]; /* the fields in front; zeros behind them */
+        size_t size;
+    } wrong[] = {
+        {ZAN_FRAME_FAILED, {}, 8},
+        {ZAN_FRAME_FAILED, {ZAN_FAILED_RELEASE}, sizeof(zan_failed_st)},
+        {ZAN_FRAME_FAILED, {99}, sizeof(zan_failed_st)},
+        {ZAN_FRAME_FAILED, {ZAN_FAILED_LIST, ZAN_NUM_TABLES}, sizeof(zan_failed_st)},
+        {ZAN_FRAME_QUARANTINE, {ZAN_FAILED_RETRY}, sizeof(zan_failed_st)},
+        {ZAN_FRAME_QUARANTINE, {ZAN_FAILED_DROP, 0, 1, 70000}, sizeof(zan_failed_st)},
+        {ZAN_FRAME_TABLE, {ZAN_NUM_TABLES}, sizeof(zan_table_st)},
+        {ZAN_FRAME_TABLE, {}, 4},
+        {ZAN_FRAME_SIM, {99, 0, 0, 1, 0, 1}, sizeof(zan_sim_st)},
+        {ZAN_FRAME_SIM, {ZAN_SIM_HANG, 8, 0, 1, 0, 1}, sizeof(zan_sim_st)},
+        {ZAN_FRAME_SIM, {ZAN_SIM_FAIL, 0, 9999, 1, 0, 1}, sizeof(zan_sim_st)},
+        {ZAN_FRAME_SIM, {ZAN_SIM_FAIL, 0, 0, 9, 0, 1}, sizeof(zan_sim_st)},
+        {ZAN_FRAME_SIM, {ZAN_SIM_FAIL, 0, 0, 1, 0, 0}, sizeof(zan_sim_st)},
+        {ZAN_FRAME_SIM, {ZAN_SIM_LATENCY, 0, 0, 1, UINT32_MAX, 0}, sizeof(zan_sim_st)},
+        {ZAN_FRAME_WATCH, {}, 8},
+        {ZAN_FRAME_WATCH, {0, 0, 0, 0, 0, 0, 0, 0}, 0},
+    };
+    for (const auto &w : wrong) {
+        uint8_t frame[256] = {};
+        memcpy(frame, w.words, sizeof w.words);
+        send_frame(fd, w.type, frame, w.size);
+        EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << &w - wrong;
+    }
+    zan_watch_st beyond = {};
+    beyond.tables[5] = (uint64_t)1 << 63;
+    send_frame(fd, ZAN_FRAME_WATCH, &beyond, sizeof beyond);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << "there is no table 383";
     send_frame(fd, ZAN_FRAME_COMPARE, "1234", 4);
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR);
     const zan_compare_st compare = {9999, 1};

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 namespace
@@ -268,14 +269,26 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
         EXPECT_NE(resources.find(part), std::string::npos) << part << "\n" << resources;
     EXPECT_EQ(resources.find("acl"), std::string::npos) << "neither used nor limited";
 
+    EXPECT_NE(run("failed").text.find("iproute vrf_id=0 prefix=5.0.0.0/8: create failed on NPU 0,1 "
+                                      "with 0x4fa0c01c of the platform: No space left on device; "
+                                      "0 retries, next when there is room\n"),
+              std::string::npos)
+        << run("failed").text;
     ASSERT_EQ(run("delete iproute vrf_id=0 prefix=1.0.0.0/8").status, 0);
-    ASSERT_EQ(run("compare").status, 1); /* the NPUs stand still behind it */
+    for (int i = 0; i < 100 && run("compare").status != 0; i++)
+        usleep(20000);
+    ASSERT_EQ(run("compare").status, 0) << "the fifth has found room";
+    EXPECT_NE(run("failed").text.find("0 failed now; 1 retries since the start, 1 recovered"),
+              std::string::npos)
+        << run("failed").text;
+    ASSERT_EQ(run("delete iproute vrf_id=0 prefix=2.0.0.0/8").status, 0);
+    ASSERT_EQ(run("compare").status, 0); /* the NPUs stand still behind it */
     EXPECT_NE(run("resources").text.find("   75 % yellow  iproute 3\n"), std::string::npos)
         << run("resources").text;
     EXPECT_EQ(run("resources --db lpm --capacity 3 --npu 1").status, 0);
     const std::string json = run("--json resources").text;
     EXPECT_NE(json.find("{\"database\":\"lpm\",\"npu\":1,\"capacity\":3,\"used\":3,"
-                        "\"high_water\":4,\"state\":\"red\",\"crossings\":4,\"yellow\":50,"
+                        "\"high_water\":4,\"state\":\"red\",\"crossings\":6,\"yellow\":50,"
                         "\"yellow_clear\":40,\"red\":100,\"red_clear\":90,\"tables\":{"
                         "\"iproute\":3}}"),
               std::string::npos)
@@ -285,6 +298,70 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
     EXPECT_EQ(run("resources --capacity 3").status, 2) << "of which database?";
     EXPECT_EQ(run("resources --db lpm --thresholds 80,90,95,90").status, 2) << "clears above";
     EXPECT_EQ(run("resources --db lpm --thresholds eighty").status, 2);
+}
+
+/* A group whose writes fail on one NPU, from the first failure to its release; and what the client
+ * that watches hears of it. */
+TEST_F(zanctl, shows_what_failed_and_lets_people_act)
+{
+    start({});
+    const std::string heard = process.directory + "/heard";
+    const std::string watch = std::string(ZANCTL_PROGRAM) + " --socket " + process.socket_path +
+                              " watch ipnhgroup iproute --limit 3 > " + heard + " 2>&1 &";
+    ASSERT_EQ(system(watch.c_str()), 0);
+    auto wait_for = [&](const std::string &command, const std::string &text) {
+        std::string last;
+        for (int i = 0; i < 500; i++) {
+            last = run(command).text;
+            if (last.find(text) != std::string::npos)
+                return;
+            usleep(20000);
+        }
+        ADD_FAILURE() << command << " never said " << text << ", but\n" << last;
+    };
+    auto wait_for_line = [&](const std::string &text) {
+        for (int i = 0; i < 500; i++) {
+            std::stringstream all;
+            all << std::ifstream(heard).rdbuf();
+            if (all.str().find(text) != std::string::npos)
+                return;
+            usleep(20000);
+        }
+        ADD_FAILURE() << "nobody heard " << text;
+    };
+    wait_for_line("watching");
+    ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 0);
+    ASSERT_EQ(run("create iproute vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=7").status,
+              0);
+    ASSERT_EQ(run("compare").status, 0); /* the NPUs have done all that */
+    ASSERT_EQ(run("sim --fail 2 --table ipnhgroup --npu 1").status, 0);
+    ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0) << "nobody waits for it";
+    wait_for("failed", "0 failed now; 2 retries since the start, 1 recovered, 0 taken out");
+    EXPECT_NE(run("table ipnhgroup")
+                  .text.find("1               1            1              0              2"),
+              std::string::npos)
+        << run("table ipnhgroup").text;
+
+    ASSERT_EQ(run("sim --fail 1 --table iproute --npu 0 --operation update").status, 0);
+    ASSERT_EQ(run("update iproute vrf_id=0 prefix=10.0.0.0/8 bgp_as=7").status, 0);
+    wait_for("table iproute", "updates in retry mode");
+    wait_for("failed", "0 failed now");
+    EXPECT_EQ(run("failed iproute vrf_id=0 prefix=10.0.0.0/8 --retry").status, 1) << "it is well";
+    EXPECT_EQ(run("quarantine --release").status, 1) << "nothing is there";
+    EXPECT_EQ(run("quarantine").text,
+              "0 out of service now; 0 taken out since the start, 0 put back\n");
+    EXPECT_EQ(run("failed nonsense").status, 2);
+    EXPECT_EQ(run("sim").status, 2) << "how?";
+
+    EXPECT_EQ(run("create iproute vrf_id=0 prefix=11.0.0.0/8 next_obj.ipnhgroup.nhg_id=8").status,
+              1);
+    wait_for_line(
+        "create iproute vrf_id=0 prefix=11.0.0.0/8: a reference was not resolved (type 15)");
+    EXPECT_EQ(run("delete ipnhgroup nhg_id=9").status, 1);
+    wait_for_line("delete ipnhgroup nhg_id=9: not found (type 17)");
+    EXPECT_EQ(run("--json graph ipnhgroup nhg_id=7 --depth 0").text.find("\"attempts\":0") ==
+                  std::string::npos,
+              false);
 }
 
 TEST_F(zanctl, shows_colours_and_what_they_keep_back)

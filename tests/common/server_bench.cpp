@@ -275,6 +275,20 @@ uint32_t counter(const zan_table_def_t *def, uint32_t index)
     return zan_get_global_ctx()->counters[0][def->id][index];
 }
 
+std::vector<uint64_t> last_trace(uint32_t message)
+{
+    std::vector<uint64_t> found;
+    std::vector<zan_trace_record_st> records(1024);
+    uint64_t after = 0;
+    while (const uint32_t n = zan_trace_read(after, records.data(), (uint32_t)records.size())) {
+        for (uint32_t i = 0; i < n; i++)
+            if ((uint32_t)records[i].msg == message)
+                found.assign(records[i].arg, records[i].arg + 7);
+        after = records[n - 1].sequence;
+    }
+    return found;
+}
+
 residue_t residue()
 {
     settle();

@@ -107,6 +107,8 @@ std::vector<std::string> dump(const zan_table_def_t *def);
 std::string hardware_differs(uint32_t num_npus);
 
 uint32_t counter(const zan_table_def_t *def, uint32_t index);
+/* Arguments of the newest trace of a message, or nothing. */
+std::vector<uint64_t> last_trace(uint32_t message);
 
 /* What a refusal must leave as it was. */
 struct residue_t {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "host_control.h"
+#include "host_notifications.h"
 #include "host_services.h"
 #include "host_start.h"
 #include "npu_sim_control.h"
@@ -261,4 +262,36 @@ TEST(Create, WaitsForTheNpusThatAnAsynchronousWriteIsWith)
     lookup.table_id = def->id;
     for (zan_table_base_st *o = zan_db_get_first(&lookup); o; o = zan_db_get_next(o))
         EXPECT_EQ(o->inflight, 0);
+}
+
+/* What a refused create has reserved stays with its key: the client that sends it again has the
+ * same identifier. Only when none is left is it taken back, and then by whoever needs one. */
+TEST(Create, TakesIdentifiersOfRefusedCreatesWhenNoneIsLeft)
+{
+    const server_t server({.num_npus = 2});
+    const zan_table_def_t *def = table("testasyncdb");
+    run(with_key(def, 1));
+    zan_db_set_limit(def->id, 2);
+    zan_host_identifiers_set_capacity(def->id, 3);
+    run(with_key(def, 2));
+    EXPECT_EQ(run(with_key(def, 3)).rc, ZAN_RC_TABLE_FULL);
+    settle();
+    zan_host_identifiers_st ids;
+    zan_host_identifiers_get(def->id, &ids);
+    EXPECT_EQ(ids.held, 3u);
+    EXPECT_EQ(ids.orphaned, 1u);
+    const uint32_t kept = zan_host_identifier_of(with_key(def, 3).get(), -1);
+
+    zan_db_set_limit(def->id, 0);
+    EXPECT_EQ(run(with_key(def, 4)).rc, (zan_rcode)EOK);
+    EXPECT_EQ(zan_host_identifier_of(with_key(def, 4).get(), -1), kept);
+    zan_host_identifiers_get(def->id, &ids);
+    EXPECT_EQ(ids.reclaimed, 1u);
+    EXPECT_EQ(ids.orphaned, 0u);
+    EXPECT_EQ(run(with_key(def, 5)).rc, (zan_rcode)ZAN_HOST_RC_NO_IDENTIFIER) << "now it is dry";
+    zan_host_identifiers_get(def->id, &ids);
+    EXPECT_EQ(ids.refused, 1u);
+    run(with_key(def, 1, ZAN_TABLE_DELETE));
+    settle();
+    EXPECT_EQ(run(with_key(def, 5)).rc, (zan_rcode)EOK) << "a delete makes room";
 }

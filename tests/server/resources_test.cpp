@@ -170,7 +170,7 @@ TEST(Resources, AFullDatabaseRefusesAndIsNotOverfull)
 }
 
 /* The update of a route gives an entry back on each NPU, though the hardware refuses it, and though
- * the route stays. */
+ * the route stays; the repeat of a write does not. */
 TEST(Resources, AnUpdateOfARouteReleases)
 {
     const server_t server({.num_npus = npus});
@@ -180,6 +180,8 @@ TEST(Resources, AnUpdateOfARouteReleases)
         table("iproute")->id, NPU_SIM_ANY, ZAN_TABLE_UPDATE, 1, 0, 0x4fa01234};
     npu_sim_fail(&refused);
     object_t change = route(1, ZAN_TABLE_UPDATE);
+    fill_attributes(table("iproute"), change.get(), 1);
+    EXPECT_EQ(run(change).rc, (zan_rcode)EOK);
     change->flag |= ZAN_FLAG_RETRY_MODE;
     EXPECT_EQ(run(change).rc, (zan_rcode)EOK);
     settle();

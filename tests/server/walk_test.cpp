@@ -15,21 +15,6 @@ using namespace bench;
 namespace
 {
 
-/* Arguments of the newest record of a message, or nothing. */
-std::vector<uint64_t> last_trace(uint32_t number)
-{
-    std::vector<uint64_t> found;
-    std::vector<zan_trace_record_st> records(1024);
-    uint64_t after = 0;
-    while (const uint32_t n = zan_trace_read(after, records.data(), (uint32_t)records.size())) {
-        for (uint32_t i = 0; i < n; i++)
-            if ((uint32_t)records[i].msg == number)
-                found.assign(records[i].arg, records[i].arg + 7);
-        after = records[n - 1].sequence;
-    }
-    return found;
-}
-
 /* ---- Graphs of one table that refers to itself ---- */
 
 using parents_t = std::vector<std::vector<uint32_t>>; /* of each object, those before it */
