@@ -155,6 +155,7 @@ bool check_operation(check_t *check, const object_t *obj)
     case ZAN_TABLE_GET_NEXT:
     case ZAN_TABLE_REPLAY_START:
     case ZAN_TABLE_REPLAY_END:
+        check->verdict.replays = true;
         return true;
     case ZAN_TABLE_EOD:
         return def->eod_entry ||

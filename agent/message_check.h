@@ -28,6 +28,7 @@ struct message_verdict_t {
     bool ok;
     bool is_async;
     bool answers_in_place; /* the objects hold an answer after the run */
+    bool replays;          /* a replay of some table begins or ends */
     uint32_t num_objects;  /* of an accepted batch */
     uint32_t object_index;
     char field[96];

@@ -10,6 +10,12 @@
 #include "npu_control.h"
 #include "transport.h"
 
+/* The last replay of a table. */
+struct replay_t {
+    bool running;
+    std::vector<uint32_t> before; /* its counters when it began; empty: none has */
+};
+
 /* The node as the dispatcher thread knows it. */
 struct node_t {
     zan_hello_reply_st facts;
@@ -18,6 +24,7 @@ struct node_t {
     uint32_t hooks[3];  /* slots by zan_hook_source_et */
     int64_t started_ms; /* CLOCK_MONOTONIC */
     uint64_t batches, objects, refused;
+    replay_t replays[ZAN_NUM_TABLES];
     uint32_t sim_failures;             /* rules that simulated NPUs were given */
     uint64_t trace_seen, trace_errors; /* last sequence looked at; errors so far */
 };

@@ -3,6 +3,7 @@
 #include "requests.h"
 
 #include "clock.h"
+#include "global_context.h"
 #include "locks.h"
 #include "table_flows.h"
 #include "thread_control.h"
@@ -55,6 +56,21 @@ std::vector<uint8_t> make_reply(const zan_batch_frame_st &frame, const message_v
     return out;
 }
 
+/* The end of a replay is told against what its table had counted when it began. */
+void note_replays(node_t *node, const uint8_t *msg, size_t len)
+{
+    for (size_t at = 0; at < len;) {
+        const auto *obj = (const zan_table_base_st *)(msg + at);
+        replay_t *replay = &node->replays[obj->table_id];
+        const uint32_t *counters = zan_get_global_ctx()->counters[0][obj->table_id];
+        if (obj->table_operation == ZAN_TABLE_REPLAY_START)
+            *replay = {true, {counters, counters + ZAN_NUM_COUNTERS}};
+        else if (obj->table_operation == ZAN_TABLE_REPLAY_END)
+            replay->running = false;
+        at += obj->total_obj_size;
+    }
+}
+
 } // namespace
 
 answer_t refuse_request(node_t *node, const char *field, const char *text)
@@ -85,6 +101,8 @@ answer_t run_batch(node_t *node, request_t *request, uint32_t reply_max)
     frame.hdr.client_id = (uint32_t)request->session;
     {
         const dispatcher_hold_t hold;
+        if (verdict.replays)
+            note_replays(node, msg, len);
         reply->last_rc = zan_table_server_dispatcher(
             msg, (zan_table_response_st *)(answer.frame.data() + slots_at), frame.hdr, nullptr);
     }

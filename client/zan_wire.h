@@ -358,10 +358,12 @@ typedef struct zan_table_record_st {
     uint64_t ids_refused;   /* reserves that found none left */
     uint64_t ids_reclaimed; /* taken back from such keys when none was left */
     zan_table_npu_st npu[ZAN_MAX_NPUS];
-    uint32_t counters[3][61]; /* since the start; since the last reset; in the active bank */
+    /* Since the start; since the last reset; in the active bank; since its last replay began. */
+    uint32_t counters[4][61];
+    uint32_t replaying; /* 1: a replay has begun and not ended */
     uint32_t reserved;
 } zan_table_record_st;
-ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1056, "record of a table");
+ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1304, "record of a table");
 
 /* Notifications that a session wants, instead of those it wanted before. */
 typedef struct zan_watch_st {

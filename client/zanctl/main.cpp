@@ -59,6 +59,8 @@ void add_commands(CLI::App *app, arguments_t *a)
     apply->add_option("file", a->file, "- is standard input")->required();
     apply->add_flag("--async", a->apply.async, "asynchronous batches: nobody waits for hardware");
     apply->add_flag("--stop-on-error", a->apply.stop_on_error, "the first failure cuts the rest");
+    apply->add_flag("--replace", a->apply.replace,
+                    "a create of what is stored changes it to what is sent");
     apply->add_flag("--one-kind", a->apply.one_kind,
                     "a batch ends where operation or table changes");
     apply->add_option("--batch", a->apply.batch_objects, "operations in a batch")
@@ -112,6 +114,15 @@ void add_commands(CLI::App *app, arguments_t *a)
         "watch", "print notifications as they come: of some tables, or of all and of the hardware");
     watch->add_option("tables", a->words, "iproute ip6route");
     watch->add_option("--limit", a->limit, "end after so many");
+    CLI::App *replay = app->add_subcommand(
+        "replay", "start: mark what is stored; end: delete what was not sent again since");
+    replay->add_option("what", a->file, "start or end")
+        ->required()
+        ->check(CLI::IsMember({"start", "end"}));
+    replay->add_option("tables", a->words, "iproute ip6route; without all that concern");
+    replay->add_option("--epoch", a->limit, "start: of the objects of this client's epoch only");
+    CLI::App *eod = app->add_subcommand("eod", "end of download: tell each NPU that all was sent");
+    eod->add_option("tables", a->words, "ipacl; without all tables that hear it");
     CLI::App *sim = app->add_subcommand("sim", "how the simulated NPUs behave from now on");
     sim->add_flag("--well", a->sim.well, "as they should");
     sim->add_option("--fail", a->sim.fail, "so many writes fail; 0: all");
@@ -167,6 +178,10 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_quarantine(session, join(a.words), a.quarantine);
     if (command == "table")
         return run_table(session, a.table);
+    if (command == "replay")
+        return run_replay(session, a.file, a.words, (uint32_t)a.limit);
+    if (command == "eod")
+        return run_eod(session, a.words);
     if (command == "watch")
         return run_watch(session, a.words, a.limit);
     if (command == "sim")

@@ -275,6 +275,8 @@ int take_order(applying_t *a, order_t order)
         return status;
     if (is_read)
         return run_read(a, order);
+    if (a->options.replace && order.operation == ZAN_TABLE_CREATE)
+        order.obj->write_kind = ZAN_WRITE_KIND_REPLACE;
     a->batch.push_back(std::move(order));
     return EXIT_WELL;
 }

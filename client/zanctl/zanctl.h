@@ -45,6 +45,7 @@ using batch_ptr_t = std::unique_ptr<zan_batch_t, free_batch_t>;
 struct apply_options_t {
     bool async = false;         /* in asynchronous batches, whose one slot reads 0 */
     bool stop_on_error = false; /* the first failure cuts the rest */
+    bool replace = false;       /* a create of what is stored changes it to what is sent */
     bool one_kind = false;      /* a batch ends where operation or table changes */
     size_t batch_objects = 1000;
 };
@@ -93,6 +94,12 @@ struct sim_options_t {
     zan_rcode code = 0x4fa0c005; /* EIO, as hardware would say */
 };
 int run_sim(session_t *session, const sim_options_t &options);
+/* Begin ("start") or end a replay of these tables; with none of those that hold objects, or whose
+ * replay has begun. The epoch is the client's, for the tables that many clients share. */
+int run_replay(session_t *session, const std::string &what, const std::vector<std::string> &names,
+               uint32_t epoch);
+/* Tell each NPU that all of a table has been sent; with no name of all tables that hear it. */
+int run_eod(session_t *session, const std::vector<std::string> &names);
 /* Print notifications, of these tables or of all and of the hardware databases, until so many have
  * come; 0: for ever. */
 int run_watch(session_t *session, const std::vector<std::string> &tables, uint64_t limit);
