@@ -364,6 +364,42 @@ TEST_F(zanctl, shows_what_failed_and_lets_people_act)
               false);
 }
 
+TEST_F(zanctl, replays_what_a_client_sends_again)
+{
+    start({});
+    std::string first, again;
+    for (int i = 0; i < 100; i++) {
+        const std::string route = "create iproute vrf_id=0 prefix=10.0." + std::to_string(i) +
+                                  ".0/24 next_obj.ipnhgroup.nhg_id=7 bgp_as=";
+        first += route + "1\n";
+        if (i % 10 != 0)
+            again += route + (i % 10 == 1 ? "2\n" : "1\n");
+    }
+    const std::string group = "create ipnhgroup nhg_id=7\n";
+    ASSERT_EQ(run("apply " + write_file("first", group + first)).status, 0);
+    ASSERT_EQ(run("compare").status, 0);
+    EXPECT_EQ(run("replay end iproute").status, 2) << "none is under way";
+    EXPECT_EQ(run("replay start iproute").text, "iproute              100 marked\n");
+    ASSERT_EQ(run("apply --replace " + write_file("again", again)).status, 0);
+    EXPECT_EQ(run("replay end").text,
+              "iproute              80 kept, 10 changed, 0 asked for anew, 10 swept\n");
+    ASSERT_EQ(run("compare").status, 0);
+    const std::string npu = "NPU 0     91 objects";
+    EXPECT_NE(run("status").text.find(npu), std::string::npos) << run("status").text;
+    EXPECT_NE(run("status").text.find("101 creates, 10 updates, 10 deletes"), std::string::npos)
+        << "what did not change was not written again: " << run("status").text;
+
+    /* A parent that was left out goes behind its children, whose replay ends later. */
+    ASSERT_EQ(run("replay start").status, 0);
+    EXPECT_EQ(run("replay end ipnhgroup").text,
+              "ipnhgroup            0 kept, 0 changed, 0 asked for anew, 1 swept\n");
+    EXPECT_NE(run("list ipnhgroup").text.find("delete-pending"), std::string::npos);
+    EXPECT_EQ(run("replay end").status, 0);
+    EXPECT_EQ(run("list ipnhgroup").text, "");
+    EXPECT_EQ(run("eod ipacl").text, "ipacl                told to all NPUs\n");
+    EXPECT_EQ(run("eod iproute").status, 2) << "it does not hear it";
+}
+
 TEST_F(zanctl, shows_colours_and_what_they_keep_back)
 {
     start({});
