@@ -77,6 +77,7 @@ void learn_node(node_t *node, const zan_agent_options_t *options)
     if (node->npus.can_compare())
         node->facts.node |= ZAN_NODE_CAN_COMPARE;
     node->started_ms = monotonic_ms();
+    learn_cycles(node);
     for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
         node->private_size[id] = kor_npd_get_table_size(id);
         const srv_zan_table_props_t *props = zan_srv_table_props_get(id);
@@ -125,6 +126,8 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_sim(node, *request);
         case ZAN_FRAME_WATCH:
             return run_watch(node, *request);
+        case ZAN_FRAME_TRACE:
+            return run_trace(node, *request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }

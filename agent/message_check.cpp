@@ -296,6 +296,15 @@ bool is_plausible(const timespec &when, const timespec &now)
            when.tv_sec >= now.tv_sec - oldest_client_time_s;
 }
 
+/* An object is traced by its transaction, so that each has one. */
+void name_transaction(const check_t *check, const object_t *obj)
+{
+    zan_table_base_st *base = obj->base;
+    uint32_t *trans_id = zan_obj_trans_id(obj->def, base);
+    if (base->base_trans_id == 0 && *trans_id == 0 && check->facts.last_trans)
+        base->base_trans_id = *trans_id = ++*check->facts.last_trans | ZAN_AGENT_TRANS;
+}
+
 /* Whatever only the server may write; every byte of the header is either checked, kept as the
  * client's own (handle, epoch, transaction) or cleared here. */
 void clear_server_fields(const check_t *check, const object_t *obj)
@@ -347,6 +356,7 @@ message_verdict_t message_check(const message_facts_t &facts, const zan_batch_fr
         if (!check_object(&check, &obj))
             return *v;
         clear_server_fields(&check, &obj);
+        name_transaction(&check, &obj);
         v->answers_in_place |= is_read(obj.base->table_operation) ||
                                (obj.def->serialize_back && is_write(obj.base->table_operation));
         v->num_objects++;

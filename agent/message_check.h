@@ -20,7 +20,12 @@ struct message_facts_t {
     const uint32_t *private_size;
     timespec now;       /* takes the place of a client_time that cannot be */
     uint32_t reply_max; /* bytes that slots and objects may take in the reply */
+    /* The last transaction that was given to an object without one; null: none is given. */
+    uint32_t *last_trans;
 };
+
+/* Transactions that the agent gives have this bit, so that they are no client's own. */
+#define ZAN_AGENT_TRANS 0x80000000u
 
 /* The verdict. Of a refused batch: which object (ZAN_WIRE_NO_INDEX: the batch itself), which field
  * and why. */

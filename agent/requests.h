@@ -21,8 +21,11 @@ struct node_t {
     zan_hello_reply_st facts;
     npu_control_t npus;
     uint32_t private_size[ZAN_NUM_TABLES];
-    uint32_t hooks[3];  /* slots by zan_hook_source_et */
-    int64_t started_ms; /* CLOCK_MONOTONIC */
+    uint32_t hooks[3];     /* slots by zan_hook_source_et */
+    int64_t started_ms;    /* CLOCK_MONOTONIC */
+    uint32_t last_trans;   /* given to an object that came without a transaction */
+    uint64_t first_cycles; /* at first_ms */
+    int64_t first_ms;
     uint64_t batches, objects, refused;
     replay_t replays[ZAN_NUM_TABLES];
     uint32_t sim_failures;             /* rules that simulated NPUs were given */
@@ -65,6 +68,9 @@ answer_t run_quarantine(node_t *node, const request_t &request);
 answer_t run_table(node_t *node, const request_t &request);
 answer_t run_sim(node_t *node, const request_t &request);
 answer_t run_watch(node_t *node, const request_t &request);
+answer_t run_trace(node_t *node, const request_t &request);
+/* From now on the cycles of traces are measured against the clock. */
+void learn_cycles(node_t *node);
 
 /* Where the transport gets notifications from, and how it is told of them (by any thread). */
 bool next_notification(notification_t *out);

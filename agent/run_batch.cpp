@@ -89,7 +89,8 @@ answer_t run_batch(node_t *node, request_t *request, uint32_t reply_max)
     uint8_t *msg = request->payload.data() + sizeof frame;
     const size_t len = request->payload.size() - sizeof frame;
 
-    message_facts_t facts = {node->facts.num_npus, node->private_size, {}, reply_max};
+    message_facts_t facts = {
+        node->facts.num_npus, node->private_size, {}, reply_max, &node->last_trans};
     zan_clock_gettime(CLOCK_REALTIME, &facts.now);
     const message_verdict_t verdict = message_check(facts, frame, msg, len);
     if (!verdict.ok)

@@ -95,7 +95,7 @@ answer_t run_graph(node_t *node, request_t *request)
     zan_batch_frame_st frame = {};
     frame.hdr.msg_len = (uint32_t)len;
     frame.hdr.num_resp = 1;
-    message_facts_t facts = {node->facts.num_npus, node->private_size, {}, ZAN_FRAME_MAX};
+    message_facts_t facts = {node->facts.num_npus, node->private_size, {}, ZAN_FRAME_MAX, nullptr};
     zan_clock_gettime(CLOCK_REALTIME, &facts.now);
     const message_verdict_t verdict = message_check(facts, frame, msg, len);
     if (!verdict.ok)

@@ -253,6 +253,7 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_QUARANTINE:
     case ZAN_FRAME_TABLE:
     case ZAN_FRAME_SIM:
+    case ZAN_FRAME_TRACE:
         break;
     case ZAN_FRAME_WATCH:
         watch(s);

@@ -210,3 +210,22 @@ int zan_client_sim(zan_client_t *client, const zan_sim_st *request)
     free(bytes.bytes);
     return result;
 }
+
+int zan_client_trace(zan_client_t *client, uint64_t after, uint32_t max, zan_trace_reply_st *reply,
+                     zan_trace_record_st **records)
+{
+    *records = nullptr;
+    const zan_trace_st request = {after, max, 0};
+    byte_block_t bytes = {};
+    int result = client_ask(client, ZAN_FRAME_TRACE, &request, sizeof request,
+                            ZAN_FRAME_TRACE_REPLY, &bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's trace has %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = take_records(client, &bytes, sizeof *reply, reply->num_records, sizeof **records,
+                              (void **)records);
+    }
+    free(bytes.bytes);
+    return result;
+}

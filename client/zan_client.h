@@ -156,6 +156,10 @@ ZAN_EXPORT int zan_client_quarantine(zan_client_t *client, const zan_failed_st *
 ZAN_EXPORT int zan_client_table(zan_client_t *client, uint32_t table_id,
                                 zan_table_record_st *record);
 
+/* The oldest records of the trace ring behind the one with that sequence: *records gets
+ * reply->num_records of them, which the caller frees with free. */
+ZAN_EXPORT int zan_client_trace(zan_client_t *client, uint64_t after, uint32_t max,
+                                zan_trace_reply_st *reply, zan_trace_record_st **records);
 /* Say how the simulated NPUs behave from now on. */
 ZAN_EXPORT int zan_client_sim(zan_client_t *client, const zan_sim_st *request);
 

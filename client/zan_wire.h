@@ -10,6 +10,7 @@
 #define ZAN_WIRE_H
 
 #include "zan_table_base.h"
+#include "zan_trace.h"
 
 #define ZAN_WIRE_MAGIC    0x31304c42544e415aull /* "ZANTBL01" */
 #define ZAN_WIRE_VERSION  5u
@@ -47,6 +48,8 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_SIM_REPLY = 26,         /* empty */
     ZAN_FRAME_WATCH = 27,             /* zan_watch_st: the notifications that the client wants */
     ZAN_FRAME_WATCH_REPLY = 28,       /* empty */
+    ZAN_FRAME_TRACE = 30,             /* zan_trace_st */
+    ZAN_FRAME_TRACE_REPLY = 31,       /* zan_trace_reply_st, then num_records zan_trace_record_st */
     ZAN_FRAME_NOTIFICATION = 29,      /* from the agent, unasked, tag 0: zan_notification_st, then
                                          an object or another message */
 } zan_frame_type_et;
@@ -399,6 +402,25 @@ typedef struct zan_notify_resource_st {
     uint64_t used, capacity;
 } zan_notify_resource_st;
 ZAN_STATIC_ASSERT(sizeof(zan_notify_resource_st) == 32, "state of a hardware database");
+
+/* The oldest records of the trace ring behind one, so many at most. */
+#define ZAN_TRACE_RECORDS_MAX 20000u
+typedef struct zan_trace_st {
+    uint64_t after; /* sequence of the last record that was read; 0: from the oldest */
+    uint32_t max;   /* at most ZAN_TRACE_RECORDS_MAX */
+    uint32_t reserved;
+} zan_trace_st;
+ZAN_STATIC_ASSERT(sizeof(zan_trace_st) == 16, "trace request");
+
+/* A record's time is counted in cycles; these say which cycle it is now, and how fast they go. */
+typedef struct zan_trace_reply_st {
+    uint64_t now_cycles;
+    uint64_t now_ns; /* CLOCK_REALTIME */
+    uint64_t cycles_per_second;
+    uint32_t num_records;
+    uint32_t reserved;
+} zan_trace_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_trace_reply_st) == 32, "trace reply");
 
 /* How simulated NPUs behave from now on. */
 typedef enum zan_sim_action_et {

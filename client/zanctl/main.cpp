@@ -21,6 +21,7 @@ struct arguments_t {
     failed_options_t failed;
     quarantine_options_t quarantine;
     sim_options_t sim;
+    trace_options_t trace;
 };
 
 std::string join(const std::vector<std::string> &words)
@@ -123,6 +124,17 @@ void add_commands(CLI::App *app, arguments_t *a)
     replay->add_option("--epoch", a->limit, "start: of the objects of this client's epoch only");
     CLI::App *eod = app->add_subcommand("eod", "end of download: tell each NPU that all was sent");
     eod->add_option("tables", a->words, "ipacl; without all tables that hear it");
+    CLI::App *trace = app->add_subcommand("trace", "the trace ring, a line for each record");
+    trace->add_flag("-f,--follow", a->trace.follow, "and what comes, until it is stopped");
+    trace->add_option("--table", a->trace.table, "of one table only");
+    trace->add_option("--trans", a->trace.trans, "of one transaction only");
+    trace->add_option("--since", a->trace.since, "of the last so many seconds only");
+    trace->add_flag("--errors", a->trace.errors, "errors only");
+    trace->add_option("--last", a->trace.last, "so many at most, the newest")
+        ->capture_default_str();
+    CLI::App *history = app->add_subcommand(
+        "history", "what the trace ring knows of an object: TABLE KEY=VALUE...");
+    history->add_option("object", a->words, "iproute vrf_id=0 prefix=10.0.0.0/8")->required();
     CLI::App *sim = app->add_subcommand("sim", "how the simulated NPUs behave from now on");
     sim->add_flag("--well", a->sim.well, "as they should");
     sim->add_option("--fail", a->sim.fail, "so many writes fail; 0: all");
@@ -178,6 +190,10 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_quarantine(session, join(a.words), a.quarantine);
     if (command == "table")
         return run_table(session, a.table);
+    if (command == "trace")
+        return run_trace(session, a.trace);
+    if (command == "history")
+        return run_history(session, join(a.words));
     if (command == "replay")
         return run_replay(session, a.file, a.words, (uint32_t)a.limit);
     if (command == "eod")

@@ -100,6 +100,17 @@ int run_replay(session_t *session, const std::string &what, const std::vector<st
                uint32_t epoch);
 /* Tell each NPU that all of a table has been sent; with no name of all tables that hear it. */
 int run_eod(session_t *session, const std::vector<std::string> &names);
+/* What of the trace ring is shown. */
+struct trace_options_t {
+    bool follow = false, errors = false;
+    std::string table;
+    std::optional<uint32_t> trans;
+    std::optional<double> since; /* seconds ago */
+    size_t last = 1000;          /* at most so many, the newest */
+};
+int run_trace(session_t *session, const trace_options_t &options);
+/* What the ring knows of one object, and of the transactions that wrote it. */
+int run_history(session_t *session, const std::string &text);
 /* Print notifications, of these tables or of all and of the hardware databases, until so many have
  * come; 0: for ever. */
 int run_watch(session_t *session, const std::vector<std::string> &tables, uint64_t limit);

@@ -9,60 +9,13 @@
 #ifndef ZAN_PLATFORM_TRACE_H
 #define ZAN_PLATFORM_TRACE_H
 
-#include "zan_types.h"
-
-/* Handle of a trace class: table_id * 3 + level - 1 for a table's, then the shared ones. */
-typedef uint32_t zan_trace_class_t;
-
-#define ZAN_TRACE_LEVEL_ERROR   1u
-#define ZAN_TRACE_LEVEL_EVENT   2u
-#define ZAN_TRACE_LEVEL_VERBOSE 3u
-
-/* The shared classes, X(name). */
-#define ZAN_SHARED_TRACE_CLASSES(X)                                                                \
-    X(ZAN_TRANSACTION_HISTORY_EVENT__)                                                             \
-    X(ZAN_TRANSACTION_HISTORY_EVENT_RETRY__)                                                       \
-    X(ZAN_TRANSACTION_HISTORY_STATS_EVENT__)                                                       \
-    X(ZAN_TRANSACTION_HISTORY_STATS_EVENT_RETRY__)                                                 \
-    X(ZAN_QUEUE_ERROR__)                                                                           \
-    X(ZAN_QUEUE_EVENT__)                                                                           \
-    X(ZAN_BATCH_CRUD_ERROR__)                                                                      \
-    X(ZAN_BATCH_CRUD_VERBOSE__)                                                                    \
-    X(ZAN_DB_EVENT__)                                                                              \
-    X(ZAN_FILE_A_BUGTRK_ERROR__)                                                                   \
-    X(ZAN_BWALK_ERROR__)                                                                           \
-    X(ZAN_BWALK_EVENT__)                                                                           \
-    X(ZAN_BWALK_PUSH_EVENT__)                                                                      \
-    X(ZAN_BWALK_COLORUNBIND_EVENT__)                                                               \
-    X(ZAN_RETRY_ERROR__)                                                                           \
-    X(ZAN_RETRY_EVENT__)                                                                           \
-    X(ZAN_RETRY_VERBOSE__)
-
-enum {
-    ZAN_SHARED_TRACE_CLASS_BASE = ZAN_NUM_TABLES * 3,
-#define ZAN_TRACE_CLASS_ENUM(name) ZAN_CLASS_##name,
-    ZAN_TRACE_CLASS_BEFORE_FIRST = ZAN_SHARED_TRACE_CLASS_BASE - 1,
-    ZAN_SHARED_TRACE_CLASSES(ZAN_TRACE_CLASS_ENUM)
-#undef ZAN_TRACE_CLASS_ENUM
-    ZAN_NUM_TRACE_CLASSES
-};
+#include "zan_trace.h"
 
 /* A table's three enumerators, one per level, as its properties record keeps them. */
 typedef struct zan_ringlog_enums_st {
     uint64_t level[3];
 } zan_ringlog_enums_st;
 ZAN_STATIC_ASSERT(sizeof(zan_ringlog_enums_st) == 24, "trace enumerations");
-
-/* One record of the ring, as the reader gets it. */
-typedef struct zan_trace_record_st {
-    uint64_t sequence; /* ascending over all threads */
-    uint64_t cycles;
-    uint64_t msg;
-    zan_trace_class_t trace_class;
-    uint32_t trans_id;
-    uint64_t arg[7];
-    char text[112]; /* of the string arguments, blank-separated; cut */
-} zan_trace_record_st;
 
 ZAN_EXTERN_C_BEGIN
 /* One byte per class: whether its traces are on. Errors and events are on at start. */

@@ -96,23 +96,6 @@ zan_trace_class_t zan_history_class(const zan_table_def_t *def, bool retry)
                  : ZAN_CLASS_ZAN_TRANSACTION_HISTORY_EVENT__;
 }
 
-const char *zan_trace_message_text(uint32_t number)
-{
-    static const char *const common[] = {
-#define ZAN_MSG_TEXT(name, text) text,
-        ZAN_COMMON_MESSAGES(ZAN_MSG_TEXT)};
-    static const char *const table[] = {ZAN_TABLE_MESSAGES(ZAN_MSG_TEXT)};
-#undef ZAN_MSG_TEXT
-    const uint32_t common_index = number - ZAN_MSG_COMMON_BASE;
-    if (common_index < sizeof common / sizeof common[0])
-        return common[common_index];
-    if (number < ZAN_MSG_TABLE_BASE ||
-        number >= ZAN_MSG_TABLE_BASE + ZAN_NUM_TABLES * ZAN_MSG_TABLE_STRIDE)
-        return nullptr;
-    const uint32_t index = (number - ZAN_MSG_TABLE_BASE) % ZAN_MSG_TABLE_STRIDE;
-    return index < ZAN_TMSG_COUNT ? table[index] : nullptr;
-}
-
 /* ---- The shared classes, as functions ---- */
 
 #define ZAN_TRACE_CLASS_FUNCTION(name)                                                             \

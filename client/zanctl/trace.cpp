@@ -1,0 +1,175 @@
+/* trace and history: the trace ring, a line for each record. */
+#include "objects.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+#include <set>
+
+#include <ctime>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr unsigned poll_us = 200'000; /* while the ring is followed */
+
+/* What is shown. */
+struct filter_t {
+    const zan_table_def_t *table; /* null: any */
+    std::optional<uint32_t> trans;
+    bool errors;
+    uint64_t from_ns; /* CLOCK_REALTIME */
+    /* Of one object: its handle, and the transactions that wrote it. */
+    uint64_t handle;
+    std::set<uint32_t> transactions;
+};
+
+bool is_of_table(const zan_trace_record_st &r, uint32_t table_id)
+{
+    return zan_trace_message_table((uint32_t)r.msg) == table_id ||
+           (r.trace_class < ZAN_SHARED_TRACE_CLASS_BASE && r.trace_class / 3 == table_id);
+}
+
+bool mentions(const zan_trace_record_st &r, uint64_t handle)
+{
+    const auto *end = r.arg + std::min<uint64_t>(r.msg >> 32 & 0xff, std::size(r.arg));
+    return std::find(r.arg, end, handle) != end;
+}
+
+bool passes(const zan_trace_record_st &r, uint64_t when_ns, const filter_t &f)
+{
+    if (f.handle && !mentions(r, f.handle) && !f.transactions.count(r.trans_id))
+        return false;
+    return (!f.table || is_of_table(r, f.table->id)) && (!f.trans || r.trans_id == *f.trans) &&
+           (!f.errors || zan_trace_class_level(r.trace_class) == ZAN_TRACE_LEVEL_ERROR) &&
+           when_ns >= f.from_ns;
+}
+
+uint64_t time_of(const zan_trace_record_st &r, const zan_trace_reply_st &now)
+{
+    const double ago = (double)(int64_t)(now.now_cycles - r.cycles) /
+                       (double)std::max<uint64_t>(now.cycles_per_second, 1);
+    return now.now_ns - (uint64_t)(int64_t)(ago * 1e9);
+}
+
+void print(const session_t *session, const zan_trace_record_st &r, uint64_t when_ns)
+{
+    char name[96], text[512], clock[32];
+    zan_trace_class_print(r.trace_class, name, sizeof name);
+    zan_trace_print(&r, text, sizeof text);
+    const auto seconds = (time_t)(when_ns / 1'000'000'000);
+    tm local = {};
+    localtime_r(&seconds, &local);
+    strftime(clock, sizeof clock, "%H:%M:%S", &local);
+    const auto us = (unsigned)(when_ns / 1000 % 1'000'000);
+    const uint32_t table = zan_trace_message_table((uint32_t)r.msg);
+    if (session->json) {
+        json_t out = {{"time_ns", when_ns}, {"class", name}, {"transaction", r.trans_id}};
+        if (table != UINT32_MAX)
+            out["table"] = kor_table_name_get(table);
+        out["text"] = text;
+        printf("%s\n", out.dump().c_str());
+    } else {
+        printf("%s.%06u %-24s %s%s%s (trans %u)\n", clock, us, name,
+               table != UINT32_MAX ? kor_table_name_get(table) : "",
+               table != UINT32_MAX ? ": " : "", text, r.trans_id);
+    }
+}
+
+struct shown_t {
+    zan_trace_record_st record;
+    uint64_t when_ns;
+};
+
+/* All records behind `*after`, those that pass at the end of `found`. */
+int read_ring(session_t *session, const filter_t &filter, uint64_t *after,
+              std::deque<shown_t> *found, size_t most)
+{
+    for (;;) {
+        zan_trace_reply_st reply;
+        zan_trace_record_st *records = nullptr;
+        if (zan_client_trace(session->client, *after, ZAN_TRACE_RECORDS_MAX, &reply, &records))
+            return fail_session(session);
+        const std::unique_ptr<zan_trace_record_st, free_object_t> own(records);
+        for (uint32_t i = 0; i < reply.num_records; i++) {
+            const uint64_t when_ns = time_of(records[i], reply);
+            if (passes(records[i], when_ns, filter))
+                found->push_back({records[i], when_ns});
+            if (found->size() > most)
+                found->pop_front();
+        }
+        if (reply.num_records)
+            *after = records[reply.num_records - 1].sequence;
+        if (reply.num_records < ZAN_TRACE_RECORDS_MAX)
+            return EXIT_WELL;
+    }
+}
+
+void print_all(const session_t *session, const std::deque<shown_t> &found)
+{
+    for (const shown_t &shown : found)
+        print(session, shown.record, shown.when_ns);
+    fflush(stdout);
+}
+
+} // namespace
+
+int run_trace(session_t *session, const trace_options_t &options)
+{
+    filter_t filter = {};
+    std::string why;
+    if (!options.table.empty() && !(filter.table = find_table(options.table, &why)))
+        return fail_text(why);
+    filter.trans = options.trans;
+    filter.errors = options.errors;
+    if (options.since) {
+        timespec now;
+        clock_gettime(CLOCK_REALTIME, &now);
+        filter.from_ns = (uint64_t)(((double)now.tv_sec - *options.since) * 1e9);
+    }
+    uint64_t after = 0;
+    for (;;) {
+        std::deque<shown_t> found;
+        if (read_ring(session, filter, &after, &found, options.last))
+            return EXIT_FAILED;
+        print_all(session, found);
+        if (!options.follow)
+            return EXIT_WELL;
+        usleep(poll_us);
+    }
+}
+
+/* What mentions the object tells which transactions wrote it; what those traced belongs to its life
+ * too. */
+int run_history(session_t *session, const std::string &text)
+{
+    std::string why;
+    const order_t order = {ZAN_TABLE_GET, parse_object(text, &why), 0};
+    if (!order.obj)
+        return fail_text(why);
+    zan_graph_reply_st reply = {};
+    zan_graph_node_st *node = nullptr;
+    if (zan_client_graph(session->client, order.obj.get(), 0, 0, &reply, &node))
+        return fail_session(session);
+    const std::unique_ptr<zan_graph_node_st, free_object_t> own(node);
+    if (reply.num_nodes == 0) {
+        report(session, order, {result_t::FAILED, (zan_rcode)reply.err_code, "", "", ""});
+        return EXIT_REFUSED;
+    }
+    filter_t filter = {};
+    filter.handle = node->handle;
+    std::deque<shown_t> found;
+    uint64_t after = 0;
+    if (read_ring(session, filter, &after, &found, SIZE_MAX))
+        return EXIT_FAILED;
+    for (const shown_t &shown : found)
+        if (shown.record.trans_id != 0)
+            filter.transactions.insert(shown.record.trans_id);
+    found.clear();
+    after = 0;
+    if (read_ring(session, filter, &after, &found, SIZE_MAX))
+        return EXIT_FAILED;
+    print_all(session, found);
+    return EXIT_WELL;
+}
