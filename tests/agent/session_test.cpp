@@ -558,6 +558,9 @@ TEST_F(session, refuses_strange_frames)
         {ZAN_FRAME_SIM, {ZAN_SIM_FAIL, 0, 0, 1, 0, 0}, sizeof(zan_sim_st)},
         {ZAN_FRAME_SIM, {ZAN_SIM_LATENCY, 0, 0, 1, UINT32_MAX, 0}, sizeof(zan_sim_st)},
         {ZAN_FRAME_WATCH, {}, 8},
+        {ZAN_FRAME_TRACE, {0, 0, 0}, sizeof(zan_trace_st)},
+        {ZAN_FRAME_TRACE, {0, 0, UINT32_MAX}, sizeof(zan_trace_st)},
+        {ZAN_FRAME_TRACE, {}, 8},
         {ZAN_FRAME_WATCH, {0, 0, 0, 0, 0, 0, 0, 0}, 0},
     };
     for (const auto &w : wrong) {
