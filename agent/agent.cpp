@@ -183,6 +183,7 @@ int serve_until_stopped(const zan_agent_options_t *options)
     learn_node(&node, options);
     if (!set_resources(node.npus, options->resources))
         return 2;
+    set_retries(options->retries);
     if (!hooks_are_there(&node, options))
         return 1;
     transport_t *transport = transport_start(options->socket_path, node.facts, next_notification);

@@ -39,6 +39,8 @@ static const char usage[] =
     "                          zanctl resources --all lists the databases\n"
     "  --thresholds DB=Y,C,R,C percent at which it is yellow, no longer, red, no longer\n"
     "                          (default 80,75,95,90)\n"
+    "  --retries N             of a failed write, before its object and what depends on it go\n"
+    "                          into quarantine; 0: without end (default 10)\n"
     "  --help                  this text\n"
     "\n"
     "SIGTERM and SIGINT stop it in order. Talk to it with zanctl.\n";
@@ -89,6 +91,7 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
         {"stepped", required_argument, NULL, 't'},
         {"capacity", required_argument, NULL, 'r'},
         {"thresholds", required_argument, NULL, 'r'},
+        {"retries", required_argument, NULL, 'q'},
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
     };
@@ -123,6 +126,11 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
                 return 2;
             options->stepped = 1;
             break;
+        case 'q':
+            if (parse_number("retries", optarg, UINT32_MAX, &number))
+                return 2;
+            options->retries = (uint32_t)number;
+            break;
         case 'r':
             if (num_resources == MAX_RESOURCES) {
                 fputs("zan_agent: at most 64 capacities and thresholds\n", stderr);
@@ -149,7 +157,7 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
 int main(int argc, char **argv)
 {
     zan_agent_options_t options = {
-        .socket_path = DEFAULT_SOCKET, .platform = DEFAULT_PLATFORM, .num_npus = 2};
+        .socket_path = DEFAULT_SOCKET, .platform = DEFAULT_PLATFORM, .num_npus = 2, .retries = 10};
     int rc = parse(argc, argv, &options);
     if (rc)
         return rc;

@@ -79,6 +79,8 @@ void wake_transport(void *transport);
 /* At the end, with nothing under way: whether no identifier was lost. Says what is left. */
 bool identifiers_are_accounted_for(uint32_t num_npus);
 
+/* Retries of a failed write before quarantine; 0: without end. */
+void set_retries(uint32_t budget);
 /* Do what is due of failed writes; the milliseconds until there is more to do. */
 int64_t retry_failed_writes(node_t *node);
 

@@ -150,6 +150,14 @@ answer_t run_quarantine(node_t *node, const request_t &request)
     return answer(ZAN_FRAME_QUARANTINE_REPLY, done, rows);
 }
 
+void set_retries(uint32_t budget)
+{
+    zan_host_retry_config_st config;
+    zan_host_retry_get_config(&config);
+    config.budget = budget;
+    zan_host_retry_configure(&config);
+}
+
 int64_t retry_failed_writes(node_t *node)
 {
     const dispatcher_hold_t hold;

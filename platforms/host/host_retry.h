@@ -67,6 +67,8 @@ typedef struct zan_host_retry_counts_st {
 ZAN_EXTERN_C_BEGIN
 /* Any time; the intervals that run stay. */
 ZAN_EXPORT void zan_host_retry_configure(const zan_host_retry_config_st *config);
+/* What is in force: at first 100 ms, 30 s, 10 attempts. */
+ZAN_EXPORT void zan_host_retry_get_config(zan_host_retry_config_st *out);
 /* Do what is due, a bounded number of objects of it. Between batches, never within one. Returns the
  * microseconds until there is more to do: 0 for at once, UINT64_MAX when nothing waits. */
 ZAN_EXPORT uint64_t zan_host_retry_run(void);

@@ -467,6 +467,11 @@ void zan_host_retry_configure(const zan_host_retry_config_st *wanted)
     random_state = wanted->seed;
 }
 
+void zan_host_retry_get_config(zan_host_retry_config_st *out)
+{
+    *out = config;
+}
+
 uint64_t zan_host_retry_run(void)
 {
     zan_dsp_q_process_post_npu();
