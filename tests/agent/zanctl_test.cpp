@@ -310,10 +310,10 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
  * that watches hears of it. */
 TEST_F(zanctl, shows_what_failed_and_lets_people_act)
 {
-    start({});
+    start({"--retries", "2"});
     const std::string heard = process.directory + "/heard";
     const std::string watch = std::string(ZANCTL_PROGRAM) + " --socket " + process.socket_path +
-                              " watch ipnhgroup iproute --limit 3 > " + heard + " 2>&1 &";
+                              " watch ipnhgroup iproute --limit 6 > " + heard + " 2>&1 &";
     ASSERT_EQ(system(watch.c_str()), 0);
     auto wait_for_line = [&](const std::string &text) {
         for (int i = 0; i < 500; i++) {
@@ -338,14 +338,21 @@ TEST_F(zanctl, shows_what_failed_and_lets_people_act)
               std::string::npos)
         << run("table ipnhgroup").text;
 
-    ASSERT_EQ(run("sim --fail 1 --table iproute --npu 0 --operation update").status, 0);
-    ASSERT_EQ(run("update iproute vrf_id=0 prefix=10.0.0.0/8 bgp_as=7").status, 0);
-    wait_for("table iproute", "updates in retry mode");
-    wait_for("failed", "0 failed now");
     EXPECT_EQ(run("failed iproute vrf_id=0 prefix=10.0.0.0/8 --retry").status, 1) << "it is well";
     EXPECT_EQ(run("quarantine --release").status, 1) << "nothing is there";
-    EXPECT_EQ(run("quarantine").text,
-              "0 out of service now; 0 taken out since the start, 0 put back\n");
+
+    ASSERT_EQ(run("sim --fail 0 --table ipnhgroup --npu 0 --operation update").status, 0);
+    ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=false").status, 0);
+    wait_for_line("ipnhgroup nhg_id=7: taken out of service (type 20)");
+    wait_for("quarantine", "iproute vrf_id=0 prefix=10.0.0.0/8: taken out for ipnhgroup nhg_id=7\n"
+                           "ipnhgroup nhg_id=7: failed with 0x4fa0c005 of the platform: "
+                           "Input/output error after 2 retries; 1 taken out with it\n"
+                           "2 out of service now; 2 taken out since the start, 0 put back\n");
+    EXPECT_EQ(run("list iproute").text, "");
+    ASSERT_EQ(run("sim --well").status, 0);
+    EXPECT_EQ(run("quarantine ipnhgroup nhg_id=7 --release").text, "released: 2 objects\n");
+    wait_for("quarantine", "0 out of service now; 2 taken out since the start, 2 put back\n");
+    EXPECT_EQ(run("compare").status, 0);
     EXPECT_EQ(run("failed nonsense").status, 2);
     EXPECT_EQ(run("sim").status, 2) << "how?";
 

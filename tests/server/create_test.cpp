@@ -295,3 +295,27 @@ TEST(Create, TakesIdentifiersOfRefusedCreatesWhenNoneIsLeft)
     settle();
     EXPECT_EQ(run(with_key(def, 5)).rc, (zan_rcode)EOK) << "a delete makes room";
 }
+
+/* A delete that hardware refuses has given the identifiers back all the same. The object that stays
+ * needs them anew with its next write, and is refused while another has them. */
+TEST(Create, AnUpdateMayFindNoIdentifierLeft)
+{
+    const server_t server({.num_npus = 2});
+    const zan_table_def_t *def = table("l2brmac");
+    zan_host_identifiers_set_capacity(def->id, 1);
+    ASSERT_EQ(run(with_key(def, 1)).rc, (zan_rcode)EOK);
+    const npu_sim_failure_t refused = {def->id, 0, ZAN_TABLE_DELETE, 1, 1, 0x4fa0c005};
+    npu_sim_fail(&refused);
+    EXPECT_EQ(run(with_key(def, 1, ZAN_TABLE_DELETE)).rc, 0x4fa0c005u);
+    ASSERT_EQ(run(with_key(def, 2)).rc, (zan_rcode)EOK) << "it has the number now";
+
+    object_t change = with_key(def, 1, ZAN_TABLE_UPDATE);
+    change->flag |= ZAN_FLAG_RETRY_MODE;
+    const uint64_t notified = zan_host_notifications(ZAN_NOTIF_RESERVE_FAILED);
+    EXPECT_EQ(run(change).rc, (zan_rcode)ZAN_HOST_RC_NO_IDENTIFIER);
+    EXPECT_EQ(zan_host_notifications(ZAN_NOTIF_RESERVE_FAILED),
+              notified + def->notify_update_reserve);
+    EXPECT_EQ(run(with_key(def, 2, ZAN_TABLE_DELETE)).rc, (zan_rcode)EOK);
+    EXPECT_EQ(run(change).rc, (zan_rcode)EOK);
+    EXPECT_NE(zan_host_identifier_of(with_key(def, 1).get(), -1), ZAN_IDENTIFIER_NONE);
+}
