@@ -9,6 +9,7 @@
 #include "requests.h"
 
 #include "exec_queue.h"
+#include "host_control.h"
 #include "host_notifications.h"
 #include "host_start.h"
 #include "internal_queues.h"
@@ -18,9 +19,12 @@
 #include "thread_control.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <new>
+#include <string>
 
 #include <dlfcn.h>
 
@@ -100,6 +104,19 @@ bool hooks_are_there(const node_t *node, const zan_agent_options_t *options)
     return false;
 }
 
+/* The ring of the agent before is kept beside it: it may have ended badly. */
+void open_trace(const zan_agent_options_t *options)
+{
+    if (options->trace_file && strcmp(options->trace_file, "none") == 0)
+        return;
+    const std::string path = options->trace_file ? std::string(options->trace_file)
+                                                 : std::string(options->socket_path) + ".trace";
+    rename(path.c_str(), (path + ".old").c_str());
+    if (!zan_host_trace_open(path.c_str()))
+        fprintf(stderr, "zan_agent: no trace file %s (%s): the ring ends with the process\n",
+                path.c_str(), strerror(errno));
+}
+
 answer_t run_request(node_t *node, const transport_t *transport, request_t *request)
 {
     try {
@@ -143,6 +160,7 @@ void settle(node_t *node)
     const dispatcher_hold_t hold;
     zan_dsp_q_process_post_npu();
     count_trace_errors(node);
+    zan_host_trace_tick();
 }
 
 void serve(node_t *node, transport_t *transport)
@@ -232,6 +250,7 @@ npu_control_t npu_control_find()
 int zan_agent_main(const zan_agent_options_t *options)
 {
     block_signals();
+    open_trace(options);
     zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
     if (!start_host(options))
         return 1;

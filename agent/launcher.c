@@ -41,6 +41,8 @@ static const char usage[] =
     "                          (default 80,75,95,90)\n"
     "  --retries N             of a failed write, before its object and what depends on it go\n"
     "                          into quarantine; 0: without end (default 10)\n"
+    "  --trace-file PATH       keep the trace ring there, for zanctl trace --file; none: in\n"
+    "                          memory (default the socket's path and .trace)\n"
     "  --help                  this text\n"
     "\n"
     "SIGTERM and SIGINT stop it in order. Talk to it with zanctl.\n";
@@ -92,6 +94,7 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
         {"capacity", required_argument, NULL, 'r'},
         {"thresholds", required_argument, NULL, 'r'},
         {"retries", required_argument, NULL, 'q'},
+        {"trace-file", required_argument, NULL, 'f'},
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
     };
@@ -125,6 +128,9 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
             if (parse_number("stepped", optarg, UINT64_MAX, &options->seed))
                 return 2;
             options->stepped = 1;
+            break;
+        case 'f':
+            options->trace_file = optarg;
             break;
         case 'q':
             if (parse_number("retries", optarg, UINT32_MAX, &number))

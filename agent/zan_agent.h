@@ -18,6 +18,7 @@ typedef struct zan_agent_options_t {
     uint8_t
         stepped; /* NPU messages run on the dispatcher thread, in an order that the seed decides */
     uint64_t seed;
+    const char *trace_file; /* keeps the trace ring; null: the socket's path with .trace */
     uint32_t
         retries; /* of a failed write, before its object goes into quarantine; 0: without end */
     /* Hardware databases: "DATABASE=CAPACITY" and "DATABASE=YELLOW,CLEAR,RED,CLEAR", ended by a

@@ -129,6 +129,7 @@ void add_commands(CLI::App *app, arguments_t *a)
     trace->add_option("--table", a->trace.table, "of one table only");
     trace->add_option("--trans", a->trace.trans, "of one transaction only");
     trace->add_option("--since", a->trace.since, "of the last so many seconds only");
+    trace->add_option("--file", a->trace.file, "of this file, which an agent has left");
     trace->add_flag("--errors", a->trace.errors, "errors only");
     trace->add_option("--last", a->trace.last, "so many at most, the newest")
         ->capture_default_str();
@@ -235,6 +236,10 @@ int main(int argc, char **argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
         return app.exit(e) ? EXIT_FAILED : EXIT_WELL;
+    }
+    if (!arguments.trace.file.empty()) { /* no agent is needed */
+        session_t nobody = {nullptr, arguments.json};
+        return run_trace(&nobody, arguments.trace);
     }
     char why[512];
     session_t session = {zan_client_connect(arguments.socket.c_str(), "zanctl", why, sizeof why),

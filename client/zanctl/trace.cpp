@@ -2,11 +2,16 @@
 #include "objects.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <deque>
 #include <set>
 
-#include <ctime>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -106,6 +111,90 @@ int read_ring(session_t *session, const filter_t &filter, uint64_t *after,
     }
 }
 
+/* ---- A ring in a file ---- */
+
+struct mapped_t {
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+    ~mapped_t()
+    {
+        if (bytes)
+            munmap((void *)bytes, size);
+    }
+    bool map(const std::string &path)
+    {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat facts = {};
+        if (fd < 0)
+            return false;
+        if (fstat(fd, &facts) == 0 && facts.st_size > 0) {
+            void *memory = mmap(nullptr, (size_t)facts.st_size, PROT_READ, MAP_SHARED, fd, 0);
+            if (memory != MAP_FAILED) {
+                bytes = (const uint8_t *)memory;
+                size = (size_t)facts.st_size;
+            }
+        }
+        close(fd);
+        return bytes;
+    }
+};
+
+/* What is wrong with the file, or "". */
+std::string file_fault(const mapped_t &map, zan_trace_file_st *head)
+{
+    if (map.size < ZAN_TRACE_FILE_HEAD_SIZE)
+        return "it is no trace file";
+    memcpy(head, map.bytes, sizeof *head);
+    if (head->magic != ZAN_TRACE_FILE_MAGIC || head->record_size != sizeof(zan_trace_slot_st))
+        return "it is no trace file";
+    if (head->fingerprint != zan_schema_fingerprint)
+        return "its agent was built from other table definitions than this zanctl";
+    const uint64_t slots = (uint64_t)head->num_rings * head->records_per_ring;
+    if (slots > map.size || map.size < ZAN_TRACE_FILE_HEAD_SIZE + slots * head->record_size)
+        return "it is cut short";
+    return "";
+}
+
+/* The last moment in the file takes the place of now. */
+zan_trace_reply_st moment_of(const zan_trace_file_st &head)
+{
+    zan_trace_reply_st now = {};
+    now.now_cycles = head.last_cycles;
+    now.now_ns = head.last_ns;
+    const uint64_t ns = std::max<uint64_t>(head.last_ns - head.first_ns, 1);
+    now.cycles_per_second =
+        (uint64_t)((double)(head.last_cycles - head.first_cycles) * 1e9 / (double)ns);
+    return now;
+}
+
+int read_file(const std::string &path, const filter_t &filter, std::deque<shown_t> *found,
+              size_t most)
+{
+    mapped_t map;
+    if (!map.map(path))
+        return fail_text(path + ": " + strerror(errno));
+    zan_trace_file_st head;
+    const std::string fault = file_fault(map, &head);
+    if (!fault.empty())
+        return fail_text(path + ": " + fault);
+    const zan_trace_reply_st moment = moment_of(head);
+    const auto *slots = (const zan_trace_slot_st *)(map.bytes + ZAN_TRACE_FILE_HEAD_SIZE);
+    for (uint64_t i = 0; i < (uint64_t)head.num_rings * head.records_per_ring; i++) {
+        zan_trace_record_st r;
+        if (!zan_trace_take(&slots[i], &r))
+            continue;
+        const uint64_t when_ns = time_of(r, moment);
+        if (passes(r, when_ns, filter))
+            found->push_back({r, when_ns});
+    }
+    std::sort(found->begin(), found->end(), [](const shown_t &a, const shown_t &b) {
+        return a.record.sequence < b.record.sequence;
+    });
+    if (found->size() > most)
+        found->erase(found->begin(), found->end() - (ptrdiff_t)most);
+    return EXIT_WELL;
+}
+
 void print_all(const session_t *session, const std::deque<shown_t> &found)
 {
     for (const shown_t &shown : found)
@@ -127,6 +216,12 @@ int run_trace(session_t *session, const trace_options_t &options)
         timespec now;
         clock_gettime(CLOCK_REALTIME, &now);
         filter.from_ns = (uint64_t)(((double)now.tv_sec - *options.since) * 1e9);
+    }
+    if (!options.file.empty()) {
+        std::deque<shown_t> found;
+        const int status = read_file(options.file, filter, &found, options.last);
+        print_all(session, found);
+        return status;
     }
     uint64_t after = 0;
     for (;;) {

@@ -104,6 +104,7 @@ int run_eod(session_t *session, const std::vector<std::string> &names);
 struct trace_options_t {
     bool follow = false, errors = false;
     std::string table;
+    std::string file; /* of an agent that may be gone; empty: ask the agent */
     std::optional<uint32_t> trans;
     std::optional<double> since; /* seconds ago */
     size_t last = 1000;          /* at most so many, the newest */

@@ -8,7 +8,7 @@
  * refused may have left its new state on those that took it. What decides when:
  *   - a parent that has failed goes first; its children wait for it and cost no attempt
  *   - a code of ENOSPC says that a hardware database is full: the object stands in that database's
- *     line and is called as entries get free; the line's first is tried at the longest interval
+ *     line and is called as entries get free; now and then its first is tried without a call
  *   - all others after their interval
  * Only the last kind spends the budget.
  */

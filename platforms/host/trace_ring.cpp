@@ -5,16 +5,24 @@
  * over all rings by the cycle counter. A reader copies a record and looks at its sequence before
  * and after: one that is being written meanwhile is left out. A thread that finds no ring free does
  * not trace, and that is counted.
+ *
+ * The rings may lie in a file that is mapped, shared: the kernel has what was written there also
+ * when the process is gone.
  */
 #include "clock.h"
+#include "host_control.h"
 #include "thread_control.h"
 #include "trace.h"
+#include "zan_table_def.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 uint8_t zan_trace_enabled[ZAN_NUM_TRACE_CLASSES];
 
@@ -23,17 +31,9 @@ namespace
 
 constexpr uint32_t max_rings = 32;
 constexpr uint32_t records_per_ring = 16384; /* a power of two */
-constexpr uint32_t text_words = 14;
-
-struct record_t {
-    uint64_t sequence; /* 0 while it is written */
-    uint64_t msg;
-    uint64_t class_and_trans;
-    uint64_t arg[7];
-    uint64_t text[text_words]; /* left alone by a message of integers */
-};
-static_assert(sizeof(record_t) == 192,
-              "a record is three cache lines, of which most traces touch two");
+constexpr uint32_t text_words = ZAN_TRACE_TEXT_WORDS;
+constexpr size_t ring_bytes = records_per_ring * sizeof(zan_trace_slot_st);
+using record_t = zan_trace_slot_st;
 
 struct ring_t {
     uint32_t taken;
@@ -43,6 +43,7 @@ struct ring_t {
 
 ring_t rings[max_rings];
 uint64_t traces_without_ring;
+zan_trace_file_st *file; /* the rings lie behind it; null: each in memory of its own */
 
 struct claim_t {
     ring_t *ring = nullptr;
@@ -60,6 +61,13 @@ void put(uint64_t *at, uint64_t value)
     __atomic_store_n(at, value, __ATOMIC_RELAXED);
 }
 
+void *ring_memory(uint32_t ring)
+{
+    if (file)
+        return (uint8_t *)file + ZAN_TRACE_FILE_HEAD_SIZE + ring * ring_bytes;
+    return mmap(nullptr, ring_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+}
+
 ring_t *claim_ring()
 {
     claim.tried = true;
@@ -69,8 +77,7 @@ ring_t *claim_ring()
                                          __ATOMIC_RELAXED))
             continue;
         if (!ring.records) {
-            void *memory = mmap(nullptr, records_per_ring * sizeof(record_t),
-                                PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            void *memory = ring_memory((uint32_t)(&ring - rings));
             if (memory == MAP_FAILED) {
                 __atomic_store_n(&ring.taken, 0, __ATOMIC_RELEASE);
                 return nullptr;
@@ -112,27 +119,6 @@ template <class... A> void write(zan_trace_class_t c, uint64_t msg, A... args)
     (put(&r->arg[i++], args), ...);
     put(&r->text[0], 0);
     close_record(r);
-}
-
-bool read_record(const record_t *r, zan_trace_record_st *out)
-{
-    const uint64_t before = __atomic_load_n(&r->sequence, __ATOMIC_ACQUIRE);
-    if (before == 0)
-        return false;
-    out->sequence = out->cycles = before;
-    out->msg = __atomic_load_n(&r->msg, __ATOMIC_RELAXED);
-    const uint64_t both = __atomic_load_n(&r->class_and_trans, __ATOMIC_RELAXED);
-    out->trace_class = (zan_trace_class_t)(both >> 32);
-    out->trans_id = (uint32_t)both;
-    for (uint32_t i = 0; i < 7; i++)
-        out->arg[i] = __atomic_load_n(&r->arg[i], __ATOMIC_RELAXED);
-    uint64_t text[text_words];
-    for (uint32_t i = 0; i < text_words; i++)
-        text[i] = __atomic_load_n(&r->text[i], __ATOMIC_RELAXED);
-    memcpy(out->text, text, sizeof text);
-    out->text[sizeof text - 1] = 0;
-    __atomic_thread_fence(__ATOMIC_ACQUIRE);
-    return __atomic_load_n(&r->sequence, __ATOMIC_RELAXED) == before;
 }
 
 /* Errors and events are on at start; what a class is for is told by its place. */
@@ -227,6 +213,54 @@ zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums, u
     return (zan_trace_class_t)enums->level[level - 1];
 }
 
+/* A ring that is in use already moves; its thread is the caller. */
+bool zan_host_trace_open(const char *path)
+{
+    constexpr size_t bytes = ZAN_TRACE_FILE_HEAD_SIZE + max_rings * ring_bytes;
+    const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    void *memory = ftruncate(fd, (off_t)bytes) == 0
+                       ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
+                       : MAP_FAILED;
+    close(fd);
+    if (memory == MAP_FAILED)
+        return false;
+    file = (zan_trace_file_st *)memory;
+    *file = {ZAN_TRACE_FILE_MAGIC,
+             zan_schema_fingerprint,
+             max_rings,
+             records_per_ring,
+             sizeof(record_t),
+             (uint32_t)getpid(),
+             0,
+             0,
+             0,
+             0};
+    zan_host_trace_tick();
+    file->first_cycles = file->last_cycles;
+    file->first_ns = file->last_ns;
+    for (ring_t &ring : rings) {
+        record_t *before = ring.records;
+        if (!before)
+            continue;
+        ring.records = (record_t *)ring_memory((uint32_t)(&ring - rings));
+        memcpy((void *)ring.records, before, ring_bytes);
+        munmap(before, ring_bytes);
+    }
+    return true;
+}
+
+void zan_host_trace_tick(void)
+{
+    timespec now;
+    zan_clock_gettime(CLOCK_REALTIME, &now);
+    if (!file)
+        return;
+    file->last_cycles = zan_clock_cycles();
+    file->last_ns = (uint64_t)now.tv_sec * 1000000000 + (uint64_t)now.tv_nsec;
+}
+
 /* The oldest records stand in a heap whose top is the newest of them, which gives way first. */
 uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
 {
@@ -238,7 +272,7 @@ uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
     for (const ring_t &ring : rings) {
         const record_t *records = __atomic_load_n(&ring.records, __ATOMIC_ACQUIRE);
         for (uint32_t i = 0; records && max && i < records_per_ring; i++) {
-            if (!read_record(&records[i], &r) || r.sequence <= after)
+            if (!zan_trace_take(&records[i], &r) || r.sequence <= after)
                 continue;
             if (n == max) {
                 if (r.sequence >= out[0].sequence)

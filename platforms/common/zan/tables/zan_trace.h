@@ -59,6 +59,32 @@ typedef struct zan_trace_record_st {
     char text[112]; /* of the string arguments, blank-separated; cut */
 } zan_trace_record_st;
 
+/* The ring as a file: this head, then `num_rings` rings of `records_per_ring` records, one behind
+ * the other. Cycles are turned into time by the two moments at which both were read. */
+#define ZAN_TRACE_FILE_MAGIC     0x31304352545a4e41ull /* "ANZTRC01" */
+#define ZAN_TRACE_FILE_HEAD_SIZE 4096u
+typedef struct zan_trace_file_st {
+    uint64_t magic;
+    uint64_t fingerprint; /* zan_schema_fingerprint: messages go by table ids */
+    uint32_t num_rings, records_per_ring;
+    uint32_t record_size; /* of zan_trace_slot_st */
+    uint32_t pid;
+    uint64_t first_cycles, first_ns; /* CLOCK_REALTIME */
+    uint64_t last_cycles, last_ns;
+} zan_trace_file_st;
+
+/* A record in its ring; 0 as sequence: there is none, or it was being written. */
+#define ZAN_TRACE_TEXT_WORDS 14
+typedef struct zan_trace_slot_st {
+    uint64_t sequence; /* the cycle counter when it was written */
+    uint64_t msg;
+    uint64_t class_and_trans; /* class in the high half */
+    uint64_t arg[7];
+    uint64_t text[ZAN_TRACE_TEXT_WORDS]; /* left alone by a message of integers */
+} zan_trace_slot_st;
+ZAN_STATIC_ASSERT(sizeof(zan_trace_slot_st) == 192,
+                  "a record is three cache lines, of which most traces touch two");
+
 /* X(name, text) */
 #define ZAN_COMMON_MESSAGES(X)                                                                     \
     X(BATCH_CUT, "batch cut: rc %x, table %u, trans %u, client %u")                                \
@@ -231,6 +257,8 @@ typedef enum zan_table_msg_et {
 ZAN_STATIC_ASSERT((unsigned)ZAN_TMSG_COUNT <= ZAN_MSG_TABLE_STRIDE, "a table's block is full");
 
 ZAN_EXTERN_C_BEGIN
+/* A record out of its slot; false when there is none, or when it was written meanwhile. */
+ZAN_EXPORT bool zan_trace_take(const zan_trace_slot_st *slot, zan_trace_record_st *out);
 /* Text of a message number; null for a number that is none. */
 ZAN_EXPORT const char *zan_trace_message_text(uint32_t number);
 /* The table whose flow traces by a number, or UINT32_MAX. */

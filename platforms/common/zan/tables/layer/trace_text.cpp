@@ -1,4 +1,4 @@
-/* Traces as text: the class, and the message with its arguments in place. */
+/* Traces out of the ring, and as text: the class, and the message with its arguments in place. */
 #include "../zan_table_def.h"
 #include "../zan_trace.h"
 
@@ -52,6 +52,28 @@ void print_number(char how, uint64_t value, text_out_t *out)
 }
 
 } // namespace
+
+/* The sequence is looked at before and after. */
+bool zan_trace_take(const zan_trace_slot_st *slot, zan_trace_record_st *out)
+{
+    const uint64_t before = __atomic_load_n(&slot->sequence, __ATOMIC_ACQUIRE);
+    if (before == 0)
+        return false;
+    out->sequence = out->cycles = before;
+    out->msg = __atomic_load_n(&slot->msg, __ATOMIC_RELAXED);
+    const uint64_t both = __atomic_load_n(&slot->class_and_trans, __ATOMIC_RELAXED);
+    out->trace_class = (zan_trace_class_t)(both >> 32);
+    out->trans_id = (uint32_t)both;
+    for (uint32_t i = 0; i < 7; i++)
+        out->arg[i] = __atomic_load_n(&slot->arg[i], __ATOMIC_RELAXED);
+    uint64_t text[ZAN_TRACE_TEXT_WORDS];
+    for (uint32_t i = 0; i < ZAN_TRACE_TEXT_WORDS; i++)
+        text[i] = __atomic_load_n(&slot->text[i], __ATOMIC_RELAXED);
+    memcpy(out->text, text, sizeof text);
+    out->text[sizeof text - 1] = 0;
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    return __atomic_load_n(&slot->sequence, __ATOMIC_RELAXED) == before;
+}
 
 const char *zan_trace_message_text(uint32_t number)
 {
