@@ -430,6 +430,29 @@ TEST_F(zanctl, decodes_the_trace_ring)
     EXPECT_EQ(run("trace --table nonsense").status, 2);
 }
 
+TEST_F(zanctl, reads_the_trace_of_an_agent_that_was_killed)
+{
+    start({});
+    ASSERT_EQ(run("create l3intf intf=100 ipv4_mtu=1500").status, 0);
+    ASSERT_EQ(run("delete l3intf intf=101").status, 1);
+    kill(process.pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(process.pid, &status, 0), process.pid);
+    const std::string file = process.socket_path + ".trace";
+    const std::string text = run("trace --table l3intf --file " + file).text;
+    for (const char *part : {"l3intf_error", "l3intf: not found: trans 21474836", "intf=101"})
+        EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
+    EXPECT_NE(run("trace --file " + file).text.find("transaction_history_event created: table "),
+              std::string::npos);
+    EXPECT_EQ(run("trace --file " + write_file("other", "no such thing")).status, 2);
+    EXPECT_EQ(run("trace --file " + process.directory + "/none").status, 2);
+
+    const std::string directory = process.directory;
+    start({"--trace-file", file}); /* what the next one finds, it keeps */
+    EXPECT_TRUE(std::filesystem::exists(file + ".old"));
+    std::filesystem::remove_all(directory);
+}
+
 TEST_F(zanctl, shows_colours_and_what_they_keep_back)
 {
     start({});

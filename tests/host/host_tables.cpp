@@ -178,6 +178,8 @@ zan_rcode kor_core_npu_dispatcher(kor_core_srv_dispatch_t *srv_obj, int32_t npu_
     return npu_work(srv_obj, npu_id);
 }
 
+const uint64_t zan_schema_fingerprint = 1;
+
 /* No write of these tables fails. */
 void host_quarantine_forget(const zan_table_base_st *)
 {
