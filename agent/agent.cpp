@@ -6,6 +6,7 @@
  */
 #include "zan_agent.h"
 
+#include "listener.h"
 #include "requests.h"
 
 #include "exec_queue.h"
@@ -104,14 +105,13 @@ bool hooks_are_there(const node_t *node, const zan_agent_options_t *options)
     return false;
 }
 
-/* The ring of the agent before is kept beside it: it may have ended badly. */
 void open_trace(const zan_agent_options_t *options)
 {
     if (options->trace_file && strcmp(options->trace_file, "none") == 0)
         return;
     const std::string path = options->trace_file ? std::string(options->trace_file)
                                                  : std::string(options->socket_path) + ".trace";
-    rename(path.c_str(), (path + ".old").c_str());
+    make_parent_directory(path.c_str());
     if (!zan_host_trace_open(path.c_str()))
         fprintf(stderr, "zan_agent: no trace file %s (%s): the ring ends with the process\n",
                 path.c_str(), strerror(errno));
@@ -160,7 +160,6 @@ void settle(node_t *node)
     const dispatcher_hold_t hold;
     zan_dsp_q_process_post_npu();
     count_trace_errors(node);
-    zan_host_trace_tick();
 }
 
 void serve(node_t *node, transport_t *transport)
@@ -182,6 +181,7 @@ void serve(node_t *node, transport_t *transport)
                 rounds--;
         }
         retry_ms = retry_failed_writes(node);
+        zan_host_trace_tick();
     }
 }
 

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,17 +20,6 @@ bool socket_fault(const char *path, const char *what)
 {
     fprintf(stderr, "zan_agent: %s: %s: %s\n", path, what, strerror(errno));
     return false;
-}
-
-void make_parent_directory(const char *path)
-{
-    char parent[sizeof(sockaddr_un::sun_path)];
-    snprintf(parent, sizeof parent, "%s", path);
-    char *slash = strrchr(parent, '/');
-    if (slash && slash != parent) {
-        *slash = 0;
-        mkdir(parent, 0755); /* when it cannot be made, the bind says so */
-    }
 }
 
 /* A socket that nobody answers at is what a killed agent left behind. */
@@ -54,6 +44,14 @@ bool remove_stale_socket(const sockaddr_un &address)
 }
 
 } // namespace
+
+void make_parent_directory(const char *path)
+{
+    const std::string file = path;
+    const size_t slash = file.rfind('/');
+    if (slash != std::string::npos && slash != 0) /* a failure shows when the path is used */
+        mkdir(file.substr(0, slash).c_str(), 0755);
+}
 
 int open_listener(const char *path)
 {

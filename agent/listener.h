@@ -7,4 +7,7 @@
  * had, or when another agent serves there. */
 int open_listener(const char *path);
 
+/* Make the directory that the file `path` is to stand in, when only that last one is missing. */
+void make_parent_directory(const char *path);
+
 #endif

@@ -153,6 +153,7 @@ bool check_operation(check_t *check, const object_t *obj)
     case ZAN_TABLE_GET_FIRST:
     case ZAN_TABLE_GET_GT_EQ:
     case ZAN_TABLE_GET_NEXT:
+        return true;
     case ZAN_TABLE_REPLAY_START:
     case ZAN_TABLE_REPLAY_END:
         check->verdict.replays = true;

@@ -56,17 +56,46 @@ std::vector<uint8_t> make_reply(const zan_batch_frame_st &frame, const message_v
     return out;
 }
 
-/* The end of a replay is told against what its table had counted when it began. */
-void note_replays(node_t *node, const uint8_t *msg, size_t len)
+using counters_t = std::vector<uint32_t>;
+
+counters_t counters_of(uint32_t table_id)
 {
+    const uint32_t *counters = zan_get_global_ctx()->counters[0][table_id];
+    return {counters, counters + ZAN_NUM_COUNTERS};
+}
+
+/* Of the tables whose replay the batch begins, in their order: the end of a replay is told against
+ * that. */
+std::vector<counters_t> counters_before(const uint8_t *msg, size_t len)
+{
+    std::vector<counters_t> before;
     for (size_t at = 0; at < len;) {
         const auto *obj = (const zan_table_base_st *)(msg + at);
-        replay_t *replay = &node->replays[obj->table_id];
-        const uint32_t *counters = zan_get_global_ctx()->counters[0][obj->table_id];
         if (obj->table_operation == ZAN_TABLE_REPLAY_START)
-            *replay = {true, {counters, counters + ZAN_NUM_COUNTERS}};
-        else if (obj->table_operation == ZAN_TABLE_REPLAY_END)
+            before.push_back(counters_of(obj->table_id));
+        at += obj->total_obj_size;
+    }
+    return before;
+}
+
+/* What became of the replays of the batch, by its slots. */
+void note_replays(node_t *node, const uint8_t *msg, size_t len, const uint8_t *slots,
+                  uint32_t payload, std::vector<counters_t> before)
+{
+    size_t started = 0, index = 0;
+    for (size_t at = 0; at < len; index++) {
+        const auto *obj = (const zan_table_base_st *)(msg + at);
+        const auto *slot =
+            (const zan_table_response_st *)(slots + index * (payload + ZAN_RESPONSE_HDR_SIZE));
+        replay_t *replay = &node->replays[obj->table_id];
+        const bool done = slot->err_code == EOK;
+        if (obj->table_operation == ZAN_TABLE_REPLAY_START) {
+            if (done)
+                *replay = {true, std::move(before[started])};
+            started++;
+        } else if (obj->table_operation == ZAN_TABLE_REPLAY_END && done) {
             replay->running = false;
+        }
         at += obj->total_obj_size;
     }
 }
@@ -102,10 +131,14 @@ answer_t run_batch(node_t *node, request_t *request, uint32_t reply_max)
     frame.hdr.client_id = (uint32_t)request->session;
     {
         const dispatcher_hold_t hold;
+        std::vector<counters_t> before;
         if (verdict.replays)
-            note_replays(node, msg, len);
+            before = counters_before(msg, len);
         reply->last_rc = zan_table_server_dispatcher(
             msg, (zan_table_response_st *)(answer.frame.data() + slots_at), frame.hdr, nullptr);
+        if (verdict.replays)
+            note_replays(node, msg, len, answer.frame.data() + slots_at, frame.payload_alloc_sz,
+                         std::move(before));
     }
     if (reply->msg_len)
         memcpy(answer.frame.data() + slots_at + reply->slots_len, msg, len);

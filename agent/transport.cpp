@@ -19,6 +19,7 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <csignal>
 #include <ctime>
@@ -119,9 +120,10 @@ void close_session(transport_t *t, session_t *s)
     t->num_clients--;
 }
 
+/* One that is closing hears no notifications any more. */
 bool has_output(const session_t *s)
 {
-    return !s->out.empty() || !s->watched.empty();
+    return !s->out.empty() || (!s->closing && !s->watched.empty());
 }
 
 /* The next frame to send: replies first. */
@@ -160,7 +162,7 @@ void send_some(transport_t *t, session_t *s)
             frame_is_sent(s);
         s->write_by = s->replies ? now_ms() + drain_ms : 0;
     }
-    if (s->closing)
+    if (s->closing && !s->under_way)
         close_session(t, s);
 }
 
@@ -178,6 +180,7 @@ void end_session(transport_t *t, session_t *s, zan_wire_error_et error, const ch
     std::vector<uint8_t> frame = make_error_frame(error, ZAN_WIRE_NO_INDEX, "", text);
     set_header(&frame, ZAN_FRAME_ERROR, s->hdr.tag);
     s->closing = true;
+    s->under_way = 0; /* what is answered later goes nowhere */
     s->read_by = 0;
     queue_output(s, std::move(frame));
     send_some(t, s);
@@ -231,7 +234,8 @@ void watch(session_t *s)
     if (s->payload_len != sizeof wanted)
         return;
     memcpy(&wanted, s->payload.data(), sizeof wanted);
-    s->watched.watch(wanted);
+    if (is_watch(wanted))
+        s->watched.watch(wanted);
 }
 
 /* Pass a whole frame on. The session may be closed afterwards. */
@@ -300,6 +304,7 @@ bool count_bytes(transport_t *t, session_t *s, size_t n)
         s->read_by = now_ms() + frame_ms;
     s->hdr_len += n;
     s->payload_len = 0;
+    s->payload.clear();
     if (s->hdr_len < sizeof s->hdr)
         return true;
     const uint32_t max = s->greeted ? ZAN_FRAME_MAX : (uint32_t)sizeof(zan_hello_st);
@@ -380,7 +385,7 @@ void take_replies(transport_t *t)
     }
     for (reply_t &reply : replies)
         for (session_t &s : t->sessions)
-            if (s.fd >= 0 && s.id == reply.session) {
+            if (s.fd >= 0 && s.id == reply.session && s.under_way) {
                 queue_output(&s, std::move(reply.frame));
                 send_some(t, &s);
                 break;
@@ -395,11 +400,24 @@ bool is_wanted(const transport_t *t, const zan_notification_st &head)
     return false;
 }
 
-/* Into the queues of those who want it. One that nobody wants loses nothing for anybody. */
+/* What was lost before it came here may have been for anybody. */
+void tell_of_loss(transport_t *t, uint32_t lost)
+{
+    for (session_t &s : t->sessions)
+        if (lost && s.fd >= 0)
+            s.watched.lose(lost);
+}
+
+/* Some notifications, into the queues of those who want them; then they are sent, and the thread
+ * comes back for more. */
 void take_notifications(transport_t *t)
 {
+    constexpr uint32_t at_a_time = 256;
     notification_t notification;
-    while (t->next_notification && t->next_notification(&notification)) {
+    uint32_t taken = 0;
+    for (; taken < at_a_time && t->next_notification && t->next_notification(&notification);
+         taken++) {
+        tell_of_loss(t, std::exchange(notification.head.lost, 0));
         if (!is_wanted(t, notification.head))
             continue;
         const auto shared = std::make_shared<const notification_t>(std::move(notification));
@@ -408,8 +426,10 @@ void take_notifications(transport_t *t)
                 s.watched.put(shared);
     }
     for (session_t &s : t->sessions)
-        if (s.fd >= 0 && s.out.empty() && !s.watched.empty())
+        if (s.fd >= 0 && s.out.empty() && has_output(&s))
             send_some(t, &s);
+    if (taken == at_a_time)
+        transport_wake(t);
 }
 
 void begin_stop(transport_t *t)
@@ -508,14 +528,16 @@ void poll_once(transport_t *t)
 
 void run_io(transport_t *t) noexcept
 {
-    while (!is_over(t)) {
+    for (bool over = false; !over;) {
         try {
             poll_once(t);
+            over = is_over(t);
         } catch (const std::bad_alloc &) {
             fprintf(stderr, "zan_agent: no memory for a client's message; it is cut off\n");
-            for (session_t &s : t->sessions) /* whoever is in the middle of a frame */
-                if (s.fd >= 0 && s.hdr_len)
+            for (session_t &s : t->sessions) /* in the middle of a frame, or of a reply's way */
+                if (s.fd >= 0 && (s.hdr_len || s.under_way))
                     close_session(t, &s);
+            transport_wake(t);
         }
     }
     for (session_t &s : t->sessions)

@@ -2,7 +2,8 @@
  *
  * A session that reads slowly, or not at all, must not make memory grow. So its queue is bounded: a
  * newer notification of the same object takes the place of the older one, at the end, and when the
- * queue is full all the same the oldest goes, which the next that is sent tells.
+ * queue is full all the same, by number or by bytes, the oldest goes, which the next that is sent
+ * tells.
  */
 #ifndef ZAN_WATCH_QUEUE_H
 #define ZAN_WATCH_QUEUE_H
@@ -14,6 +15,9 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+/* Whether the tables that are asked for exist. */
+bool is_watch(const zan_watch_st &wanted);
 
 /* One notification, shared by the queues of all sessions that want it. */
 struct notification_t {
@@ -30,6 +34,8 @@ public:
     void watch(const zan_watch_st &wanted);
     bool wants(const zan_notification_st &head) const;
     void put(notification_ptr_t notification);
+    /* So many were lost before they came here. */
+    void lose(uint32_t count);
     bool empty() const
     {
         return waiting_.empty();
@@ -38,6 +44,7 @@ public:
     std::vector<uint8_t> take();
 
 private:
+    void drop_oldest();
     struct entry_t {
         notification_ptr_t notification;
         uint32_t replaced;
@@ -45,6 +52,7 @@ private:
     zan_watch_st wanted_ = {};
     std::list<entry_t> waiting_;
     std::unordered_map<std::string, std::list<entry_t>::iterator> by_object_;
+    size_t bytes_ = 0; /* of the messages that wait */
     uint32_t lost_ = 0;
 };
 

@@ -51,6 +51,8 @@ int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload);
  * of a reply is left in *hdr, its payload in `payload`. 1: a notification was delivered, 0: a
  * reply is there, -1: neither. */
 int client_receive_frame(zan_client_t *client, zan_frame_hdr_st *hdr, byte_block_t *payload);
+/* An error frame's payload becomes the client's refusal; always -1. */
+int client_take_refusal(zan_client_t *client, const byte_block_t *payload);
 /* Give a notification to the client's function. */
 int client_deliver(zan_client_t *client, const byte_block_t *frame);
 /* Send a frame of a type with a payload, and receive its reply. */

@@ -58,7 +58,7 @@ int client_lose(zan_client_t *client, const char *format, ...)
 }
 
 /* The agent's words, with the place in front. */
-static int fail_refused(zan_client_t *client, const byte_block_t *payload)
+int client_take_refusal(zan_client_t *client, const byte_block_t *payload)
 {
     if (payload->len != sizeof client->refusal)
         return client_lose(client, "the agent sent an error of %zu bytes", payload->len);
@@ -152,7 +152,7 @@ int client_receive(zan_client_t *client, uint16_t type, byte_block_t *payload)
         return -1;
     if (hdr.type == ZAN_FRAME_ERROR) { /* one that ends the session may carry any tag */
         client->reply_tag++;
-        return fail_refused(client, payload);
+        return client_take_refusal(client, payload);
     }
     if (hdr.tag != client->reply_tag || hdr.type != type)
         return client_lose(client,

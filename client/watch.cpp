@@ -25,6 +25,8 @@ zan_table_base_st *take_object(const zan_table_def_t *def, const uint8_t *bytes,
     if (!def || size < def->obj_size)
         return nullptr;
     const auto *wire = (const zan_table_base_st *)bytes;
+    if (wire->table_id != def->id)
+        return nullptr;
     const uint32_t members = zan_obj_num_elements(def, wire);
     const uint32_t dyn = members <= ZAN_ELEMENTS_MAX ? zan_obj_dyn_size(def, members) : UINT32_MAX;
     if (dyn > size - def->obj_size)
@@ -58,6 +60,8 @@ int client_deliver(zan_client_t *client, const byte_block_t *frame)
         memcpy(&n.resource, message, sizeof n.resource);
     else if (n.head.type != ZAN_NOTIFY_RESOURCE)
         n.obj = own.obj = take_object(zan_table_def_get(n.head.table_id), message, size);
+    else
+        return client_lose(client, "the agent sent a notification of %zu bytes", frame->len);
     if (n.head.type != ZAN_NOTIFY_RESOURCE && !n.obj)
         return client_lose(client, "the agent sent a notification that is no object");
     if (client->notify)
@@ -83,14 +87,18 @@ int zan_client_wait(zan_client_t *client, int timeout_ms)
         return client_fail(client, "the session is over: connect again");
     if (client->reply_tag != client->next_tag)
         return client_fail(client, "requests are under way: their replies come first");
+    constexpr int at_a_time = 256;
     pollfd fd = {client->fd, POLLIN, 0};
     int delivered = 0;
-    while (poll(&fd, 1, delivered ? 0 : timeout_ms) > 0) {
+    while (delivered < at_a_time && poll(&fd, 1, delivered ? 0 : timeout_ms) > 0) {
         zan_frame_hdr_st hdr;
         byte_block_t payload = {};
         const int received = client_receive_frame(client, &hdr, &payload);
+        const bool is_error = received == 0 && hdr.type == ZAN_FRAME_ERROR;
+        if (is_error)
+            client_take_refusal(client, &payload);
         free(payload.bytes);
-        if (received < 0)
+        if (received < 0 || is_error)
             return -1;
         if (received == 0)
             return client_lose(client, "the agent sent a reply that nobody asked for");

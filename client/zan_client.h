@@ -125,7 +125,7 @@ typedef void (*zan_client_notify_f)(const zan_client_notification_t *notificatio
 ZAN_EXPORT int zan_client_watch(zan_client_t *client, const zan_watch_st *wanted,
                                 zan_client_notify_f notify, void *arg);
 /* Wait so long for notifications (-1: for ever), with no request under way, and deliver what is
- * there. The number delivered, or -1. */
+ * there, 256 at most. The number delivered, or -1. */
 ZAN_EXPORT int zan_client_wait(zan_client_t *client, int timeout_ms);
 
 /* ---- The node ---- */

@@ -237,14 +237,11 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &e) {
         return app.exit(e) ? EXIT_FAILED : EXIT_WELL;
     }
-    if (!arguments.trace.file.empty()) { /* no agent is needed */
-        session_t nobody = {nullptr, arguments.json};
-        return run_trace(&nobody, arguments.trace);
-    }
     char why[512];
-    session_t session = {zan_client_connect(arguments.socket.c_str(), "zanctl", why, sizeof why),
-                         arguments.json};
-    if (!session.client)
+    session_t session = {nullptr, arguments.json};
+    if (arguments.trace.file.empty()) /* else the agent may be gone */
+        session.client = zan_client_connect(arguments.socket.c_str(), "zanctl", why, sizeof why);
+    if (!session.client && arguments.trace.file.empty())
         return fail_text(why);
     int status;
     try {

@@ -104,9 +104,23 @@ int read_record(session_t *session, const zan_table_def_t *def, zan_table_record
     return zan_client_table(session->client, def->id, record) ? fail_session(session) : EXIT_WELL;
 }
 
+int report_refused(const tables_t &tables, const std::vector<zan_rcode> &codes)
+{
+    int status = EXIT_WELL;
+    for (size_t i = 0; i < codes.size(); i++) {
+        if (codes[i] == EOK)
+            continue;
+        fprintf(stderr, "zanctl: %s refused: %s\n", tables[i]->name, code_text(codes[i]).c_str());
+        status = EXIT_REFUSED;
+    }
+    return status;
+}
+
 int start_replay(session_t *session, const tables_t &tables, uint32_t epoch)
 {
-    if (run_on_tables(session, tables, ZAN_TABLE_REPLAY_START, epoch).empty())
+    const std::vector<zan_rcode> codes =
+        run_on_tables(session, tables, ZAN_TABLE_REPLAY_START, epoch);
+    if (codes.empty())
         return fail_session(session);
     for (const zan_table_def_t *def : tables) {
         zan_table_record_st record;
@@ -118,7 +132,7 @@ int start_replay(session_t *session, const tables_t &tables, uint32_t epoch)
         else
             printf("%-20s %u marked\n", def->name, marked);
     }
-    return EXIT_WELL;
+    return report_refused(tables, codes);
 }
 
 /* Of the tables whose replay is under way, in any order: what others still lead to waits for them.
@@ -136,7 +150,8 @@ int end_replay(session_t *session, tables_t tables, bool all)
     }
     if (tables.empty())
         return fail_text("no replay is under way: replay start TABLE...");
-    if (run_on_tables(session, tables, ZAN_TABLE_REPLAY_END, 0).empty())
+    const std::vector<zan_rcode> codes = run_on_tables(session, tables, ZAN_TABLE_REPLAY_END, 0);
+    if (codes.empty())
         return fail_session(session);
     for (const zan_table_def_t *def : tables) {
         zan_table_record_st record;
@@ -144,7 +159,7 @@ int end_replay(session_t *session, tables_t tables, bool all)
             return EXIT_FAILED;
         print(session, read_outcome(record));
     }
-    return EXIT_WELL;
+    return report_refused(tables, codes);
 }
 
 } // namespace

@@ -53,9 +53,11 @@ bool passes(const zan_trace_record_st &r, uint64_t when_ns, const filter_t &f)
 
 uint64_t time_of(const zan_trace_record_st &r, const zan_trace_reply_st &now)
 {
-    const double ago = (double)(int64_t)(now.now_cycles - r.cycles) /
-                       (double)std::max<uint64_t>(now.cycles_per_second, 1);
-    return now.now_ns - (uint64_t)(int64_t)(ago * 1e9);
+    constexpr double year = 366.0 * 24 * 3600; /* beyond it the cycles say nothing */
+    const double ago = now.cycles_per_second == 0 ? 0
+                                                  : (double)(int64_t)(now.now_cycles - r.cycles) /
+                                                        (double)now.cycles_per_second;
+    return now.now_ns - (uint64_t)(int64_t)(std::clamp(ago, -year, year) * 1e9);
 }
 
 void print(const session_t *session, const zan_trace_record_st &r, uint64_t when_ns)
@@ -161,9 +163,9 @@ zan_trace_reply_st moment_of(const zan_trace_file_st &head)
     zan_trace_reply_st now = {};
     now.now_cycles = head.last_cycles;
     now.now_ns = head.last_ns;
-    const uint64_t ns = std::max<uint64_t>(head.last_ns - head.first_ns, 1);
-    now.cycles_per_second =
-        (uint64_t)((double)(head.last_cycles - head.first_cycles) * 1e9 / (double)ns);
+    if (head.last_ns > head.first_ns)
+        now.cycles_per_second = (uint64_t)((double)(head.last_cycles - head.first_cycles) * 1e9 /
+                                           (double)(head.last_ns - head.first_ns));
     return now;
 }
 

@@ -12,7 +12,7 @@
 /* Types beyond those of the server. */
 #define ZAN_HOST_NOTIF_RESOURCE 0x10000u /* a hardware database has changed its state */
 
-#define ZAN_HOST_NOTIF_QUEUED_MAX 4096u /* in each list */
+#define ZAN_HOST_NOTIF_QUEUED_MAX 4096u /* in each list, and 16 MB of objects */
 
 /* The message of ZAN_HOST_NOTIF_RESOURCE; no object. */
 typedef struct zan_host_notif_resource_st {

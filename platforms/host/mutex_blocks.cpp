@@ -12,7 +12,8 @@ namespace
 {
 
 struct slot_t {
-    std::atomic<const void *> mutex; /* null: free; the rest is valid while it is not */
+    std::atomic<bool> taken;
+    std::atomic<const void *> mutex; /* written last: the rest is valid while it is not null */
     std::atomic<const char *> function;
     std::atomic<uint32_t> line;
     std::atomic<int> thread;
@@ -28,12 +29,12 @@ thread_local slot_t *own;
 void ptd_set_mutex_block(const void *mutex, const char *function, uint32_t line)
 {
     for (slot_t &slot : slots) {
-        const void *none = nullptr;
-        if (!slot.mutex.compare_exchange_strong(none, mutex))
+        if (slot.taken.exchange(true))
             continue;
         slot.function = function;
         slot.line = line;
         slot.thread = gettid();
+        slot.mutex = mutex;
         own = &slot;
         return;
     }
@@ -41,8 +42,10 @@ void ptd_set_mutex_block(const void *mutex, const char *function, uint32_t line)
 
 void ptd_unset_mutex_block(void)
 {
-    if (own)
+    if (own) {
         own->mutex = nullptr;
+        own->taken = false;
+    }
     own = nullptr;
 }
 

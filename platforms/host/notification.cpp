@@ -20,7 +20,10 @@ uint64_t asked[num_types];
 struct list_t {
     zan_host_notification_t *first = nullptr, **end = &first;
     uint32_t count = 0;
+    size_t bytes = 0; /* behind the messages' heads */
 };
+
+constexpr size_t max_bytes = 16 << 20; /* in each list; an object may have very many members */
 
 std::mutex mutex;
 list_t at_once, queue;
@@ -34,6 +37,7 @@ void append(list_t *list, zan_host_notification_t *message)
     *list->end = message;
     list->end = &message->next;
     list->count++;
+    list->bytes += message->size;
 }
 
 zan_host_notification_t *take(list_t *list)
@@ -45,6 +49,7 @@ zan_host_notification_t *take(list_t *list)
     if (!list->first)
         list->end = &list->first;
     list->count--;
+    list->bytes -= message->size;
     return message;
 }
 
@@ -81,13 +86,14 @@ bool put(list_t *list, zan_host_notification_t *message, bool make_room)
         lost++;
         return true;
     }
-    if (list->count == ZAN_HOST_NOTIF_QUEUED_MAX) {
+    const bool was_empty = !at_once.first && !queue.first;
+    while (list->first &&
+           (list->count == ZAN_HOST_NOTIF_QUEUED_MAX || list->bytes + message->size > max_bytes)) {
         if (!make_room)
             return false;
         free(take(list));
         lost++;
     }
-    const bool was_empty = !at_once.first && !queue.first;
     append(list, message);
     if (was_empty)
         ready(ready_arg);

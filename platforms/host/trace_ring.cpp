@@ -16,11 +16,14 @@
 #include "zan_table_def.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -44,6 +47,7 @@ struct ring_t {
 ring_t rings[max_rings];
 uint64_t traces_without_ring;
 zan_trace_file_st *file; /* the rings lie behind it; null: each in memory of its own */
+int file_fd = -1;        /* locked: its process lives */
 
 struct claim_t {
     ring_t *ring = nullptr;
@@ -61,10 +65,12 @@ void put(uint64_t *at, uint64_t value)
     __atomic_store_n(at, value, __ATOMIC_RELAXED);
 }
 
+/* The place in the file is had beforehand: a full disk must not end the process in a trace. */
 void *ring_memory(uint32_t ring)
 {
-    if (file)
-        return (uint8_t *)file + ZAN_TRACE_FILE_HEAD_SIZE + ring * ring_bytes;
+    const size_t at = ZAN_TRACE_FILE_HEAD_SIZE + ring * ring_bytes;
+    if (file && posix_fallocate(file_fd, (off_t)at, (off_t)ring_bytes) == 0)
+        return (uint8_t *)file + at;
     return mmap(nullptr, ring_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 }
 
@@ -213,19 +219,44 @@ zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums, u
     return (zan_trace_class_t)enums->level[level - 1];
 }
 
+/* Open and lock a new file of that name; the old one goes aside, unless its process lives. */
+static int new_file(const char *path)
+{
+    const int old = open(path, O_RDWR | O_CLOEXEC);
+    if (old >= 0) {
+        const bool lives = flock(old, LOCK_EX | LOCK_NB) != 0;
+        close(old);
+        if (lives) {
+            errno = EBUSY;
+            return -1;
+        }
+        char aside[4096];
+        snprintf(aside, sizeof aside, "%s.old", path);
+        if (rename(path, aside) != 0)
+            return -1;
+    }
+    const int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd >= 0)
+        flock(fd, LOCK_EX | LOCK_NB);
+    return fd;
+}
+
 /* A ring that is in use already moves; its thread is the caller. */
 bool zan_host_trace_open(const char *path)
 {
     constexpr size_t bytes = ZAN_TRACE_FILE_HEAD_SIZE + max_rings * ring_bytes;
-    const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int fd = new_file(path);
     if (fd < 0)
         return false;
-    void *memory = ftruncate(fd, (off_t)bytes) == 0
+    errno = posix_fallocate(fd, 0, ZAN_TRACE_FILE_HEAD_SIZE);
+    void *memory = errno == 0 && ftruncate(fd, (off_t)bytes) == 0
                        ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
                        : MAP_FAILED;
-    close(fd);
-    if (memory == MAP_FAILED)
+    if (memory == MAP_FAILED) {
+        close(fd);
         return false;
+    }
+    file_fd = fd;
     file = (zan_trace_file_st *)memory;
     *file = {ZAN_TRACE_FILE_MAGIC,
              zan_schema_fingerprint,
@@ -242,10 +273,11 @@ bool zan_host_trace_open(const char *path)
     file->first_ns = file->last_ns;
     for (ring_t &ring : rings) {
         record_t *before = ring.records;
-        if (!before)
+        void *moved = before ? ring_memory((uint32_t)(&ring - rings)) : MAP_FAILED;
+        if (moved == MAP_FAILED)
             continue;
-        ring.records = (record_t *)ring_memory((uint32_t)(&ring - rings));
-        memcpy((void *)ring.records, before, ring_bytes);
+        ring.records = (record_t *)moved;
+        memcpy(moved, before, ring_bytes);
         munmap(before, ring_bytes);
     }
     return true;

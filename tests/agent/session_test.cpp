@@ -299,6 +299,34 @@ TEST_F(session, pipelines_replies_in_order)
     }
 }
 
+/* What the agent keeps of a request must not outlive it: the next may be longer, or empty. */
+TEST_F(session, takes_requests_of_other_lengths_in_one_piece)
+{
+    const int fd = open_greeted();
+    std::vector<uint8_t> piece;
+    const auto add = [&piece](uint16_t type, const void *payload, uint32_t length) {
+        const zan_frame_hdr_st hdr = {length, type, 0, 1};
+        const uint8_t *bytes = (const uint8_t *)&hdr;
+        piece.insert(piece.end(), bytes, bytes + sizeof hdr);
+        bytes = (const uint8_t *)payload;
+        piece.insert(piece.end(), bytes, bytes + length);
+    };
+    zan_table_st table = {};
+    table.table_id = zan_table_def_find("l3intf")->id;
+    add(ZAN_FRAME_TABLE, &table, sizeof table);
+    add(ZAN_FRAME_STATUS, nullptr, 0);
+    add(ZAN_FRAME_TABLE, &table, sizeof table);
+    add(ZAN_FRAME_GRAPH, std::string(200, 0).data(), 200);
+    add(ZAN_FRAME_STATUS, nullptr, 0);
+    send_raw(fd, piece.data(), piece.size());
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_TABLE_REPLY);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_STATUS_REPLY);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_TABLE_REPLY);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << "an empty graph request is an offence";
+    close(fd);
+    expect_alive();
+}
+
 /* ---- Walks ---- */
 
 /* The counts in a reply, as lines of text in its order. */

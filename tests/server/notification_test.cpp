@@ -8,6 +8,7 @@
 
 #include "host_control.h"
 #include "host_notifications.h"
+#include "locks.h"
 #include "npu_sim_control.h"
 #include "object_maker.h"
 #include "table_crud_ctx.h"
@@ -150,7 +151,14 @@ TEST_F(Notification, OfOneThreadStayInOrder)
         count++;
     }
     EXPECT_EQ(count, 3 * each);
-    EXPECT_EQ(zan_host_mutex_blocks(nullptr, 0), 0u) << "nobody waits any more";
+    zan_host_mutex_block_st blocks[64];
+    EXPECT_EQ(zan_host_mutex_blocks(blocks, 64), 0u) << "nobody waits any more";
+    ptd_set_mutex_block(&blocks, "here", 42);
+    ASSERT_EQ(zan_host_mutex_blocks(blocks, 64), 1u);
+    EXPECT_STREQ(blocks[0].function, "here");
+    EXPECT_EQ(blocks[0].line, 42u);
+    ptd_unset_mutex_block();
+    EXPECT_EQ(zan_host_mutex_blocks(blocks, 64), 0u);
 }
 
 /* Nothing is kept for nobody. */

@@ -30,8 +30,8 @@ const char *take_string(const char *text, bool is_last, text_out_t *out)
     const char *stop = end;
     while (is_last && stop > text && stop[-1] == ' ')
         stop--;
-    for (; text < stop; text++)
-        text_char(out, *text);
+    for (; text < stop; text++) /* a file may hold anything */
+        text_char(out, *text >= ' ' && *text < 127 ? *text : '.');
     return *end ? end + 1 : end;
 }
 
