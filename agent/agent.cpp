@@ -24,6 +24,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -195,6 +196,16 @@ void drain(node_t *node)
     settle(node);
 }
 
+/* However serving ends, the I/O thread must have ended before what it calls is torn down. */
+struct stop_transport_t {
+    void operator()(transport_t *transport) const
+    {
+        zan_host_notif_set_receiver(nullptr, nullptr);
+        transport_stop(transport);
+    }
+};
+using transport_ptr_t = std::unique_ptr<transport_t, stop_transport_t>;
+
 int serve_until_stopped(const zan_agent_options_t *options)
 {
     static node_t node;
@@ -204,17 +215,18 @@ int serve_until_stopped(const zan_agent_options_t *options)
     set_retries(options->retries);
     if (!hooks_are_there(&node, options))
         return 1;
-    transport_t *transport = transport_start(options->socket_path, node.facts, next_notification);
-    if (!transport)
-        return 1;
-    zan_host_notif_set_receiver(wake_transport, transport);
-    printf("zan_agent: %u NPUs%s, %d tables; listening at %s\n", options->num_npus,
-           options->standby ? " on standby" : "", ZAN_NUM_TABLES, options->socket_path);
-    fflush(stdout);
-    serve(&node, transport);
-    drain(&node);
-    zan_host_notif_set_receiver(nullptr, nullptr);
-    transport_stop(transport);
+    {
+        const transport_ptr_t transport(
+            transport_start(options->socket_path, node.facts, next_notification));
+        if (!transport)
+            return 1;
+        zan_host_notif_set_receiver(wake_transport, transport.get());
+        printf("zan_agent: %u NPUs%s, %d tables; listening at %s\n", options->num_npus,
+               options->standby ? " on standby" : "", ZAN_NUM_TABLES, options->socket_path);
+        fflush(stdout);
+        serve(&node, transport.get());
+        drain(&node);
+    }
     printf("zan_agent: stopped after %llu objects in %llu batches\n",
            (unsigned long long)node.objects, (unsigned long long)node.batches);
     return identifiers_are_accounted_for(options->num_npus) ? 0 : 1;

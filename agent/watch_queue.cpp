@@ -38,7 +38,7 @@ void watch_queue_t::lose(uint32_t count)
 
 void watch_queue_t::drop_oldest()
 {
-    lost_++;
+    lost_ += 1 + waiting_.front().replaced;
     bytes_ -= waiting_.front().notification->message.size();
     by_object_.erase(waiting_.front().notification->object);
     waiting_.pop_front();

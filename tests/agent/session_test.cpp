@@ -16,9 +16,11 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -50,12 +52,13 @@ class session : public testing::Test
 {
 protected:
     agent_process_t process;
+    std::vector<std::string> options;
     std::string path;
     zan_client_t *client = nullptr;
 
     void SetUp() override
     {
-        process.start({});
+        process.start(options);
         path = process.socket_path;
         client = process.connect();
         ASSERT_TRUE(client);
@@ -325,6 +328,105 @@ TEST_F(session, takes_requests_of_other_lengths_in_one_piece)
     EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << "an empty graph request is an offence";
     close(fd);
     expect_alive();
+}
+
+/* ---- Notifications ---- */
+
+class watching : public session
+{
+protected:
+    static constexpr uint32_t num_routes = 2000; /* more than a queue and a socket hold */
+
+    watching()
+    {
+        options = {"--retries", "1"};
+    }
+    /* A group and what depends on it go out of service and come back: so many notifications. */
+    uint32_t take_out_and_put_back()
+    {
+        batch_t batch(zan_batch_new(0, 0));
+        zan_batch_append(batch.get(), parse("ipnhgroup", "nhg_id=1").get(), ZAN_TABLE_CREATE);
+        for (uint32_t i = 0; i < num_routes; i++)
+            zan_batch_append(batch.get(),
+                             parse("iproute", "vrf_id=0 prefix=10.0." + std::to_string(i / 256) +
+                                                  "." + std::to_string(i % 256) +
+                                                  "/32 next_obj.ipnhgroup.nhg_id=1")
+                                 .get(),
+                             ZAN_TABLE_CREATE);
+        EXPECT_EQ(zan_client_run(client, batch.get()), 0) << zan_client_error(client);
+        zan_sim_st sim = {ZAN_SIM_FAIL,
+                          ZAN_WIRE_NO_INDEX,
+                          zan_table_def_find("ipnhgroup")->id,
+                          ZAN_TABLE_UPDATE,
+                          0,
+                          0x4fa0c005};
+        EXPECT_EQ(zan_client_sim(client, &sim), 0) << zan_client_error(client);
+        batch.reset(zan_batch_new(0, 0));
+        zan_batch_append(batch.get(), parse("ipnhgroup", "nhg_id=1 is_pbts=true").get(),
+                         ZAN_TABLE_UPDATE);
+        EXPECT_EQ(zan_client_run(client, batch.get()), 0) << zan_client_error(client);
+        wait_for(&zan_failed_reply_st::taken_out);
+        sim.action = ZAN_SIM_WELL;
+        EXPECT_EQ(zan_client_sim(client, &sim), 0) << zan_client_error(client);
+        ask_quarantine(ZAN_FAILED_RELEASE);
+        wait_for(&zan_failed_reply_st::put_back);
+        return 2 * (1 + num_routes);
+    }
+
+private:
+    zan_failed_reply_st ask_quarantine(uint32_t action)
+    {
+        zan_failed_st request = {};
+        request.action = action;
+        request.table_id = ZAN_WIRE_NO_INDEX;
+        zan_failed_reply_st reply = {};
+        zan_quarantine_row_st *rows = nullptr;
+        EXPECT_EQ(zan_client_quarantine(client, &request, &reply, &rows), 0)
+            << zan_client_error(client);
+        free(rows);
+        return reply;
+    }
+    void wait_for(uint64_t zan_failed_reply_st::*count)
+    {
+        for (int i = 0; i < 3000; i++) {
+            if (ask_quarantine(ZAN_FAILED_LIST).*count == 1 + num_routes)
+                return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        FAIL() << "not all of them came so far";
+    }
+};
+
+/* Nothing is lost unsaid: what comes, what it stands for and what is told as lost are all. */
+TEST_F(watching, tells_a_watcher_that_does_not_read_what_it_missed)
+{
+    const int fd = open_greeted();
+    zan_watch_st watch = {};
+    for (const char *table : {"ipnhgroup", "iproute"})
+        watch.tables[zan_table_def_find(table)->id / 64] |= 1ull
+                                                            << zan_table_def_find(table)->id % 64;
+    send_frame(fd, ZAN_FRAME_WATCH, &watch, sizeof watch);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_WATCH_REPLY);
+    const uint32_t all = take_out_and_put_back();
+
+    const timeval patience = {30, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    uint32_t heard = 0, told = 0;
+    while (heard + told < all) {
+        const reply_t frame = receive(fd);
+        ASSERT_EQ(frame.hdr.type, ZAN_FRAME_NOTIFICATION) << heard << " and " << told;
+        zan_notification_st head;
+        ASSERT_GT(frame.payload.size(), sizeof head);
+        memcpy(&head, frame.payload.data(), sizeof head);
+        heard++;
+        told += head.lost + head.replaced;
+    }
+    EXPECT_EQ(heard + told, all);
+    EXPECT_GT(told, 0u) << "its queue is bounded";
+
+    send_frame(fd, ZAN_FRAME_GOODBYE, nullptr, 0);
+    EXPECT_TRUE(is_closed(fd));
+    close(fd);
 }
 
 /* ---- Walks ---- */
