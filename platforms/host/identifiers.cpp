@@ -396,12 +396,17 @@ void zan_host_identifiers_get(uint32_t table_id, zan_host_identifiers_st *out)
     if (!def->identifiers)
         return;
     for (allocator_t &a : allocators[table_id]) {
-        if (a.slots)
-            out->capacity += capacity_of(def);
-        out->held += __atomic_load_n(&a.used, __ATOMIC_RELAXED);
-        out->refused += a.refused;
-        out->reclaimed += a.reclaimed;
-        for (uint32_t slot = 0; slot < a.slots; slot += scan_slots)
+        uint32_t slots;
+        {
+            const spin_guard guard(&a.lock);
+            slots = a.slots;
+            if (slots)
+                out->capacity += capacity_of(def);
+            out->held += a.used;
+            out->refused += a.refused;
+            out->reclaimed += a.reclaimed;
+        }
+        for (uint32_t slot = 0; slot < slots; slot += scan_slots)
             out->orphaned += count_orphans(def, &a, slot);
     }
 }
