@@ -104,35 +104,43 @@ int read_record(session_t *session, const zan_table_def_t *def, zan_table_record
     return zan_client_table(session->client, def->id, record) ? fail_session(session) : EXIT_WELL;
 }
 
-int report_refused(const tables_t &tables, const std::vector<zan_rcode> &codes)
+void print_marked(const session_t *session, const zan_table_def_t *def,
+                  const zan_table_record_st &record)
 {
+    const uint32_t marked = record.counters[3][ZAN_CTR_REPLAY_MARKED];
+    if (session->json)
+        printf("%s\n", json_t({{"table", def->name}, {"marked", marked}}).dump().c_str());
+    else
+        printf("%-20s %u marked\n", def->name, marked);
+}
+
+/* Tell of each table by its code: what its record says now, or that it was refused. */
+template <typename print_t>
+int report(session_t *session, const tables_t &tables, const std::vector<zan_rcode> &codes,
+           print_t print_done)
+{
+    if (codes.empty())
+        return fail_session(session);
     int status = EXIT_WELL;
     for (size_t i = 0; i < codes.size(); i++) {
-        if (codes[i] == EOK)
-            continue;
-        fprintf(stderr, "zanctl: %s refused: %s\n", tables[i]->name, code_text(codes[i]).c_str());
-        status = EXIT_REFUSED;
+        zan_table_record_st record;
+        if (codes[i] != EOK) {
+            fprintf(stderr, "zanctl: %s refused: %s\n", tables[i]->name,
+                    code_text(codes[i]).c_str());
+            status = EXIT_REFUSED;
+        } else if (read_record(session, tables[i], &record)) {
+            return EXIT_FAILED;
+        } else {
+            print_done(session, tables[i], record);
+        }
     }
     return status;
 }
 
 int start_replay(session_t *session, const tables_t &tables, uint32_t epoch)
 {
-    const std::vector<zan_rcode> codes =
-        run_on_tables(session, tables, ZAN_TABLE_REPLAY_START, epoch);
-    if (codes.empty())
-        return fail_session(session);
-    for (const zan_table_def_t *def : tables) {
-        zan_table_record_st record;
-        if (read_record(session, def, &record))
-            return EXIT_FAILED;
-        const uint32_t marked = record.counters[3][ZAN_CTR_REPLAY_MARKED];
-        if (session->json)
-            printf("%s\n", json_t({{"table", def->name}, {"marked", marked}}).dump().c_str());
-        else
-            printf("%-20s %u marked\n", def->name, marked);
-    }
-    return report_refused(tables, codes);
+    return report(session, tables, run_on_tables(session, tables, ZAN_TABLE_REPLAY_START, epoch),
+                  print_marked);
 }
 
 /* Of the tables whose replay is under way, in any order: what others still lead to waits for them.
@@ -150,16 +158,9 @@ int end_replay(session_t *session, tables_t tables, bool all)
     }
     if (tables.empty())
         return fail_text("no replay is under way: replay start TABLE...");
-    const std::vector<zan_rcode> codes = run_on_tables(session, tables, ZAN_TABLE_REPLAY_END, 0);
-    if (codes.empty())
-        return fail_session(session);
-    for (const zan_table_def_t *def : tables) {
-        zan_table_record_st record;
-        if (read_record(session, def, &record))
-            return EXIT_FAILED;
-        print(session, read_outcome(record));
-    }
-    return report_refused(tables, codes);
+    return report(session, tables, run_on_tables(session, tables, ZAN_TABLE_REPLAY_END, 0),
+                  [](const session_t *of, const zan_table_def_t *,
+                     const zan_table_record_st &record) { print(of, read_outcome(record)); });
 }
 
 } // namespace
