@@ -59,6 +59,11 @@ int client_deliver(zan_client_t *client, const byte_block_t *frame);
 int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_t length,
                uint16_t reply_type, byte_block_t *reply);
 
+/* Split a reply into its head, of that many bytes, and `count` records behind it, in memory of
+ * their own. */
+int client_take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
+                        size_t record, void **out);
+
 /* What walks did, as it stands in a reply from `at` to its end, in a block of its own. */
 int client_take_walk_counts(zan_client_t *client, const byte_block_t *reply, size_t at,
                             zan_walk_counts_st **counts);

@@ -4,8 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-/* Split a reply into its head and `count` records behind it, in memory of their own. */
-static int take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
+int client_take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
                         size_t record, void **out)
 {
     if (reply->len != head + count * record)
@@ -26,8 +25,8 @@ int zan_client_status(zan_client_t *client, zan_status_st *status, zan_table_sta
         result = client_lose(client, "the agent's status has %zu bytes", reply.len);
     if (result == 0) {
         memcpy(status, reply.bytes, sizeof *status);
-        result = take_records(client, &reply, sizeof *status, status->num_tables, sizeof **tables,
-                              (void **)tables);
+        result = client_take_records(client, &reply, sizeof *status, status->num_tables,
+                                     sizeof **tables, (void **)tables);
     }
     free(reply.bytes);
     return result;
@@ -84,10 +83,11 @@ static int take_resources(zan_client_t *client, const byte_block_t *bytes,
     if (bytes->len < front)
         return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
     const byte_block_t first = {bytes->bytes, front, front};
-    if (take_records(client, &first, sizeof *reply, reply->num_databases, sizeof **databases,
-                     (void **)databases))
+    if (client_take_records(client, &first, sizeof *reply, reply->num_databases, sizeof **databases,
+                            (void **)databases))
         return -1;
-    return take_records(client, bytes, front, reply->num_tables, sizeof **tables, (void **)tables);
+    return client_take_records(client, bytes, front, reply->num_tables, sizeof **tables,
+                               (void **)tables);
 }
 
 int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
@@ -122,8 +122,8 @@ int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_dif
         result = client_lose(client, "the agent's comparison has %zu bytes", bytes.len);
     if (result == 0) {
         memcpy(reply, bytes.bytes, sizeof *reply);
-        result = take_records(client, &bytes, sizeof *reply, reply->num_differences,
-                              sizeof **differences, (void **)differences);
+        result = client_take_records(client, &bytes, sizeof *reply, reply->num_differences,
+                                     sizeof **differences, (void **)differences);
     }
     free(bytes.bytes);
     return result;
@@ -153,8 +153,8 @@ int zan_client_graph(zan_client_t *client, const zan_table_base_st *lookup, uint
         result = client_lose(client, "the agent's graph has %zu bytes", bytes.len);
     if (result == 0) {
         memcpy(reply, bytes.bytes, sizeof *reply);
-        result = take_records(client, &bytes, sizeof *reply, reply->num_nodes, sizeof **nodes,
-                              (void **)nodes);
+        result = client_take_records(client, &bytes, sizeof *reply, reply->num_nodes,
+                                     sizeof **nodes, (void **)nodes);
     }
     free(bytes.bytes);
     return result;
@@ -170,7 +170,7 @@ static int ask_failed(zan_client_t *client, uint16_t type, const zan_failed_st *
         result = client_lose(client, "the agent's list has %zu bytes", bytes.len);
     if (result == 0) {
         memcpy(reply, bytes.bytes, sizeof *reply);
-        result = take_records(client, &bytes, sizeof *reply, reply->num_rows, row, rows);
+        result = client_take_records(client, &bytes, sizeof *reply, reply->num_rows, row, rows);
     }
     free(bytes.bytes);
     return result;
@@ -223,8 +223,8 @@ int zan_client_trace(zan_client_t *client, uint64_t after, uint32_t max, zan_tra
         result = client_lose(client, "the agent's trace has %zu bytes", bytes.len);
     if (result == 0) {
         memcpy(reply, bytes.bytes, sizeof *reply);
-        result = take_records(client, &bytes, sizeof *reply, reply->num_records, sizeof **records,
-                              (void **)records);
+        result = client_take_records(client, &bytes, sizeof *reply, reply->num_records,
+                                     sizeof **records, (void **)records);
     }
     free(bytes.bytes);
     return result;

@@ -13,7 +13,7 @@
 #include "zan_trace.h"
 
 #define ZAN_WIRE_MAGIC    0x31304c42544e415aull /* "ZANTBL01" */
-#define ZAN_WIRE_VERSION  5u
+#define ZAN_WIRE_VERSION  6u
 #define ZAN_FRAME_MAX     (64u << 20) /* bytes of a payload */
 #define ZAN_CLIENTS_MAX   64u
 #define ZAN_PIPELINE_MAX  4u /* requests of one client that the agent holds; it reads no further */
@@ -52,6 +52,9 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_TRACE_REPLY = 31,       /* zan_trace_reply_st, then num_records zan_trace_record_st */
     ZAN_FRAME_NOTIFICATION = 29,      /* from the agent, unasked, tag 0: zan_notification_st, then
                                          an object or another message */
+    ZAN_FRAME_COUNTERS = 40,          /* zan_counters_st: do what it says, and answer */
+    ZAN_FRAME_COUNTERS_REPLY = 41,    /* zan_counters_reply_st, then num_tables
+                                         zan_counters_table_st */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -367,6 +370,38 @@ typedef struct zan_table_record_st {
     uint32_t reserved;
 } zan_table_record_st;
 ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1304, "record of a table");
+
+/* The counters of the tables' operations (zan_counters.h), in sets: since the start, since the last
+ * reset, and banks of which one counts at a time. */
+#define ZAN_WIRE_NUM_COUNTERS 61u
+#define ZAN_WIRE_NUM_BANKS    6u
+typedef enum zan_counters_action_et {
+    ZAN_COUNTERS_READ = 0,
+    ZAN_COUNTERS_RESET = 1, /* those since the reset begin anew, of the table or of all */
+    ZAN_COUNTERS_BANK = 2,  /* `bank` counts from now on, from 0, for all tables */
+} zan_counters_action_et;
+
+typedef struct zan_counters_st {
+    uint32_t action;   /* zan_counters_action_et */
+    uint32_t table_id; /* of this table only; ZAN_WIRE_NO_INDEX: of all that have counted */
+    uint32_t bank;
+    uint32_t reserved;
+} zan_counters_st;
+ZAN_STATIC_ASSERT(sizeof(zan_counters_st) == 16, "request about counters");
+
+typedef struct zan_counters_reply_st {
+    uint32_t num_tables;
+    uint32_t active_bank; /* that counts now */
+} zan_counters_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_counters_reply_st) == 8, "reply about counters");
+
+typedef struct zan_counters_table_st {
+    uint32_t table_id;
+    uint32_t total[ZAN_WIRE_NUM_COUNTERS];
+    uint32_t since_reset[ZAN_WIRE_NUM_COUNTERS];
+    uint32_t bank[ZAN_WIRE_NUM_BANKS][ZAN_WIRE_NUM_COUNTERS];
+} zan_counters_table_st;
+ZAN_STATIC_ASSERT(sizeof(zan_counters_table_st) == 1956, "counters of a table");
 
 /* Notifications that a session wants, instead of those it wanted before. */
 typedef struct zan_watch_st {

@@ -22,6 +22,7 @@ struct arguments_t {
     quarantine_options_t quarantine;
     sim_options_t sim;
     trace_options_t trace;
+    counters_options_t counters;
 };
 
 std::string join(const std::vector<std::string> &words)
@@ -111,6 +112,15 @@ void add_commands(CLI::App *app, arguments_t *a)
         ->excludes(release);
     CLI::App *table = app->add_subcommand("table", "all that is counted of one table");
     table->add_option("table", a->table)->required();
+    CLI::App *counters = app->add_subcommand(
+        "counters", "the counters of a table's operations; of all tables, those that are not 0");
+    counters->add_option("table", a->table);
+    counters->add_flag("--reset", a->counters.reset,
+                       "those since the reset begin anew: of the table, or of all");
+    counters
+        ->add_option("--bank", a->counters.bank,
+                     "this bank counts from now on, for all tables; it begins at 0")
+        ->check(CLI::Range(0u, ZAN_WIRE_NUM_BANKS - 1));
     CLI::App *watch = app->add_subcommand(
         "watch", "print notifications as they come: of some tables, or of all and of the hardware");
     watch->add_option("tables", a->words, "iproute ip6route");
@@ -191,6 +201,8 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_quarantine(session, join(a.words), a.quarantine);
     if (command == "table")
         return run_table(session, a.table);
+    if (command == "counters")
+        return run_counters(session, a.table, a.counters);
     if (command == "trace")
         return run_trace(session, a.trace);
     if (command == "history")
@@ -238,7 +250,7 @@ int main(int argc, char **argv)
         return app.exit(e) ? EXIT_FAILED : EXIT_WELL;
     }
     char why[512];
-    session_t session = {nullptr, arguments.json};
+    session_t session = {nullptr, arguments.json, stdout};
     if (arguments.trace.file.empty()) /* else the agent may be gone */
         session.client = zan_client_connect(arguments.socket.c_str(), "zanctl", why, sizeof why);
     if (!session.client && arguments.trace.file.empty())

@@ -5,6 +5,7 @@
 
 #include "zan_client.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -23,6 +24,7 @@ enum exit_et {
 struct session_t {
     zan_client_t *client;
     bool json;
+    FILE *out; /* where the commands that show what the agent knows write it */
 };
 
 struct free_object_t {
@@ -85,6 +87,13 @@ int run_failed(session_t *session, const std::string &words, const failed_option
 int run_quarantine(session_t *session, const std::string &words,
                    const quarantine_options_t &options);
 int run_table(session_t *session, const std::string &table);
+/* What `counters` does before it shows. */
+struct counters_options_t {
+    bool reset = false;
+    std::optional<uint32_t> bank; /* that is to count */
+};
+/* Of one table each counter; with no table, those of all tables that are not 0. */
+int run_counters(session_t *session, const std::string &table, const counters_options_t &options);
 /* How simulated NPUs are to behave. */
 struct sim_options_t {
     bool well = false, hang = false;

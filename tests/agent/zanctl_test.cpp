@@ -1,67 +1,11 @@
 /* zanctl as people and scripts use it: what it prints, and its exit status. */
-#include "agent_process.h"
+#include "zanctl_fixture.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
 #include <fstream>
 #include <sstream>
-#include <string>
 
 namespace
 {
-
-class zanctl : public testing::Test
-{
-protected:
-    agent_process_t process;
-
-    void start(const std::vector<std::string> &options)
-    {
-        process.start(options);
-        zan_client_t *client = process.connect();
-        ASSERT_TRUE(client);
-        zan_client_close(client);
-    }
-    void TearDown() override
-    {
-        process.stop();
-    }
-    struct result_t {
-        int status;
-        std::string text; /* both streams */
-    };
-    result_t run(const std::string &arguments) const
-    {
-        const std::string command = std::string(ZANCTL_PROGRAM) + " --socket " +
-                                    process.socket_path + " " + arguments + " 2>&1";
-        FILE *pipe = popen(command.c_str(), "r");
-        result_t result = {-1, ""};
-        char part[4096];
-        while (fgets(part, sizeof part, pipe))
-            result.text += part;
-        result.status = WEXITSTATUS(pclose(pipe));
-        return result;
-    }
-    /* Run the command until its output has this text. */
-    void wait_for(const std::string &command, const std::string &text) const
-    {
-        std::string last;
-        for (int i = 0; i < 500; i++) {
-            last = run(command).text;
-            if (last.find(text) != std::string::npos)
-                return;
-            usleep(20000);
-        }
-        ADD_FAILURE() << command << " never said " << text << ", but\n" << last;
-    }
-    std::string write_file(const char *name, const std::string &text) const
-    {
-        const std::string path = process.directory + "/" + name;
-        std::ofstream(path) << text;
-        return path;
-    }
-};
 
 TEST_F(zanctl, says_what_was_refused_and_why)
 {
