@@ -146,6 +146,8 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_watch(node, *request);
         case ZAN_FRAME_TRACE:
             return run_trace(node, *request);
+        case ZAN_FRAME_TRACE_CLASSES:
+            return run_trace_classes(node, *request);
         case ZAN_FRAME_COUNTERS:
             return run_counters(node, *request);
         default: /* the transport lets no other type pass */

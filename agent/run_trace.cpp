@@ -1,4 +1,5 @@
-/* The trace ring: records behind the one that was read last, and what their cycles mean as time. */
+/* The trace ring: records behind the one that was read last, and what their cycles mean as time;
+ * and which classes are traced. */
 #include "requests.h"
 
 #include "clock.h"
@@ -43,4 +44,40 @@ answer_t run_trace(node_t *node, const request_t &request)
     if (bytes)
         memcpy(frame.data() + sizeof(zan_frame_hdr_st) + sizeof reply, records.data(), bytes);
     return {ZAN_FRAME_TRACE_REPLY, std::move(frame)};
+}
+
+/* ---- Classes ---- */
+
+static bool has(const uint64_t *set, zan_trace_class_t c)
+{
+    return set[c / 64] >> c % 64 & 1;
+}
+
+/* Each class at most once, and none beyond the last. */
+static bool are_classes(const zan_trace_classes_st &asked)
+{
+    for (zan_trace_class_t c = 0; c < 64 * ZAN_TRACE_CLASS_WORDS; c++)
+        if ((has(asked.on, c) && has(asked.off, c)) ||
+            (c >= ZAN_NUM_TRACE_CLASSES && (has(asked.on, c) || has(asked.off, c))))
+            return false;
+    return true;
+}
+
+answer_t run_trace_classes(node_t *node, const request_t &request)
+{
+    zan_trace_classes_st asked;
+    if (request.payload.size() != sizeof asked)
+        return refuse_request(node, "length", "the request's payload has another size");
+    memcpy(&asked, request.payload.data(), sizeof asked);
+    if (!are_classes(asked))
+        return refuse_request(node, "on", "no such class, or one that is to be both on and off");
+    zan_trace_classes_reply_st reply = {};
+    for (zan_trace_class_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++) {
+        if (has(asked.on, c) || has(asked.off, c))
+            zan_trace_switch(c, has(asked.on, c));
+        reply.on[c / 64] |= (uint64_t)zan_trace_is_on(c) << c % 64;
+    }
+    std::vector<uint8_t> frame(sizeof(zan_frame_hdr_st) + sizeof reply);
+    memcpy(frame.data() + sizeof(zan_frame_hdr_st), &reply, sizeof reply);
+    return {ZAN_FRAME_TRACE_CLASSES_REPLY, std::move(frame)};
 }

@@ -160,6 +160,9 @@ ZAN_EXPORT int zan_client_table(zan_client_t *client, uint32_t table_id,
  * reply->num_records of them, which the caller frees with free. */
 ZAN_EXPORT int zan_client_trace(zan_client_t *client, uint64_t after, uint32_t max,
                                 zan_trace_reply_st *reply, zan_trace_record_st **records);
+/* Switch trace classes, and read which are on. */
+ZAN_EXPORT int zan_client_trace_classes(zan_client_t *client, const zan_trace_classes_st *request,
+                                        zan_trace_classes_reply_st *reply);
 /* Do what `request` says about the counters, and read them: *tables gets reply->num_tables records,
  * which the caller frees with free. */
 ZAN_EXPORT int zan_client_counters(zan_client_t *client, const zan_counters_st *request,

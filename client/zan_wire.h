@@ -55,6 +55,8 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_COUNTERS = 40,          /* zan_counters_st: do what it says, and answer */
     ZAN_FRAME_COUNTERS_REPLY = 41,    /* zan_counters_reply_st, then num_tables
                                          zan_counters_table_st */
+    ZAN_FRAME_TRACE_CLASSES = 42,     /* zan_trace_classes_st: switch them, and answer */
+    ZAN_FRAME_TRACE_CLASSES_REPLY = 43, /* zan_trace_classes_reply_st */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -456,6 +458,19 @@ typedef struct zan_trace_reply_st {
     uint32_t reserved;
 } zan_trace_reply_st;
 ZAN_STATIC_ASSERT(sizeof(zan_trace_reply_st) == 32, "trace reply");
+
+/* Trace classes (zan_trace.h) as sets: bit n of word n / 64 is class n. */
+#define ZAN_TRACE_CLASS_WORDS 18u
+ZAN_STATIC_ASSERT(ZAN_NUM_TRACE_CLASSES <= 64 * ZAN_TRACE_CLASS_WORDS, "each class has a bit");
+typedef struct zan_trace_classes_st {
+    uint64_t on[ZAN_TRACE_CLASS_WORDS], off[ZAN_TRACE_CLASS_WORDS]; /* to be; no class in both */
+} zan_trace_classes_st;
+ZAN_STATIC_ASSERT(sizeof(zan_trace_classes_st) == 288, "request about trace classes");
+
+typedef struct zan_trace_classes_reply_st {
+    uint64_t on[ZAN_TRACE_CLASS_WORDS]; /* that are on now */
+} zan_trace_classes_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_trace_classes_reply_st) == 144, "reply about trace classes");
 
 /* How simulated NPUs behave from now on. */
 typedef enum zan_sim_action_et {

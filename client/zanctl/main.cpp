@@ -23,6 +23,7 @@ struct arguments_t {
     sim_options_t sim;
     trace_options_t trace;
     counters_options_t counters;
+    classes_options_t classes;
 };
 
 std::string join(const std::vector<std::string> &words)
@@ -143,6 +144,12 @@ void add_commands(CLI::App *app, arguments_t *a)
     trace->add_flag("--errors", a->trace.errors, "errors only");
     trace->add_option("--last", a->trace.last, "so many at most, the newest")
         ->capture_default_str();
+    CLI::App *classes = trace->add_subcommand("classes", "which classes are traced");
+    classes->add_option("words", a->words,
+                        "classes; a table, a level (error, event, verbose) or queue, batch, "
+                        "transaction_history... for all of it");
+    CLI::Option *on = classes->add_flag("--on", a->classes.on, "trace these from now on");
+    classes->add_flag("--off", a->classes.off, "and these no more")->excludes(on);
     CLI::App *history = app->add_subcommand(
         "history", "what the trace ring knows of an object: TABLE KEY=VALUE...");
     history->add_option("object", a->words, "iproute vrf_id=0 prefix=10.0.0.0/8")->required();
@@ -174,7 +181,8 @@ void add_commands(CLI::App *app, arguments_t *a)
 
 int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
 {
-    const std::string command = app.get_subcommands().front()->get_name();
+    const CLI::App *subcommand = app.get_subcommands().front();
+    const std::string command = subcommand->get_name();
     if (command == "create")
         return run_write(session, ZAN_TABLE_CREATE, join(a.words));
     if (command == "update")
@@ -203,6 +211,8 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_table(session, a.table);
     if (command == "counters")
         return run_counters(session, a.table, a.counters);
+    if (command == "trace" && !subcommand->get_subcommands().empty())
+        return run_trace_classes(session, a.words, a.classes);
     if (command == "trace")
         return run_trace(session, a.trace);
     if (command == "history")

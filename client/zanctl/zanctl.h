@@ -119,6 +119,13 @@ struct trace_options_t {
     size_t last = 1000;          /* at most so many, the newest */
 };
 int run_trace(session_t *session, const trace_options_t &options);
+/* Which classes are traced, and which are from now on. */
+struct classes_options_t {
+    bool on = false, off = false;
+};
+/* Each word is a class, a table, a level, or the front part of a shared class's name. */
+int run_trace_classes(session_t *session, const std::vector<std::string> &words,
+                      const classes_options_t &options);
 /* What the ring knows of one object, and of the transactions that wrote it. */
 int run_history(session_t *session, const std::string &text);
 /* Print notifications, of these tables or of all and of the hardware databases, until so many have

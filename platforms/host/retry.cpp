@@ -142,7 +142,7 @@ void take_failure(write_failure_t *failure)
     const zan_table_base_st *stored = find_stored(failure->name);
     if (!concerns(*failure, stored != nullptr))
         return;
-    if (zan_trace_enabled[ZAN_CLASS_ZAN_RETRY_ERROR__])
+    if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_ERROR__))
         _ringlog_5(ZAN_CLASS_ZAN_RETRY_ERROR__, HOST_TRACE_ID(WRITE_FAILED, 5),
                    failure->name.table_id, failure->operation, failure->npus, failure->rc,
                    stored ? stored->base_trans_id : 0);
@@ -340,7 +340,7 @@ uint32_t attempt_due(uint32_t limit)
 void settle(entry_t *entry)
 {
     failed_t *failed = &entry->second;
-    if (zan_trace_enabled[ZAN_CLASS_ZAN_RETRY_EVENT__]) {
+    if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_EVENT__)) {
         const zan_table_base_st *obj = find_stored(entry->first);
         _ringlog_4(ZAN_CLASS_ZAN_RETRY_EVENT__, HOST_TRACE_ID(RETRIED, 4), entry->first.table_id,
                    failed->attempts, failed->failed_again ? failed->rc : EOK,

@@ -371,7 +371,7 @@ zan_rcode kor_dpd_event_bwalk(kor_dpd_event_ctx_t *walk_ctx, uint32_t)
     zan_bwalk_stats_st *stats = zan_dpd_get_bwalk_stats(def->id);
     stats->num_walks++;
     stats->walk_ns += now_ns() - begin;
-    if (zan_trace_enabled[ZAN_CLASS_ZAN_BWALK_EVENT__])
+    if (zan_trace_is_on(ZAN_CLASS_ZAN_BWALK_EVENT__))
         _ringlog_7(ZAN_CLASS_ZAN_BWALK_EVENT__, HOST_TRACE_ID(BWALK_DONE, 7), walk.root->bwalk_id,
                    def->id, walk.num_visits, walk.root->num_child_updates, walk.num_deleted,
                    walk.num_revisits, walk.rc);

@@ -213,7 +213,7 @@ void zan_walk_ctx_stamp_root_error(kor_dpd_event_ctx_t *walk_ctx, zan_rcode rc)
 {
     if (rc == EOK || walk_ctx->num_events == 0)
         return;
-    if (zan_trace_enabled[ZAN_CLASS_ZAN_BWALK_ERROR__])
+    if (zan_trace_is_on(ZAN_CLASS_ZAN_BWALK_ERROR__))
         _ringlog_4(ZAN_CLASS_ZAN_BWALK_ERROR__, HOST_TRACE_ID(BWALK_ROOT_FAILED, 4),
                    host_walk_ctx(walk_ctx)->bwalk_id, walk_ctx->trans_id,
                    (uint64_t)(uintptr_t)host_walk_ctx(walk_ctx)->request, rc);

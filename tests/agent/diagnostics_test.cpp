@@ -51,4 +51,61 @@ TEST_F(diagnostics, counts_since_the_start_the_reset_and_in_a_bank)
     EXPECT_EQ(run("counters nonsense").status, 2);
 }
 
+TEST_F(diagnostics, traces_the_classes_that_are_on)
+{
+    start({});
+    auto count = [&](const std::string &word) {
+        const std::string text = run("trace").text;
+        size_t times = 0;
+        for (size_t at = 0; (at = text.find(word, at)) != std::string::npos; at++)
+            times++;
+        return times;
+    };
+    ASSERT_EQ(run("create l3intf intf=1").status, 0);
+    ASSERT_EQ(run("delete l3intf intf=1").status, 0);
+    EXPECT_EQ(count("l3intf_verbose"), 0u);
+    EXPECT_EQ(run("trace classes l3intf_verbose queue --on").text, "3 classes are on now\n");
+    EXPECT_EQ(run("trace classes l3intf").text, "l3intf_error                           on\n"
+                                                "l3intf_event                           on\n"
+                                                "l3intf_verbose                         on\n");
+    ASSERT_EQ(run("create l3intf intf=1").status, 0);
+    ASSERT_EQ(run("create macllnh intf=1 adj_id=1 l3intf_obj.l3intf.intf=1").status, 0);
+    ASSERT_EQ(run("update l3intf intf=1 ipv4_mtu=9000").status, 0);
+    const size_t traced = count("l3intf_verbose");
+    EXPECT_GT(traced, 0u);
+    EXPECT_EQ(count("macllnh_verbose"), 0u) << "another table's";
+
+    const struct {
+        const char *arguments;
+        int status;
+        const char *text; /* in the output */
+    } cases[] = {
+        {"trace classes", 0,
+         "verbose                                on for 1 of 361 tables: l3intf\n"},
+        {"trace classes verbose --off", 0, "363 classes are off now"},
+        {"trace classes transaction_history macllnh_error --off", 0, "5 classes are off now"},
+        {"trace classes", 0,
+         "error                                  on for 360 of 361 tables, not for "
+         "macllnh\n"},
+        {"--json trace classes batch", 0,
+         "{\"batch_crud_error\":true,\"batch_crud_verbose\":false}"},
+        {"trace classes l3intf_verbos --on", 2,
+         "there is no trace class l3intf_verbos; is it "
+         "l3intf_verbose?"},
+        {"trace classes --on", 2, "which classes?"},
+        {"trace classes queue --on --off", 2, ""},
+    };
+    for (const auto &c : cases) {
+        const result_t result = run(c.arguments);
+        EXPECT_EQ(result.status, c.status) << c.arguments << "\n" << result.text;
+        EXPECT_NE(result.text.find(c.text), std::string::npos) << c.arguments << "\n"
+                                                               << result.text;
+    }
+    const size_t replaced = count("replaced: table");
+    EXPECT_GT(replaced, 0u);
+    ASSERT_EQ(run("update l3intf intf=1 ipv4_mtu=1500").status, 0);
+    EXPECT_EQ(count("l3intf_verbose"), traced) << "nothing came to it since";
+    EXPECT_EQ(count("replaced: table"), replaced);
+}
+
 } // namespace

@@ -189,7 +189,7 @@ TEST(Walk, BringsTwoEventsInOneUpdate)
     const server_t server({});
     create("test_if id=1");
     const uint64_t child = create("test_nh id=1 test_if.id=1").handle;
-    zan_trace_enabled[ZAN_CLASS_ZAN_BWALK_EVENT__] = 1;
+    zan_trace_switch(ZAN_CLASS_ZAN_BWALK_EVENT__, true);
     update("test_if id=1 change_0=5 change_1=5");
     EXPECT_EQ(walk_counts().pushed, 2u);
     EXPECT_EQ(stored(child)->dpd.bwalk_update_count, 1);

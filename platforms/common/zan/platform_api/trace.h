@@ -18,8 +18,17 @@ typedef struct zan_ringlog_enums_st {
 ZAN_STATIC_ASSERT(sizeof(zan_ringlog_enums_st) == 24, "trace enumerations");
 
 ZAN_EXTERN_C_BEGIN
-/* One byte per class: whether its traces are on. Errors and events are on at start. */
+/* One byte per class: whether its traces are on. Errors and events are on at start, but for the
+ * walks'. An operator may switch a class at any time: read and written through the two below. */
 ZAN_EXPORT extern uint8_t zan_trace_enabled[ZAN_NUM_TRACE_CLASSES];
+static inline bool zan_trace_is_on(zan_trace_class_t c)
+{
+    return __atomic_load_n(&zan_trace_enabled[c], __ATOMIC_RELAXED) != 0;
+}
+static inline void zan_trace_switch(zan_trace_class_t c, bool on)
+{
+    __atomic_store_n(&zan_trace_enabled[c], (uint8_t)on, __ATOMIC_RELAXED);
+}
 
 ZAN_EXPORT void _ringlog_1(zan_trace_class_t c, uint64_t msg, uint64_t a);
 ZAN_EXPORT void _ringlog_2(zan_trace_class_t c, uint64_t msg, uint64_t a, uint64_t b);

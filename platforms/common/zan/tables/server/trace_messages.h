@@ -54,7 +54,7 @@ template <class... A> inline void zan_trace_write(zan_trace_class_t c, uint32_t 
 #define ZAN_TRACE(trace_class, message, ...)                                                       \
     do {                                                                                           \
         const zan_trace_class_t zan_trace_c = (trace_class);                                       \
-        if (zan_trace_enabled[zan_trace_c])                                                        \
+        if (zan_trace_is_on(zan_trace_c))                                                          \
             zan_trace_write(zan_trace_c, ZAN_MSG_##message, __VA_ARGS__);                          \
     } while (0)
 
@@ -62,7 +62,7 @@ template <class... A> inline void zan_trace_write(zan_trace_class_t c, uint32_t 
 #define ZAN_TRACE_TABLE(trace_class, table_id, message, ...)                                       \
     do {                                                                                           \
         const zan_trace_class_t zan_trace_c = (trace_class);                                       \
-        if (zan_trace_enabled[zan_trace_c])                                                        \
+        if (zan_trace_is_on(zan_trace_c))                                                          \
             zan_trace_write(zan_trace_c, zan_table_msg((table_id), ZAN_TMSG_##message),            \
                             __VA_ARGS__);                                                          \
     } while (0)

@@ -141,7 +141,7 @@ void delete_put_reference_back(delete_op_t *op)
 void trace_held(const delete_op_t *op, const zan_table_base_st *db_obj)
 {
     const zan_trace_class_t c = zan_slt_crud_ctx(&op->crud, ZAN_TRACE_LEVEL_EVENT);
-    if (!zan_trace_enabled[c])
+    if (!zan_trace_is_on(c))
         return;
     const uint16_t table_id = db_obj->dpd.dpd_child_list->child->table_id;
     _ringlogs(c, zan_msg_id(ZAN_MSG_HELD_FOR_CHILDREN, 3, 0x4), (uint64_t)db_obj->dpd.dpd_child_cnt,

@@ -39,7 +39,7 @@ void zan_server_print_key(const zan_table_def_t *def, zan_table_msg_et message, 
                           uint32_t trans_id, uint32_t printing_table)
 {
     const zan_trace_class_t c = zan_slt_table_id(printing_table, ZAN_TRACE_LEVEL_ERROR);
-    if (!zan_trace_enabled[c])
+    if (!zan_trace_is_on(c))
         return;
     char text[256];
     zan_key_print(def, key, text, sizeof text);

@@ -39,7 +39,7 @@ zan_rcode zan_core_process_queue_obj(zan_table_base_st *obj, bool delay_delete)
 
 static void trace_text(zan_trace_class_t c, zan_msg_et message, const char *text)
 {
-    if (zan_trace_enabled[c])
+    if (zan_trace_is_on(c))
         _ringlogs(c, zan_msg_id(message, 1, 0x1), text);
 }
 
@@ -59,7 +59,7 @@ void internal_async_queue_process(void)
         const zan_rcode rc = zan_core_process_queue_obj(obj, false);
         if (rc != EOK) {
             const zan_trace_class_t c = ZAN_CLASS_ZAN_QUEUE_ERROR__;
-            if (zan_trace_enabled[c])
+            if (zan_trace_is_on(c))
                 _ringlogs(c, zan_msg_id(ZAN_MSG_QUEUE_FAILED, 2, 0x2), (uint64_t)rc,
                           rcd_strerror(rc));
             props->internal_async_q_err(obj, rc);

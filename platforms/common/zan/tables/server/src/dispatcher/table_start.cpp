@@ -16,7 +16,7 @@ static void trace_named(const zan_table_def_t *def, uint32_t level, zan_table_ms
                         const char *format)
 {
     const zan_trace_class_t c = zan_slt_table_id(def->id, level);
-    if (!zan_trace_enabled[c])
+    if (!zan_trace_is_on(c))
         return;
     char text[128];
     snprintf(text, sizeof text, format, def->name);

@@ -15,7 +15,7 @@ uint64_t *bwmask[ZAN_NUM_TABLES];
 static void trace_chain(const zan_table_def_t *def, const zan_event_record_t *event, int32_t child)
 {
     const zan_trace_class_t c = zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_VERBOSE);
-    if (zan_trace_enabled[c])
+    if (zan_trace_is_on(c))
         _ringlogs(c, zan_msg_id(zan_table_msg(def->id, ZAN_TMSG_EVENT_CHAIN), 2, 0x3), event->name,
                   kor_table_name_get((uint32_t)child));
 }

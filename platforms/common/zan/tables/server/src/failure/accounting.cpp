@@ -14,7 +14,7 @@ namespace
 void trace_null(const zan_table_def_t *def, uint32_t level, const char *what)
 {
     const zan_trace_class_t c = zan_slt_table_id(def->id, level);
-    if (!zan_trace_enabled[c])
+    if (!zan_trace_is_on(c))
         return;
     char text[112];
     snprintf(text, sizeof text, "server_api_%s_oor_accounting,NULL %s", def->name, what);

@@ -77,7 +77,7 @@ uint32_t zan_npu_bcast_dummy_wait(const zan_table_def_t *def, uint32_t trans_id,
     if (zan_core_is_dispatcher_spawned() &&
         !zan_check_action_allowed(ZAN_EXEC_Q_CONTROL_OPS_ALLOWED)) {
         const zan_trace_class_t c = ZAN_CLASS_ZAN_FILE_A_BUGTRK_ERROR__;
-        if (!zan_core_is_frr_thread() && zan_trace_enabled[c])
+        if (!zan_core_is_frr_thread() && zan_trace_is_on(c))
             _ringlogs(c, zan_msg_id(ZAN_MSG_DUMMY_WAIT_WRONG_THREAD, 1, 1),
                       "zan_npu_bcast_dummy_wait,called_by_non_dispatcher_thread!!");
         return 0;

@@ -1,0 +1,169 @@
+/* trace classes: which are on, and switching them by names that cover more than one. */
+#include "objects.h"
+
+#include <algorithm>
+#include <set>
+
+namespace
+{
+
+const char *const levels[] = {"error", "event", "verbose"};
+
+bool is_shared(zan_trace_class_t c)
+{
+    return c >= ZAN_SHARED_TRACE_CLASS_BASE;
+}
+
+std::string class_name(zan_trace_class_t c)
+{
+    char text[96];
+    zan_trace_class_print(c, text, sizeof text);
+    return text;
+}
+
+/* All that a class may be named by. */
+std::vector<std::string> names_of(zan_trace_class_t c)
+{
+    const std::string name = class_name(c);
+    std::vector<std::string> names = {name, levels[zan_trace_class_level(c) - 1]};
+    if (!is_shared(c)) {
+        names.push_back(kor_table_name_get(c / 3));
+        return names;
+    }
+    for (size_t at = name.find('_'); at != std::string::npos; at = name.find('_', at + 1))
+        names.push_back(name.substr(0, at));
+    return names;
+}
+
+/* Letters to put in, leave out or change on the way from one word to the other. */
+size_t distance(const std::string &a, const std::string &b)
+{
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); j++)
+        row[j] = j;
+    for (size_t i = 1; i <= a.size(); i++) {
+        size_t corner = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); j++) {
+            const size_t changed = corner + (a[i - 1] != b[j - 1]);
+            corner = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, changed});
+        }
+    }
+    return row[b.size()];
+}
+
+std::string nearest(const std::string &word)
+{
+    std::string best;
+    size_t least = SIZE_MAX;
+    for (zan_trace_class_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++)
+        for (const std::string &name : names_of(c))
+            if (distance(word, name) < least) {
+                least = distance(word, name);
+                best = name;
+            }
+    return best;
+}
+
+/* The classes that the words name; all without a word. False and a reason. */
+bool select(const std::vector<std::string> &words, std::set<zan_trace_class_t> *chosen,
+            std::string *why)
+{
+    std::set<std::string> unknown(words.begin(), words.end());
+    for (zan_trace_class_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++) {
+        if (words.empty())
+            chosen->insert(c);
+        for (const std::string &name : names_of(c))
+            if (std::find(words.begin(), words.end(), name) != words.end()) {
+                chosen->insert(c);
+                unknown.erase(name);
+            }
+    }
+    if (unknown.empty())
+        return true;
+    const std::string &word = *unknown.begin();
+    *why = "there is no trace class " + word + "; is it " + nearest(word) +
+           "? zanctl trace classes lists them";
+    return false;
+}
+
+bool is_on(const zan_trace_classes_reply_st &reply, zan_trace_class_t c)
+{
+    return reply.on[c / 64] >> c % 64 & 1;
+}
+
+void print(FILE *out, const std::set<zan_trace_class_t> &chosen,
+           const zan_trace_classes_reply_st &reply)
+{
+    for (const zan_trace_class_t c : chosen)
+        fprintf(out, "%-38s %s\n", class_name(c).c_str(), is_on(reply, c) ? "on" : "off");
+}
+
+/* The tables whose class of a level is as few of them have it. */
+void print_level(FILE *out, uint32_t level, const zan_trace_classes_reply_st &reply)
+{
+    std::string on, off;
+    uint32_t num_on = 0;
+    for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
+        const bool is = is_on(reply, id * 3 + level);
+        num_on += is;
+        (is ? on : off) += std::string(" ") + kor_table_name_get(id);
+    }
+    fprintf(out, "%-38s on for %u of %u tables", levels[level], num_on, ZAN_NUM_TABLES);
+    if (num_on && num_on <= ZAN_NUM_TABLES / 2)
+        fprintf(out, ":%s", on.c_str());
+    else if (num_on && num_on < ZAN_NUM_TABLES)
+        fprintf(out, ", not for%s", off.c_str());
+    fprintf(out, "\n");
+}
+
+/* The tables' by level, the shared ones each. */
+void print_all(FILE *out, const zan_trace_classes_reply_st &reply)
+{
+    for (uint32_t level = 0; level < std::size(levels); level++)
+        print_level(out, level, reply);
+    std::set<zan_trace_class_t> shared;
+    for (zan_trace_class_t c = ZAN_SHARED_TRACE_CLASS_BASE; c < ZAN_NUM_TRACE_CLASSES; c++)
+        shared.insert(c);
+    print(out, shared, reply);
+}
+
+json_t as_json(const std::set<zan_trace_class_t> &chosen, const zan_trace_classes_reply_st &reply)
+{
+    json_t out = json_t::object();
+    for (const zan_trace_class_t c : chosen)
+        out[class_name(c)] = is_on(reply, c);
+    return out;
+}
+
+} // namespace
+
+int run_trace_classes(session_t *session, const std::vector<std::string> &words,
+                      const classes_options_t &options)
+{
+    const bool switches = options.on || options.off;
+    if (switches && words.empty())
+        return fail_text("which classes? Say iproute_verbose, or verbose for all of that level");
+    std::set<zan_trace_class_t> chosen;
+    std::string why;
+    if (!select(words, &chosen, &why))
+        return fail_text(why);
+    zan_trace_classes_st request = {};
+    for (const zan_trace_class_t c : chosen)
+        if (switches)
+            (options.on ? request.on : request.off)[c / 64] |= (uint64_t)1 << c % 64;
+    zan_trace_classes_reply_st reply;
+    if (zan_client_trace_classes(session->client, &request, &reply))
+        return fail_session(session);
+    if (session->json)
+        fprintf(session->out, "%s\n", as_json(chosen, reply).dump().c_str());
+    else if (switches)
+        fprintf(session->out, "%zu %s now\n", chosen.size(),
+                options.on ? "classes are on" : "classes are off");
+    else if (words.empty())
+        print_all(session->out, reply);
+    else
+        print(session->out, chosen, reply);
+    return EXIT_WELL;
+}
