@@ -150,6 +150,8 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_trace_classes(node, *request);
         case ZAN_FRAME_COUNTERS:
             return run_counters(node, *request);
+        case ZAN_FRAME_PERF:
+            return run_perf(node, *request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }

@@ -71,6 +71,7 @@ answer_t run_watch(node_t *node, const request_t &request);
 answer_t run_trace(node_t *node, const request_t &request);
 answer_t run_trace_classes(node_t *node, const request_t &request);
 answer_t run_counters(node_t *node, const request_t &request);
+answer_t run_perf(node_t *node, const request_t &request);
 /* From now on the cycles of traces are measured against the clock. */
 void learn_cycles(node_t *node);
 

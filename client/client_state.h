@@ -64,6 +64,14 @@ int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_
 int client_take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
                         size_t record, void **out);
 
+/* The same with two kinds of records, one behind the other; both outs are null when it fails. */
+struct client_rows_t {
+    size_t count, size;
+    void **out;
+};
+int client_take_two(zan_client_t *client, const byte_block_t *reply, size_t head,
+                    const client_rows_t &first, const client_rows_t &second);
+
 /* What walks did, as it stands in a reply from `at` to its end, in a block of its own. */
 int client_take_walk_counts(zan_client_t *client, const byte_block_t *reply, size_t at,
                             zan_walk_counts_st **counts);

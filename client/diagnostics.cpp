@@ -35,3 +35,24 @@ int zan_client_trace_classes(zan_client_t *client, const zan_trace_classes_st *r
     free(bytes.bytes);
     return result;
 }
+
+int zan_client_perf(zan_client_t *client, uint32_t table_id, zan_perf_reply_st *reply,
+                    zan_perf_table_st **tables, zan_perf_slow_st **slow)
+{
+    *tables = nullptr;
+    *slow = nullptr;
+    const zan_perf_st request = {table_id, 0};
+    byte_block_t bytes = {};
+    int result =
+        client_ask(client, ZAN_FRAME_PERF, &request, sizeof request, ZAN_FRAME_PERF_REPLY, &bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's durations have %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = client_take_two(client, &bytes, sizeof *reply,
+                                 {reply->num_tables, sizeof **tables, (void **)tables},
+                                 {reply->num_slow, sizeof **slow, (void **)slow});
+    }
+    free(bytes.bytes);
+    return result;
+}

@@ -71,23 +71,20 @@ int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts)
     return result;
 }
 
-/* The two kinds of rows stand one behind the other. */
-static int take_resources(zan_client_t *client, const byte_block_t *bytes,
-                          zan_resources_reply_st *reply, zan_resource_st **databases,
-                          zan_resource_table_st **tables)
+int client_take_two(zan_client_t *client, const byte_block_t *reply, size_t head,
+                    const client_rows_t &first, const client_rows_t &second)
 {
-    if (bytes->len < sizeof *reply)
-        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
-    memcpy(reply, bytes->bytes, sizeof *reply);
-    const size_t front = sizeof *reply + (size_t)reply->num_databases * sizeof **databases;
-    if (bytes->len < front)
-        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
-    const byte_block_t first = {bytes->bytes, front, front};
-    if (client_take_records(client, &first, sizeof *reply, reply->num_databases, sizeof **databases,
-                            (void **)databases))
+    const size_t front = head + first.count * first.size;
+    if (reply->len < front)
+        return client_lose(client, "the agent's reply has %zu bytes", reply->len);
+    const byte_block_t block = {reply->bytes, front, front};
+    if (client_take_records(client, &block, head, first.count, first.size, first.out))
         return -1;
-    return client_take_records(client, bytes, front, reply->num_tables, sizeof **tables,
-                               (void **)tables);
+    if (client_take_records(client, reply, front, second.count, second.size, second.out) == 0)
+        return 0;
+    free(*first.out);
+    *first.out = nullptr;
+    return -1;
 }
 
 int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
@@ -100,13 +97,15 @@ int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
     byte_block_t bytes = {};
     int result = client_ask(client, ZAN_FRAME_RESOURCES, request ? request : &nothing,
                             sizeof nothing, ZAN_FRAME_RESOURCES_REPLY, &bytes);
-    if (result == 0)
-        result = take_resources(client, &bytes, reply, databases, tables);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's resources have %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = client_take_two(client, &bytes, sizeof *reply,
+                                 {reply->num_databases, sizeof **databases, (void **)databases},
+                                 {reply->num_tables, sizeof **tables, (void **)tables});
+    }
     free(bytes.bytes);
-    if (result == 0)
-        return 0;
-    free(*databases);
-    *databases = nullptr;
     return result;
 }
 

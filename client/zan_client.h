@@ -167,6 +167,11 @@ ZAN_EXPORT int zan_client_trace_classes(zan_client_t *client, const zan_trace_cl
  * which the caller frees with free. */
 ZAN_EXPORT int zan_client_counters(zan_client_t *client, const zan_counters_st *request,
                                    zan_counters_reply_st *reply, zan_counters_table_st **tables);
+/* How long things take, of one table or with ZAN_WIRE_NO_INDEX of all that were used; and the last
+ * slow operations, by NPU, the newest first. Both arrays are the caller's, to be freed with free;
+ * null when the call fails. */
+ZAN_EXPORT int zan_client_perf(zan_client_t *client, uint32_t table_id, zan_perf_reply_st *reply,
+                               zan_perf_table_st **tables, zan_perf_slow_st **slow);
 /* Say how the simulated NPUs behave from now on. */
 ZAN_EXPORT int zan_client_sim(zan_client_t *client, const zan_sim_st *request);
 

@@ -57,6 +57,9 @@ typedef enum zan_frame_type_et {
                                          zan_counters_table_st */
     ZAN_FRAME_TRACE_CLASSES = 42,     /* zan_trace_classes_st: switch them, and answer */
     ZAN_FRAME_TRACE_CLASSES_REPLY = 43, /* zan_trace_classes_reply_st */
+    ZAN_FRAME_PERF = 44,                /* zan_perf_st */
+    ZAN_FRAME_PERF_REPLY = 45, /* zan_perf_reply_st, then num_tables zan_perf_table_st, then
+                                  num_slow zan_perf_slow_st */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -404,6 +407,56 @@ typedef struct zan_counters_table_st {
     uint32_t bank[ZAN_WIRE_NUM_BANKS][ZAN_WIRE_NUM_COUNTERS];
 } zan_counters_table_st;
 ZAN_STATIC_ASSERT(sizeof(zan_counters_table_st) == 1956, "counters of a table");
+
+/* How long things take, of one table or of all that were used. */
+typedef struct zan_perf_st {
+    uint32_t table_id; /* or ZAN_WIRE_NO_INDEX */
+    uint32_t reserved;
+} zan_perf_st;
+ZAN_STATIC_ASSERT(sizeof(zan_perf_st) == 8, "request about durations");
+
+/* Bucket n counts durations of at most 2^(n + ZAN_DURATION_FIRST_BUCKET) ns that are in no bucket
+ * before it, the last all longer ones. */
+#define ZAN_DURATION_BUCKETS      28u
+#define ZAN_DURATION_FIRST_BUCKET 8u
+typedef struct zan_durations_st {
+    uint64_t count; /* the sum of the buckets */
+    uint64_t total_ns, max_ns;
+    uint64_t bucket[ZAN_DURATION_BUCKETS];
+} zan_durations_st;
+ZAN_STATIC_ASSERT(sizeof(zan_durations_st) == 248, "durations");
+
+typedef struct zan_perf_reply_st {
+    uint32_t num_tables, num_slow;
+    uint32_t num_npus;
+    uint32_t reserved;
+    uint64_t slow_ns;       /* from this duration on an operation is slow */
+    zan_durations_st stops; /* of all NPU queues, for one of any table's operations */
+} zan_perf_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_perf_reply_st) == 272, "reply about durations");
+
+typedef struct zan_perf_table_st {
+    uint32_t table_id;
+    uint32_t first_trans_id, last_trans_id;
+    uint32_t reserved;
+    uint64_t first_op_ns, last_op_ns; /* CLOCK_REALTIME; 0: never */
+    uint64_t slow_ops;
+    zan_durations_st dispatch; /* an object on the dispatcher */
+    zan_durations_st ipc;      /* from the client's stamp to the dispatcher, mean of a batch */
+    zan_durations_st walk;     /* a walk that one of its objects began */
+    zan_durations_st npu[ZAN_MAX_NPUS]; /* a call of the platform's hook */
+} zan_perf_table_st;
+ZAN_STATIC_ASSERT(sizeof(zan_perf_table_st) == 2768, "durations of a table");
+
+/* A slow operation; each NPU and the dispatcher keep their last ten. */
+typedef struct zan_perf_slow_st {
+    uint32_t table_id;
+    uint32_t operation; /* zan_table_operation_et */
+    uint32_t trans_id;
+    uint32_t npu; /* ZAN_WIRE_NO_INDEX: on the dispatcher */
+    uint64_t end_ns, elapsed_ns;
+} zan_perf_slow_st;
+ZAN_STATIC_ASSERT(sizeof(zan_perf_slow_st) == 32, "slow operation");
 
 /* Notifications that a session wants, instead of those it wanted before. */
 typedef struct zan_watch_st {

@@ -122,6 +122,9 @@ void add_commands(CLI::App *app, arguments_t *a)
         ->add_option("--bank", a->counters.bank,
                      "this bank counts from now on, for all tables; it begins at 0")
         ->check(CLI::Range(0u, ZAN_WIRE_NUM_BANKS - 1));
+    CLI::App *perf = app->add_subcommand(
+        "perf", "how long operations, hooks and walks take, and which operations were slow");
+    perf->add_option("table", a->table, "one table, with its histograms");
     CLI::App *watch = app->add_subcommand(
         "watch", "print notifications as they come: of some tables, or of all and of the hardware");
     watch->add_option("tables", a->words, "iproute ip6route");
@@ -209,6 +212,8 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_quarantine(session, join(a.words), a.quarantine);
     if (command == "table")
         return run_table(session, a.table);
+    if (command == "perf")
+        return run_perf(session, a.table);
     if (command == "counters")
         return run_counters(session, a.table, a.counters);
     if (command == "trace" && !subcommand->get_subcommands().empty())

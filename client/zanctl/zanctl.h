@@ -94,6 +94,8 @@ struct counters_options_t {
 };
 /* Of one table each counter; with no table, those of all tables that are not 0. */
 int run_counters(session_t *session, const std::string &table, const counters_options_t &options);
+/* How long the operations of a table take, and its walks; without one those of all in short. */
+int run_perf(session_t *session, const std::string &table);
 /* How simulated NPUs are to behave. */
 struct sim_options_t {
     bool well = false, hang = false;

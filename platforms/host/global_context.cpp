@@ -6,6 +6,7 @@
 #include "host_resources.h"
 #include "host_services.h"
 #include "host_start.h"
+#include "host_statistics.h"
 #include "retry.h"
 #include "system_facts.h"
 
@@ -41,6 +42,7 @@ zan_rcode zan_host_start(const zan_host_config_t *config)
     standby = config->standby;
     started = true;
     zan_host_fill_table_properties();
+    host_statistics_start();
     host_colors_start();
     if (!zan_host_exec_q_start(config->num_npus, config->stepped, config->seed)) {
         started = false;

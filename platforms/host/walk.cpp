@@ -19,6 +19,7 @@
 #include "clock.h"
 #include "graph_area.h"
 #include "host_blocks.h"
+#include "host_statistics.h"
 #include "host_trace.h"
 #include "table_properties.h"
 #include "walk_queue.h"
@@ -370,7 +371,9 @@ zan_rcode kor_dpd_event_bwalk(kor_dpd_event_ctx_t *walk_ctx, uint32_t)
     finish(&walk);
     zan_bwalk_stats_st *stats = zan_dpd_get_bwalk_stats(def->id);
     stats->num_walks++;
-    stats->walk_ns += now_ns() - begin;
+    const uint64_t taken_ns = now_ns() - begin;
+    stats->walk_ns += taken_ns;
+    host_count_walk(def->id, taken_ns);
     if (zan_trace_is_on(ZAN_CLASS_ZAN_BWALK_EVENT__))
         _ringlog_7(ZAN_CLASS_ZAN_BWALK_EVENT__, HOST_TRACE_ID(BWALK_DONE, 7), walk.root->bwalk_id,
                    def->id, walk.num_visits, walk.root->num_child_updates, walk.num_deleted,

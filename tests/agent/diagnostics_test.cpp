@@ -108,4 +108,57 @@ TEST_F(diagnostics, traces_the_classes_that_are_on)
     EXPECT_EQ(count("replaced: table"), replaced);
 }
 
+/* Durations are the machine's, and anything may be slow on a busy one: what is looked at is what
+ * latency makes sure of. */
+TEST_F(diagnostics, shows_what_was_slow_and_where)
+{
+    start({});
+    ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 0);
+    ASSERT_EQ(run("create iproute vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=7").status,
+              0);
+    ASSERT_EQ(run("compare").status, 0); /* the NPUs have done all that */
+    ASSERT_EQ(run("sim --latency 20000 --npu 1").status, 0);
+    ASSERT_EQ(run("walk ipnhgroup nhg_id=7 --set fec_id=71").status, 0);
+    ASSERT_EQ(run("create l3intf intf=1").status, 0);
+    ASSERT_EQ(run("sim --well").status, 0);
+    ASSERT_EQ(run("compare").status, 0);
+
+    const json_t all = run_json("perf");
+    std::string places;
+    for (const json_t &op : all["slow"]) {
+        EXPECT_GE(op["elapsed_ns"], 10'000'000);
+        places += op["operation"].get<std::string>() + " " + op["table"].get<std::string>() + " " +
+                  (op.contains("npu") ? op["npu"].dump() : "-") + "\n";
+    }
+    for (const char *place : {"create l3intf -\n", "update iproute 1\n", "update ipnhgroup 1\n"})
+        EXPECT_NE(places.find(place), std::string::npos) << place << "is not in\n" << places;
+    EXPECT_GT(all["queue_stops"]["count"], 0);
+
+    const json_t perf = run_json("perf ipnhgroup"), &group = perf["tables"][0];
+    EXPECT_EQ(group["dispatcher"]["count"], 3) << "a create, a read, an update";
+    EXPECT_EQ(group["delivery"]["count"], 3);
+    EXPECT_EQ(group["walks"]["count"], 1);
+    EXPECT_GE(group["slow"], 1);
+    EXPECT_LT(perf["slow"].size(), all["slow"].size()) << "of this table only";
+    EXPECT_EQ(group["npus"][0]["count"], 2);
+    EXPECT_EQ(group["npus"][1]["count"], 2);
+    EXPECT_GE(group["npus"][1]["max_ns"], 20'000'000);
+    uint64_t above = 0, bound = 0;
+    for (size_t i = 0; i < group["npus"][1]["buckets"].size(); i++) {
+        if (bound >= 16'777'216) /* the largest bound below the latency */
+            above += group["npus"][1]["buckets"][i].get<uint64_t>();
+        if (i < perf["bucket_bounds_ns"].size())
+            bound = perf["bucket_bounds_ns"][i];
+    }
+    EXPECT_GE(above, 1u) << group["npus"][1].dump();
+    EXPECT_EQ(run_json("perf l3intf")["tables"][0]["npus"][1]["count"], 1)
+        << "one call for all NPUs counts with each";
+    for (const char *part :
+         {"dispatcher", "NPU 1", "at most", "33.6 ms", "update of ipnhgroup took "})
+        EXPECT_NE(run("perf ipnhgroup").text.find(part), std::string::npos)
+            << part << "\n"
+            << run("perf ipnhgroup").text;
+    EXPECT_EQ(run("perf nonsense").status, 2);
+}
+
 } // namespace

@@ -20,7 +20,7 @@ ZAN_EXPORT void clock_diff(const struct timespec *a, const struct timespec *b,
                            struct timespec *out);
 /* out := in / n; n of 0 gives 0. */
 ZAN_EXPORT void zan_divide_timespec(const struct timespec *in, uint32_t n, struct timespec *out);
-/* The cycle counter: cheap, monotonic per core, for traces only. */
+/* The cycle counter: cheap, monotonic per core, for traces and short durations only. */
 ZAN_EXPORT uint64_t zan_clock_cycles(void);
 /* Local time of day with milliseconds as "2026-01-31 12:00:00.123"; returns buffer. */
 ZAN_EXPORT char *ctime_r_msec(const struct timespec *when, char *buffer, size_t length);
