@@ -7,6 +7,7 @@
 #include "zan_agent.h"
 
 #include "listener.h"
+#include "metrics_server.h"
 #include "requests.h"
 
 #include "exec_queue.h"
@@ -169,7 +170,17 @@ void settle(node_t *node)
     count_trace_errors(node);
 }
 
-void serve(node_t *node, transport_t *transport)
+void give_metrics(const node_t &node, const transport_t *transport, metrics_server_t *metrics)
+{
+    std::string text;
+    try {
+        text = metrics_text(node, transport);
+    } catch (const std::bad_alloc &) {
+    }
+    metrics_answer(metrics, std::move(text));
+}
+
+void serve(node_t *node, transport_t *transport, metrics_server_t *metrics)
 {
     int rounds = 0;
     int64_t retry_ms = 0; /* until failed writes are due */
@@ -177,9 +188,13 @@ void serve(node_t *node, transport_t *transport)
         request_t request;
         const int64_t wait_ms = std::min<int64_t>(rounds ? idle_ms : calm_ms, retry_ms);
         if (transport_take(transport, (int)wait_ms, &request)) {
-            answer_t answer = run_request(node, transport, &request);
-            transport_reply(transport, request, answer.type, std::move(answer.frame));
-            rounds = settle_rounds;
+            if (request.session == 0) {
+                give_metrics(*node, transport, metrics);
+            } else {
+                answer_t answer = run_request(node, transport, &request);
+                transport_reply(transport, request, answer.type, std::move(answer.frame));
+                rounds = settle_rounds;
+            }
         } else if (transport_is_stopping(transport)) {
             return;
         } else if (rounds) {
@@ -212,6 +227,19 @@ struct stop_transport_t {
 };
 using transport_ptr_t = std::unique_ptr<transport_t, stop_transport_t>;
 
+struct stop_metrics_t {
+    void operator()(metrics_server_t *server) const
+    {
+        metrics_stop(server);
+    }
+};
+using metrics_ptr_t = std::unique_ptr<metrics_server_t, stop_metrics_t>;
+
+void ask_for_metrics(void *transport)
+{
+    transport_put((transport_t *)transport);
+}
+
 int serve_until_stopped(const zan_agent_options_t *options)
 {
     static node_t node;
@@ -226,11 +254,16 @@ int serve_until_stopped(const zan_agent_options_t *options)
             transport_start(options->socket_path, node.facts, next_notification));
         if (!transport)
             return 1;
+        const metrics_ptr_t metrics(
+            options->metrics ? metrics_start(options->metrics, ask_for_metrics, transport.get())
+                             : nullptr);
+        if (options->metrics && !metrics)
+            return 1;
         zan_host_notif_set_receiver(wake_transport, transport.get());
         printf("zan_agent: %u NPUs%s, %d tables; listening at %s\n", options->num_npus,
                options->standby ? " on standby" : "", ZAN_NUM_TABLES, options->socket_path);
         fflush(stdout);
-        serve(&node, transport.get());
+        serve(&node, transport.get(), metrics.get());
         drain(&node);
     }
     printf("zan_agent: stopped after %llu objects in %llu batches\n",

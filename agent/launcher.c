@@ -43,6 +43,9 @@ static const char usage[] =
     "                          into quarantine; 0: without end (default 10)\n"
     "  --trace-file PATH       keep the trace ring there, for zanctl trace --file; none: in\n"
     "                          memory (default the socket's path and .trace)\n"
+    "  --metrics [ADDRESS:]PORT\n"
+    "                          serve OpenMetrics there, on the loopback interface without an\n"
+    "                          address (default: nowhere)\n"
     "  --help                  this text\n"
     "\n"
     "SIGTERM and SIGINT stop it in order. Talk to it with zanctl.\n";
@@ -95,6 +98,7 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
         {"thresholds", required_argument, NULL, 'r'},
         {"retries", required_argument, NULL, 'q'},
         {"trace-file", required_argument, NULL, 'f'},
+        {"metrics", required_argument, NULL, 'e'},
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
     };
@@ -128,6 +132,9 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
             if (parse_number("stepped", optarg, UINT64_MAX, &options->seed))
                 return 2;
             options->stepped = 1;
+            break;
+        case 'e':
+            options->metrics = optarg;
             break;
         case 'f':
             options->trace_file = optarg;

@@ -10,6 +10,8 @@
 #include "npu_control.h"
 #include "transport.h"
 
+#include <string>
+
 /* The last replay of a table. */
 struct replay_t {
     bool running;
@@ -90,6 +92,9 @@ int64_t retry_failed_writes(node_t *node);
 /* What the command line says of the hardware databases: words like "lpm=100000" and
  * "lpm=80,75,95,90", ended by a null. False and a message when one says nothing. */
 bool set_resources(const npu_control_t &npus, const char *const *words);
+
+/* All figures of the node as OpenMetrics text. */
+std::string metrics_text(const node_t &node, const transport_t *transport);
 
 /* A request that cannot be run as it stands, with the field at fault; it is counted. */
 answer_t refuse_request(node_t *node, const char *field, const char *text);

@@ -81,7 +81,7 @@ struct transport_t {
     std::thread thread;
     std::atomic<bool> stopping{false}, finish{false};
     std::atomic<uint32_t> num_clients{0};
-    std::atomic<uint64_t> num_refused{0};
+    std::atomic<uint64_t> num_refused{0}, num_dropped{0};
 
     std::mutex mutex; /* over the two queues */
     std::condition_variable arrived;
@@ -426,7 +426,7 @@ void take_notifications(transport_t *t)
         const auto shared = std::make_shared<const notification_t>(std::move(notification));
         for (session_t &s : t->sessions)
             if (s.fd >= 0 && !s.closing && s.watched.wants(shared->head))
-                s.watched.put(shared);
+                t->num_dropped += s.watched.put(shared);
     }
     for (session_t &s : t->sessions)
         if (s.fd >= 0 && s.out.empty() && has_output(&s))
@@ -603,6 +603,15 @@ transport_t *transport_start(const char *path, const zan_hello_reply_st &node,
     return t;
 }
 
+void transport_put(transport_t *t)
+{
+    {
+        const std::lock_guard<std::mutex> lock(t->mutex);
+        t->requests.push_back({});
+    }
+    t->arrived.notify_one();
+}
+
 bool transport_take(transport_t *t, int timeout_ms, request_t *out)
 {
     std::unique_lock<std::mutex> lock(t->mutex);
@@ -646,6 +655,11 @@ uint32_t transport_num_clients(const transport_t *t)
 uint64_t transport_num_refused(const transport_t *t)
 {
     return t->num_refused;
+}
+
+uint64_t transport_num_dropped(const transport_t *t)
+{
+    return t->num_dropped;
 }
 
 void transport_stop(transport_t *t)

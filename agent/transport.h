@@ -35,6 +35,10 @@ transport_t *transport_start(const char *path, const zan_hello_reply_st &node,
 /* There is a notification. Any thread. */
 void transport_wake(transport_t *transport);
 
+/* Put an empty request of the agent's own into the dispatcher's queue: session 0, to be answered by
+ * other means than transport_reply. Any thread. */
+void transport_put(transport_t *transport);
+
 /* The next request; false when none came in `timeout_ms`, and at once when the transport is
  * stopping and all requests are taken. Dispatcher thread. */
 bool transport_take(transport_t *transport, int timeout_ms, request_t *out);
@@ -50,6 +54,8 @@ bool transport_is_stopping(const transport_t *transport);
 /* Sessions that are open, and messages refused by the I/O thread. Any thread. */
 uint32_t transport_num_clients(const transport_t *transport);
 uint64_t transport_num_refused(const transport_t *transport);
+/* Notifications that were dropped since a session did not read them. Any thread. */
+uint64_t transport_num_dropped(const transport_t *transport);
 
 /* Send what is left, for two seconds at most, close everything, free. */
 void transport_stop(transport_t *transport);

@@ -44,7 +44,7 @@ void watch_queue_t::drop_oldest()
     waiting_.pop_front();
 }
 
-void watch_queue_t::put(notification_ptr_t notification)
+uint32_t watch_queue_t::put(notification_ptr_t notification)
 {
     uint32_t replaced = 0;
     const auto same = by_object_.find(notification->object);
@@ -55,12 +55,14 @@ void watch_queue_t::put(notification_ptr_t notification)
         by_object_.erase(same);
     }
     const size_t bytes = notification->message.size();
+    const uint32_t lost_before = lost_;
     while (!waiting_.empty() &&
            (waiting_.size() >= ZAN_WATCH_QUEUE_MAX || bytes_ + bytes > max_bytes))
         drop_oldest();
     waiting_.push_back({std::move(notification), replaced});
     bytes_ += bytes;
     by_object_[waiting_.back().notification->object] = std::prev(waiting_.end());
+    return lost_ - lost_before;
 }
 
 std::vector<uint8_t> watch_queue_t::take()

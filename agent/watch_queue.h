@@ -33,7 +33,8 @@ public:
     /* Watch this from now on. */
     void watch(const zan_watch_st &wanted);
     bool wants(const zan_notification_st &head) const;
-    void put(notification_ptr_t notification);
+    /* Returns how many notifications it dropped to make room. */
+    uint32_t put(notification_ptr_t notification);
     /* So many were lost before they came here. */
     void lose(uint32_t count);
     bool empty() const

@@ -41,6 +41,8 @@ ZAN_EXPORT zan_host_notification_t *zan_host_notif_take(void);
 ZAN_EXPORT void zan_host_notif_free(zan_host_notification_t *notification);
 /* Notifications asked for, by type, since the start. */
 ZAN_EXPORT uint64_t zan_host_notifications(uint32_t type);
+/* Notifications that there was no room or memory for, since the start. Any thread. */
+ZAN_EXPORT uint64_t zan_host_notifications_lost(void);
 
 /* A hardware database has changed its state. Any thread. */
 void host_notify_resource(const zan_host_notif_resource_st *resource);

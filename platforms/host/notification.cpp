@@ -27,7 +27,8 @@ constexpr size_t max_bytes = 16 << 20; /* in each list; an object may have very 
 
 std::mutex mutex;
 list_t at_once, queue;
-uint32_t lost; /* since the last that was taken */
+uint32_t lost;      /* since the last that was taken */
+uint64_t lost_ever; /* since the start */
 zan_host_notif_ready_f ready;
 void *ready_arg;
 
@@ -59,6 +60,12 @@ void drop_all(list_t *list)
         free(message);
 }
 
+void lose_one()
+{
+    lost++;
+    lost_ever++;
+}
+
 /* A message with room for `size` bytes behind it; null without memory. */
 zan_host_notification_t *new_message(uint32_t size)
 {
@@ -83,7 +90,7 @@ bool put(list_t *list, zan_host_notification_t *message, bool make_room)
         return true;
     }
     if (!message) {
-        lost++;
+        lose_one();
         return true;
     }
     const bool was_empty = !at_once.first && !queue.first;
@@ -92,7 +99,7 @@ bool put(list_t *list, zan_host_notification_t *message, bool make_room)
         if (!make_room)
             return false;
         free(take(list));
-        lost++;
+        lose_one();
     }
     append(list, message);
     if (was_empty)
@@ -202,6 +209,12 @@ void zan_host_notif_free(zan_host_notification_t *notification)
 uint64_t zan_host_notifications(uint32_t type)
 {
     return __atomic_load_n(&asked[type % num_types], __ATOMIC_RELAXED);
+}
+
+uint64_t zan_host_notifications_lost(void)
+{
+    const std::lock_guard guard(mutex);
+    return lost_ever;
 }
 
 /* ---- Headers ---- */

@@ -1,8 +1,12 @@
 /* What people learn of a running agent: counters, trace classes, durations, metrics, the archive.
  */
+#include "open_metrics.h"
 #include "zanctl_fixture.h"
 
+#include <arpa/inet.h>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <sys/socket.h>
 
 namespace
 {
@@ -17,6 +21,34 @@ protected:
         const result_t result = run("--json " + arguments);
         EXPECT_EQ(result.status, 0) << arguments << "\n" << result.text;
         return json_t::parse(result.text, nullptr, false);
+    }
+    /* Where the agent says that it serves metrics: the port, of 127.0.0.1. */
+    uint16_t metrics_port() const
+    {
+        std::stringstream log;
+        log << std::ifstream(process.directory + "/log").rdbuf();
+        const std::string before = "metrics at http://127.0.0.1:";
+        const size_t at = log.str().find(before);
+        EXPECT_NE(at, std::string::npos) << log.str();
+        return (uint16_t)atoi(log.str().c_str() + at + before.size());
+    }
+    /* The whole answer to a request, its head in front. */
+    static std::string ask_http(uint16_t port, const std::string &request)
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const int fd = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(connect(fd, (const sockaddr *)&address, sizeof address), 0);
+        const std::string text = request + " HTTP/1.1\r\nHost: here\r\nConnection: close\r\n\r\n";
+        EXPECT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), (ssize_t)text.size());
+        std::string answer;
+        char part[4096];
+        for (ssize_t n; (n = recv(fd, part, sizeof part, 0)) > 0;)
+            answer.append(part, (size_t)n);
+        close(fd);
+        return answer;
     }
 };
 
@@ -159,6 +191,79 @@ TEST_F(diagnostics, shows_what_was_slow_and_where)
             << part << "\n"
             << run("perf ipnhgroup").text;
     EXPECT_EQ(run("perf nonsense").status, 2);
+}
+
+TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
+{
+    start({"--metrics", "0", "--capacity", "lpm=100"});
+    const uint16_t port = metrics_port();
+    ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 0);
+    ASSERT_EQ(run("create iproute vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=7").status,
+              0);
+    ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 1);
+    ASSERT_EQ(run("walk ipnhgroup nhg_id=7 --set fec_id=71").status, 0);
+    ASSERT_EQ(run("sim --fail 0 --table ipnhgroup --npu 1").status, 0);
+    ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0);
+    wait_for("failed", "1 failed now");
+    EXPECT_NE(ask_http(port, "GET /metrics").find("\nzan_failed_objects 1\n"), std::string::npos);
+    ASSERT_EQ(run("failed --forget").status, 0); /* no retry changes anything any more */
+    ASSERT_EQ(run("compare").status, 1);
+
+    const std::string answer = ask_http(port, "GET /metrics");
+    const size_t body = answer.find("\r\n\r\n");
+    ASSERT_NE(body, std::string::npos) << answer;
+    EXPECT_EQ(answer.find("HTTP/1.1 200"), 0u) << answer;
+    EXPECT_NE(answer.find("\r\nContent-Type: application/openmetrics-text; version=1.0.0; "
+                          "charset=utf-8\r\n"),
+              std::string::npos)
+        << answer.substr(0, body);
+    const open_metrics_t metrics(answer.substr(body + 4));
+
+    size_t compared = 0;
+    const json_t counters = run_json("counters"), perf = run_json("perf"),
+                 resources = run_json("resources --all");
+    for (const json_t &table : counters["tables"]) {
+        const std::string name = table["table"];
+        const json_t all = run_json("counters " + name)["tables"][0]["counters"];
+        for (const auto &[counter, figures] : all.items()) {
+            EXPECT_EQ(metrics.value("zan_operations_total{table=\"" + name + "\",counter=\"" +
+                                    counter + "\"}"),
+                      figures["total"])
+                << name << " " << counter;
+            compared++;
+        }
+    }
+    EXPECT_GT(compared, 80u) << "two tables";
+    for (const json_t &table : perf["tables"]) {
+        const std::string labels = "{table=\"" + table["table"].get<std::string>() + "\"}";
+        EXPECT_EQ(metrics.value("zan_dispatch_seconds_count" + labels),
+                  table["dispatcher"]["count"]);
+        EXPECT_EQ(metrics.value("zan_walk_seconds_count" + labels), table["walks"]["count"]);
+    }
+    EXPECT_EQ(metrics.value("zan_walk_seconds_count{table=\"ipnhgroup\"}"), 1);
+    size_t occupied = 0;
+    for (const json_t &row : resources) {
+        const std::string labels = "{database=\"" + row["database"].get<std::string>() +
+                                   "\",npu=\"" + row["npu"].dump() + "\"}";
+        if (row["used"] == 0)
+            continue;
+        occupied++;
+        EXPECT_EQ(metrics.value("zan_resource_used_entries" + labels), row["used"]) << labels;
+    }
+    EXPECT_GT(occupied, 0u);
+    EXPECT_EQ(metrics.value("zan_resource_capacity_entries{database=\"lpm\",npu=\"0\"}"), 100);
+    EXPECT_FALSE(metrics.has("zan_resource_capacity_entries{database=\"next_hop\",npu=\"0\"}"));
+    EXPECT_EQ(metrics.value("zan_failed_objects"), 0);
+    EXPECT_EQ(metrics.value("zan_quarantined_objects"), 0);
+    EXPECT_GE(metrics.value(
+                  "zan_hardware_errors_total{table=\"ipnhgroup\",npu=\"1\",operation=\"update\"}"),
+              1);
+    EXPECT_EQ(metrics.value("zan_watch_dropped_total"), 0);
+
+    EXPECT_EQ(ask_http(port, "GET /").find("HTTP/1.1 404"), 0u);
+    EXPECT_EQ(ask_http(port, "DELETE /metrics").find("HTTP/1.1 405"), 0u);
+    EXPECT_EQ(ask_http(port, "HEAD /metrics").find("# EOF"), std::string::npos);
+    EXPECT_EQ(ask_http(port, "nonsense").find("200"), std::string::npos);
 }
 
 } // namespace
