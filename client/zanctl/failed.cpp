@@ -39,18 +39,19 @@ std::string next_text(const row_t &row)
     }
 }
 
-void print(const std::vector<row_t> &rows, const zan_failed_reply_st &figures)
+void print(FILE *out, const std::vector<row_t> &rows, const zan_failed_reply_st &figures)
 {
     for (const row_t &row : rows)
-        printf("%s: %s failed on NPU %s with %s; %u %s, next %s\n",
-               name_of(row.table_id, row.key).c_str(),
-               zan_table_operation_str((uint8_t)row.operation), npus_text(row.npu_mask).c_str(),
-               code_text(row.rc).c_str(), row.attempts, row.attempts == 1 ? "retry" : "retries",
-               next_text(row).c_str());
-    printf("%llu failed now; %llu retries since the start, %llu recovered, %llu taken out of "
-           "service\n",
-           (unsigned long long)figures.failed, (unsigned long long)figures.attempts,
-           (unsigned long long)figures.recovered, (unsigned long long)figures.taken_out);
+        fprintf(out, "%s: %s failed on NPU %s with %s; %u %s, next %s\n",
+                name_of(row.table_id, row.key).c_str(),
+                zan_table_operation_str((uint8_t)row.operation), npus_text(row.npu_mask).c_str(),
+                code_text(row.rc).c_str(), row.attempts, row.attempts == 1 ? "retry" : "retries",
+                next_text(row).c_str());
+    fprintf(out,
+            "%llu failed now; %llu retries since the start, %llu recovered, %llu taken out of "
+            "service\n",
+            (unsigned long long)figures.failed, (unsigned long long)figures.attempts,
+            (unsigned long long)figures.recovered, (unsigned long long)figures.taken_out);
 }
 
 bool is_root(const quarantined_t &row)
@@ -58,22 +59,23 @@ bool is_root(const quarantined_t &row)
     return row.table_id == row.root_table_id && memcmp(row.key, row.root_key, sizeof row.key) == 0;
 }
 
-void print(const std::vector<quarantined_t> &rows, const zan_failed_reply_st &figures)
+void print(FILE *out, const std::vector<quarantined_t> &rows, const zan_failed_reply_st &figures)
 {
     for (const quarantined_t &row : rows) {
-        printf("%s: ", name_of(row.table_id, row.key).c_str());
+        fprintf(out, "%s: ", name_of(row.table_id, row.key).c_str());
         if (is_root(row))
-            printf("failed with %s after %u %s; %u taken out with it", code_text(row.rc).c_str(),
-                   row.attempts, row.attempts == 1 ? "retry" : "retries", row.followers);
+            fprintf(out, "failed with %s after %u %s; %u taken out with it",
+                    code_text(row.rc).c_str(), row.attempts,
+                    row.attempts == 1 ? "retry" : "retries", row.followers);
         else
-            printf("taken out for %s%s%s", name_of(row.root_table_id, row.root_key).c_str(),
-                   row.rc ? "; could not be put back: " : "",
-                   row.rc ? code_text(row.rc).c_str() : "");
-        printf("%s\n", row.releasing ? "; on its way back" : "");
+            fprintf(out, "taken out for %s%s%s", name_of(row.root_table_id, row.root_key).c_str(),
+                    row.rc ? "; could not be put back: " : "",
+                    row.rc ? code_text(row.rc).c_str() : "");
+        fprintf(out, "%s\n", row.releasing ? "; on its way back" : "");
     }
-    printf("%llu out of service now; %llu taken out since the start, %llu put back\n",
-           (unsigned long long)figures.quarantined, (unsigned long long)figures.taken_out,
-           (unsigned long long)figures.put_back);
+    fprintf(out, "%llu out of service now; %llu taken out since the start, %llu put back\n",
+            (unsigned long long)figures.quarantined, (unsigned long long)figures.taken_out,
+            (unsigned long long)figures.put_back);
 }
 
 json_t as_json(const row_t &row)
@@ -150,9 +152,10 @@ bool name_objects(const std::string &words, zan_failed_st *request, std::string 
 int report_done(const session_t *session, const char *what, const zan_failed_reply_st &figures)
 {
     if (session->json)
-        printf("%s\n", json_t({{what, figures.done}}).dump().c_str());
+        fprintf(session->out, "%s\n", json_t({{what, figures.done}}).dump().c_str());
     else
-        printf("%s: %u %s\n", what, figures.done, figures.done == 1 ? "object" : "objects");
+        fprintf(session->out, "%s: %u %s\n", what, figures.done,
+                figures.done == 1 ? "object" : "objects");
     return figures.done ? EXIT_WELL : EXIT_REFUSED;
 }
 
@@ -179,13 +182,13 @@ int run(session_t *session, const std::string &words, uint32_t action, const cha
     if (read_list(session, request, ask, &figures, &rows))
         return fail_session(session);
     if (!session->json) {
-        print(rows, figures);
+        print(session->out, rows, figures);
         return EXIT_WELL;
     }
     json_t out = json_t::array();
     for (const Row &row : rows)
         out.push_back(as_json(row));
-    printf("%s\n", out.dump().c_str());
+    fprintf(session->out, "%s\n", out.dump().c_str());
     return EXIT_WELL;
 }
 

@@ -99,28 +99,31 @@ json_t status_json(const zan_status_st &status, const zan_table_status_st *table
     return out;
 }
 
-void print_node(const zan_status_st &s)
+void print_node(FILE *out, const zan_status_st &s)
 {
-    printf("node      %u NPUs%s%s%s, %u clients, up %.1f s\n", s.num_npus,
-           s.node & ZAN_NODE_STANDBY ? ", standby" : "",
-           s.node & ZAN_NODE_PER_OBJECT_NPU_MASK ? ", per-object NPU masks" : "",
-           s.node & ZAN_NODE_STEPPED ? ", stepped" : "", s.num_clients, (double)s.uptime_ms / 1000);
-    printf("hooks     %llu platform, %llu default, %llu open\n",
-           (unsigned long long)s.hooks_platform, (unsigned long long)s.hooks_default,
-           (unsigned long long)s.hooks_none);
-    printf("memory    %llu bytes of objects, %llu bytes of indices, %llu heap blocks\n",
-           (unsigned long long)s.pool_bytes, (unsigned long long)s.index_bytes,
-           (unsigned long long)s.heap_blocks);
-    printf("served    %llu objects in %llu batches, %llu messages refused, %llu errors traced\n",
-           (unsigned long long)s.objects, (unsigned long long)s.batches,
-           (unsigned long long)s.refused, (unsigned long long)s.trace_errors);
-    printf("queues    %u messages wait for the NPUs\n", s.queue_depth);
+    fprintf(out, "node      %u NPUs%s%s%s, %u clients, up %.1f s\n", s.num_npus,
+            s.node & ZAN_NODE_STANDBY ? ", standby" : "",
+            s.node & ZAN_NODE_PER_OBJECT_NPU_MASK ? ", per-object NPU masks" : "",
+            s.node & ZAN_NODE_STEPPED ? ", stepped" : "", s.num_clients,
+            (double)s.uptime_ms / 1000);
+    fprintf(out, "hooks     %llu platform, %llu default, %llu open\n",
+            (unsigned long long)s.hooks_platform, (unsigned long long)s.hooks_default,
+            (unsigned long long)s.hooks_none);
+    fprintf(out, "memory    %llu bytes of objects, %llu bytes of indices, %llu heap blocks\n",
+            (unsigned long long)s.pool_bytes, (unsigned long long)s.index_bytes,
+            (unsigned long long)s.heap_blocks);
+    fprintf(out,
+            "served    %llu objects in %llu batches, %llu messages refused, %llu errors traced\n",
+            (unsigned long long)s.objects, (unsigned long long)s.batches,
+            (unsigned long long)s.refused, (unsigned long long)s.trace_errors);
+    fprintf(out, "queues    %u messages wait for the NPUs\n", s.queue_depth);
     for (uint32_t npu = 0; npu < s.num_npus; npu++)
-        printf("NPU %u     %llu objects, %llu bytes; %llu creates, %llu updates, %llu deletes, "
-               "%llu failures\n",
-               npu, (unsigned long long)s.npu[npu].objects, (unsigned long long)s.npu[npu].bytes,
-               (unsigned long long)s.npu[npu].creates, (unsigned long long)s.npu[npu].updates,
-               (unsigned long long)s.npu[npu].deletes, (unsigned long long)s.npu[npu].failures);
+        fprintf(out,
+                "NPU %u     %llu objects, %llu bytes; %llu creates, %llu updates, %llu deletes, "
+                "%llu failures\n",
+                npu, (unsigned long long)s.npu[npu].objects, (unsigned long long)s.npu[npu].bytes,
+                (unsigned long long)s.npu[npu].creates, (unsigned long long)s.npu[npu].updates,
+                (unsigned long long)s.npu[npu].deletes, (unsigned long long)s.npu[npu].failures);
 }
 
 uint64_t failures(const zan_table_status_st &t)
@@ -129,19 +132,19 @@ uint64_t failures(const zan_table_status_st &t)
            t.hw_failed + t.duplicates + t.update_failed + t.delete_failed;
 }
 
-void print_tables(const zan_status_st &status, const zan_table_status_st *tables)
+void print_tables(FILE *out, const zan_status_st &status, const zan_table_status_st *tables)
 {
     if (!status.num_tables) {
-        printf("tables    all empty\n");
+        fprintf(out, "tables    all empty\n");
         return;
     }
-    printf("\n%-20s %10s %10s %10s %10s %10s %11s\n", "table", "stored", "creates", "updates",
-           "deletes", "failures", "identifiers");
+    fprintf(out, "\n%-20s %10s %10s %10s %10s %10s %11s\n", "table", "stored", "creates", "updates",
+            "deletes", "failures", "identifiers");
     for (uint32_t i = 0; i < status.num_tables; i++)
-        printf("%-20s %10llu %10u %10u %10u %10llu %11llu\n",
-               kor_table_name_get(tables[i].table_id), (unsigned long long)tables[i].stored,
-               tables[i].creates, tables[i].updates, tables[i].deletes,
-               (unsigned long long)failures(tables[i]), (unsigned long long)tables[i].identifiers);
+        fprintf(out, "%-20s %10llu %10u %10u %10u %10llu %11llu\n",
+                kor_table_name_get(tables[i].table_id), (unsigned long long)tables[i].stored,
+                tables[i].creates, tables[i].updates, tables[i].deletes,
+                (unsigned long long)failures(tables[i]), (unsigned long long)tables[i].identifiers);
 }
 
 json_t compare_json(const zan_compare_reply_st &reply, const zan_difference_st *differences)
@@ -171,10 +174,10 @@ int run_status(session_t *session)
         return fail_session(session);
     const std::unique_ptr<zan_table_status_st, free_object_t> owned(tables);
     if (session->json) {
-        printf("%s\n", status_json(status, tables).dump().c_str());
+        fprintf(session->out, "%s\n", status_json(status, tables).dump().c_str());
     } else {
-        print_node(status);
-        print_tables(status, tables);
+        print_node(session->out, status);
+        print_tables(session->out, status, tables);
     }
     return EXIT_WELL;
 }

@@ -41,7 +41,7 @@ bool is_shown(const zan_resource_st &d, const resources_options_t &options)
     return options.all || d.used || d.capacity || d.high_water;
 }
 
-void print(const resources_t &r, const resources_options_t &options)
+void print(FILE *out, const resources_t &r, const resources_options_t &options)
 {
     uint32_t shown = 0;
     for (uint32_t i = 0; i < r.head.num_databases; i++) {
@@ -49,19 +49,19 @@ void print(const resources_t &r, const resources_options_t &options)
         if (!is_shown(d, options))
             continue;
         if (!shown++)
-            printf("%-14s %3s %12s %12s %12s %6s %-7s %s\n", "database", "NPU", "capacity", "used",
-                   "highest", "full", "state", "by");
+            fprintf(out, "%-14s %3s %12s %12s %12s %6s %-7s %s\n", "database", "NPU", "capacity",
+                    "used", "highest", "full", "state", "by");
         const std::string by = occupants(r, d);
-        printf("%-14s %3u %12s %12llu %12llu %6s %s", zan_hwdb_name(d.hwdb), d.npu,
-               d.capacity ? std::to_string(d.capacity).c_str() : "no limit",
-               (unsigned long long)d.used, (unsigned long long)d.high_water, percent(d).c_str(),
-               resource_state_name(d.state));
+        fprintf(out, "%-14s %3u %12s %12llu %12llu %6s %s", zan_hwdb_name(d.hwdb), d.npu,
+                d.capacity ? std::to_string(d.capacity).c_str() : "no limit",
+                (unsigned long long)d.used, (unsigned long long)d.high_water, percent(d).c_str(),
+                resource_state_name(d.state));
         if (!by.empty())
-            printf("%*s %s", 7 - (int)strlen(resource_state_name(d.state)), "", by.c_str());
-        printf("\n");
+            fprintf(out, "%*s %s", 7 - (int)strlen(resource_state_name(d.state)), "", by.c_str());
+        fprintf(out, "\n");
     }
     if (!shown)
-        printf("no database is used or limited; --all shows them\n");
+        fprintf(out, "no database is used or limited; --all shows them\n");
 }
 
 json_t as_json(const resources_t &r, const resources_options_t &options)
@@ -140,8 +140,8 @@ int run_resources(session_t *session, const resources_options_t &options)
     r.databases.reset(databases);
     r.tables.reset(tables);
     if (session->json)
-        printf("%s\n", as_json(r, options).dump().c_str());
+        fprintf(session->out, "%s\n", as_json(r, options).dump().c_str());
     else
-        print(r, options);
+        print(session->out, r, options);
     return EXIT_WELL;
 }

@@ -43,33 +43,33 @@ std::vector<figure_t> identifiers_of(const zan_table_record_st &r)
             {"reclaimed", "taken back from such keys", r.ids_reclaimed}};
 }
 
-void print_figures(const char *title, const std::vector<figure_t> &figures)
+void print_figures(FILE *out, const char *title, const std::vector<figure_t> &figures)
 {
     if (!figures.empty())
-        printf("%s\n", title);
+        fprintf(out, "%s\n", title);
     for (const figure_t &f : figures)
-        printf("  %12llu  %s\n", (unsigned long long)f.value, f.words);
+        fprintf(out, "  %12llu  %s\n", (unsigned long long)f.value, f.words);
 }
 
-void print(const zan_table_record_st &r)
+void print(FILE *out, const zan_table_record_st &r)
 {
     const zan_table_def_t *def = zan_table_def_get(r.table_id);
-    printf("%s (%u): %s\n%llu stored, hardware database %s\n", def->name, def->id, def->doc,
-           (unsigned long long)r.stored, zan_hwdb_name(def->hwdb));
-    print_figures("operations", info_of(r));
-    print_figures("identifiers", identifiers_of(r));
-    printf("%-4s %12s %12s %14s %14s %14s\n", "NPU", "stored for", "held", "failed creates",
-           "failed updates", "failed deletes");
+    fprintf(out, "%s (%u): %s\n%llu stored, hardware database %s\n", def->name, def->id, def->doc,
+            (unsigned long long)r.stored, zan_hwdb_name(def->hwdb));
+    print_figures(out, "operations", info_of(r));
+    print_figures(out, "identifiers", identifiers_of(r));
+    fprintf(out, "%-4s %12s %12s %14s %14s %14s\n", "NPU", "stored for", "held", "failed creates",
+            "failed updates", "failed deletes");
     for (uint32_t npu = 0; npu < r.num_npus; npu++) {
         const zan_table_npu_st &n = r.npu[npu];
-        printf("%-4u %12u %12llu %14u %14u %14u\n", npu, n.objects, (unsigned long long)n.held,
-               n.create_errors, n.update_errors, n.delete_errors);
+        fprintf(out, "%-4u %12u %12llu %14u %14u %14u\n", npu, n.objects,
+                (unsigned long long)n.held, n.create_errors, n.update_errors, n.delete_errors);
     }
-    printf("counters\n");
+    fprintf(out, "counters\n");
     for (uint32_t i = 0; i < std::size(r.counters[0]); i++)
         if (r.counters[0][i])
-            printf("  %12u  %2u  %s\n", r.counters[0][i], i,
-                   zan_counter_words(i) ? zan_counter_words(i) : "unnamed");
+            fprintf(out, "  %12u  %2u  %s\n", r.counters[0][i], i,
+                    zan_counter_words(i) ? zan_counter_words(i) : "unnamed");
 }
 
 json_t as_json(const std::vector<figure_t> &figures)
@@ -114,8 +114,8 @@ int run_table(session_t *session, const std::string &table)
     if (zan_client_table(session->client, def->id, &record))
         return fail_session(session);
     if (session->json)
-        printf("%s\n", as_json(record).dump().c_str());
+        fprintf(session->out, "%s\n", as_json(record).dump().c_str());
     else
-        print(record);
+        print(session->out, record);
     return EXIT_WELL;
 }

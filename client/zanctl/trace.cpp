@@ -76,11 +76,11 @@ void print(const session_t *session, const zan_trace_record_st &r, uint64_t when
         if (table != UINT32_MAX)
             out["table"] = kor_table_name_get(table);
         out["text"] = text;
-        printf("%s\n", out.dump().c_str());
+        fprintf(session->out, "%s\n", out.dump().c_str());
     } else {
-        printf("%s.%06u %-24s %s%s%s (trans %u)\n", clock, us, name,
-               table != UINT32_MAX ? kor_table_name_get(table) : "",
-               table != UINT32_MAX ? ": " : "", text, r.trans_id);
+        fprintf(session->out, "%s.%06u %-24s %s%s%s (trans %u)\n", clock, us, name,
+                table != UINT32_MAX ? kor_table_name_get(table) : "",
+                table != UINT32_MAX ? ": " : "", text, r.trans_id);
     }
 }
 
@@ -201,7 +201,7 @@ void print_all(const session_t *session, const std::deque<shown_t> &found)
 {
     for (const shown_t &shown : found)
         print(session, shown.record, shown.when_ns);
-    fflush(stdout);
+    fflush(session->out);
 }
 
 } // namespace

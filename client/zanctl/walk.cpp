@@ -10,38 +10,39 @@ namespace
 
 /* ---- walk ---- */
 
-void print_pushed(const walks_t &walks)
+void print_pushed(FILE *out, const walks_t &walks)
 {
     bool pushed = false;
     for (const zan_walk_event_st &event : walks.events) {
         if (!was_pushed(event))
             continue;
         pushed = true;
-        printf("pushed    %llu x %s\n", (unsigned long long)event.count, event_name(event));
+        fprintf(out, "pushed    %llu x %s\n", (unsigned long long)event.count, event_name(event));
     }
     if (pushed)
         return;
     const zan_walk_table_st sum = sum_of(walks);
-    printf("pushed    no event%s\n",
-           sum.events_pruned || sum.events_off_color
-               ? ""
-               : ": nothing changed that raises one, or nothing leads to the object");
+    fprintf(out, "pushed    no event%s\n",
+            sum.events_pruned || sum.events_off_color
+                ? ""
+                : ": nothing changed that raises one, or nothing leads to the object");
 }
 
-void print_walk(const walks_t &walks)
+void print_walk(FILE *out, const walks_t &walks)
 {
     const zan_walk_table_st sum = sum_of(walks);
-    print_pushed(walks);
-    printf("pruned    %llu, which no table below wants\n", (unsigned long long)sum.events_pruned);
-    printf("skipped   %llu, whose colour the object does not carry\n",
-           (unsigned long long)sum.events_off_color);
-    if (print_children(walks))
-        printf("\n");
-    printf("walked    %llu objects updated in %.3f ms", (unsigned long long)sum.updates,
-           milliseconds(sum.walk_ns));
+    print_pushed(out, walks);
+    fprintf(out, "pruned    %llu, which no table below wants\n",
+            (unsigned long long)sum.events_pruned);
+    fprintf(out, "skipped   %llu, whose colour the object does not carry\n",
+            (unsigned long long)sum.events_off_color);
+    if (print_children(out, walks))
+        fprintf(out, "\n");
+    fprintf(out, "walked    %llu objects updated in %.3f ms", (unsigned long long)sum.updates,
+            milliseconds(sum.walk_ns));
     if (sum.updates)
-        printf(", %.2f us each", (double)sum.walk_ns / 1e3 / (double)sum.updates);
-    printf("\n");
+        fprintf(out, ", %.2f us each", (double)sum.walk_ns / 1e3 / (double)sum.updates);
+    fprintf(out, "\n");
 }
 
 /* A walk's code comes to the client when the change itself went well: then what failed is below. */
@@ -50,14 +51,15 @@ void report_change(session_t *session, const order_t &order, const outcome_t &ou
 {
     const zan_walk_table_st sum = sum_of(walks);
     if (sum.failed_walks)
-        printf("%s: %llu updates below it failed, the first with %s; see what compare says of the "
-               "objects, and update them again\n",
-               object_text(order.obj.get()).c_str(), (unsigned long long)sum.failures,
-               code_text(outcome.rc).c_str());
+        fprintf(session->out,
+                "%s: %llu updates below it failed, the first with %s; see what compare says of the "
+                "objects, and update them again\n",
+                object_text(order.obj.get()).c_str(), (unsigned long long)sum.failures,
+                code_text(outcome.rc).c_str());
     else
         report(session, order, outcome);
     if (outcome.result != result_t::FAILED || sum.walks)
-        print_walk(walks);
+        print_walk(session->out, walks);
 }
 
 /* ---- events ---- */
@@ -88,46 +90,47 @@ walks_t of_table(const walks_t &all, const zan_table_def_t *def)
     return one;
 }
 
-void print_events(const walks_t &walks)
+void print_events(FILE *out, const walks_t &walks)
 {
     uint32_t shown = 0;
     for (const zan_walk_event_st &event : walks.events) {
         if (!was_pushed(event))
             continue;
         if (!shown++)
-            printf("%-54s %10s\n", "event", "pushed");
-        printf("%-54s %10llu\n", event_name(event), (unsigned long long)event.count);
+            fprintf(out, "%-54s %10s\n", "event", "pushed");
+        fprintf(out, "%-54s %10llu\n", event_name(event), (unsigned long long)event.count);
     }
     if (!shown)
-        printf("no event was pushed\n");
+        fprintf(out, "no event was pushed\n");
 }
 
-void print_sources(const walks_t &walks)
+void print_sources(FILE *out, const walks_t &walks)
 {
     uint32_t shown = 0;
     for (const zan_walk_table_st &t : walks.tables) {
         if (!is_source(t))
             continue;
         if (!shown++)
-            printf("\n%-20s %10s %10s %10s %10s %11s %10s\n", "source", "walks", "failed", "pushed",
-                   "pruned", "off colour", "ms");
-        printf("%-20s %10llu %10llu %10llu %10llu %11llu %10.3f\n", kor_table_name_get(t.table_id),
-               (unsigned long long)t.walks, (unsigned long long)t.failed_walks,
-               (unsigned long long)t.events_pushed, (unsigned long long)t.events_pruned,
-               (unsigned long long)t.events_off_color, milliseconds(t.walk_ns));
+            fprintf(out, "\n%-20s %10s %10s %10s %10s %11s %10s\n", "source", "walks", "failed",
+                    "pushed", "pruned", "off colour", "ms");
+        fprintf(out, "%-20s %10llu %10llu %10llu %10llu %11llu %10.3f\n",
+                kor_table_name_get(t.table_id), (unsigned long long)t.walks,
+                (unsigned long long)t.failed_walks, (unsigned long long)t.events_pushed,
+                (unsigned long long)t.events_pruned, (unsigned long long)t.events_off_color,
+                milliseconds(t.walk_ns));
     }
 }
 
-void print_received(const walks_t &walks)
+void print_received(FILE *out, const walks_t &walks)
 {
     uint32_t shown = 0;
     for (const zan_walk_event_st &event : walks.events) {
         if (was_pushed(event))
             continue;
         if (!shown++)
-            printf("\n%-54s %-20s %10s\n", "event", "received by", "visits");
-        printf("%-54s %-20s %10llu\n", event_name(event), kor_table_name_get(event.receiver),
-               (unsigned long long)event.count);
+            fprintf(out, "\n%-54s %-20s %10s\n", "event", "received by", "visits");
+        fprintf(out, "%-54s %-20s %10llu\n", event_name(event), kor_table_name_get(event.receiver),
+                (unsigned long long)event.count);
     }
 }
 
@@ -155,7 +158,7 @@ int run_walk(session_t *session, const std::string &name, const std::string &cha
         json_t out = outcome_json(order, outcome);
         out["failed_below"] = sum_of(walks).failures;
         out["walk"] = walks_json(walks);
-        printf("%s\n", out.dump().c_str());
+        fprintf(session->out, "%s\n", out.dump().c_str());
     } else {
         report_change(session, order, outcome, walks);
     }
@@ -175,12 +178,12 @@ int run_events(session_t *session, const std::string &table)
     if (def)
         walks = of_table(walks, def);
     if (session->json) {
-        printf("%s\n", walks_json(walks).dump().c_str());
+        fprintf(session->out, "%s\n", walks_json(walks).dump().c_str());
         return EXIT_WELL;
     }
-    print_events(walks);
-    print_sources(walks);
-    print_children(walks);
-    print_received(walks);
+    print_events(session->out, walks);
+    print_sources(session->out, walks);
+    print_children(session->out, walks);
+    print_received(session->out, walks);
     return EXIT_WELL;
 }

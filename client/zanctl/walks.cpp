@@ -13,12 +13,12 @@ bool has_visits(const zan_walk_table_st &t)
     return t.updates || t.forced || t.skips || t.failures || t.off_color || t.revisits;
 }
 
-void print_row(const char *name, const zan_walk_table_st &t)
+void print_row(FILE *out, const char *name, const zan_walk_table_st &t)
 {
-    printf("%-20s %10llu %10llu %10llu %10llu %11llu %10llu\n", name, (unsigned long long)t.updates,
-           (unsigned long long)t.forced, (unsigned long long)t.skips,
-           (unsigned long long)t.failures, (unsigned long long)t.off_color,
-           (unsigned long long)t.revisits);
+    fprintf(out, "%-20s %10llu %10llu %10llu %10llu %11llu %10llu\n", name,
+            (unsigned long long)t.updates, (unsigned long long)t.forced,
+            (unsigned long long)t.skips, (unsigned long long)t.failures,
+            (unsigned long long)t.off_color, (unsigned long long)t.revisits);
 }
 
 json_t event_json(const zan_walk_event_st &event)
@@ -89,19 +89,19 @@ const char *event_name(const zan_walk_event_st &event)
                : "unknown";
 }
 
-bool print_children(const walks_t &walks)
+bool print_children(FILE *out, const walks_t &walks)
 {
     uint32_t shown = 0;
     for (const zan_walk_table_st &t : walks.tables) {
         if (!has_visits(t))
             continue;
         if (!shown++)
-            printf("\n%-20s %10s %10s %10s %10s %11s %10s\n", "children", "updated", "forced",
-                   "skipped", "failed", "off colour", "revisited");
-        print_row(kor_table_name_get(t.table_id), t);
+            fprintf(out, "\n%-20s %10s %10s %10s %10s %11s %10s\n", "children", "updated", "forced",
+                    "skipped", "failed", "off colour", "revisited");
+        print_row(out, kor_table_name_get(t.table_id), t);
     }
     if (shown > 1)
-        print_row("all", sum_of(walks));
+        print_row(out, "all", sum_of(walks));
     return shown != 0;
 }
 

@@ -25,7 +25,7 @@ inline bool was_pushed(const zan_walk_event_st &event)
 }
 /* A line for each table that has objects visited as children; a total behind two or more. False
  * when there is none. */
-bool print_children(const walks_t &walks);
+bool print_children(FILE *out, const walks_t &walks);
 json_t walks_json(const walks_t &walks);
 double milliseconds(uint64_t ns);
 
