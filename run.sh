@@ -46,7 +46,7 @@ cd "$(dirname "$(realpath "$0")")"
 file=${file:-$PWD/examples/prefixes.txt.gz}
 
 . ./install_needs.sh
-install_needs g++ cmake ninja-build python3 libcli11-dev nlohmann-json3-dev zlib1g-dev libmicrohttpd-dev
+install_needs g++ cmake ninja-build python3 libcli11-dev nlohmann-json3-dev zlib1g-dev libmicrohttpd-dev libarchive-dev
 
 echo "building"
 log=$(mktemp)

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 . ./install_needs.sh
-install_needs g++ cmake ninja-build python3 libgtest-dev libcli11-dev nlohmann-json3-dev zlib1g-dev libmicrohttpd-dev \
+install_needs g++ cmake ninja-build python3 libgtest-dev libcli11-dev nlohmann-json3-dev zlib1g-dev libmicrohttpd-dev libarchive-dev \
     libabsl-dev clang-format binutils git valgrind
 
 jobs=$(nproc)

@@ -25,6 +25,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <new>
 #include <string>
@@ -107,16 +108,21 @@ bool hooks_are_there(const node_t *node, const zan_agent_options_t *options)
     return false;
 }
 
-void open_trace(const zan_agent_options_t *options)
+/* The file with its directory; empty when the ring is in memory. */
+std::string open_trace(const zan_agent_options_t *options)
 {
     if (options->trace_file && strcmp(options->trace_file, "none") == 0)
-        return;
+        return "";
     const std::string path = options->trace_file ? std::string(options->trace_file)
                                                  : std::string(options->socket_path) + ".trace";
     make_parent_directory(path.c_str());
-    if (!zan_host_trace_open(path.c_str()))
+    if (!zan_host_trace_open(path.c_str())) {
         fprintf(stderr, "zan_agent: no trace file %s (%s): the ring ends with the process\n",
                 path.c_str(), strerror(errno));
+        return "";
+    }
+    std::error_code no_directory;
+    return std::filesystem::absolute(path, no_directory).string();
 }
 
 answer_t run_request(node_t *node, const transport_t *transport, request_t *request)
@@ -153,6 +159,8 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_counters(node, *request);
         case ZAN_FRAME_PERF:
             return run_perf(node, *request);
+        case ZAN_FRAME_ABOUT:
+            return run_about(node, *request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }
@@ -240,10 +248,11 @@ void ask_for_metrics(void *transport)
     transport_put((transport_t *)transport);
 }
 
-int serve_until_stopped(const zan_agent_options_t *options)
+int serve_until_stopped(const zan_agent_options_t *options, const std::string &trace_file)
 {
     static node_t node;
     learn_node(&node, options);
+    node.trace_file = trace_file;
     if (!set_resources(node.npus, options->resources))
         return 2;
     set_retries(options->retries);
@@ -301,13 +310,13 @@ npu_control_t npu_control_find()
 int zan_agent_main(const zan_agent_options_t *options)
 {
     block_signals();
-    open_trace(options);
+    const std::string trace_file = open_trace(options);
     zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
     if (!start_host(options))
         return 1;
     int status = 1;
     try {
-        status = serve_until_stopped(options);
+        status = serve_until_stopped(options, trace_file);
     } catch (const std::exception &e) {
         fprintf(stderr, "zan_agent: %s\n", e.what());
     }

@@ -32,6 +32,7 @@ struct node_t {
     replay_t replays[ZAN_NUM_TABLES];
     uint32_t sim_failures;             /* rules that simulated NPUs were given */
     uint64_t trace_seen, trace_errors; /* last sequence looked at; errors so far */
+    std::string trace_file;            /* with its directory; empty: the ring is in memory */
 };
 
 struct answer_t {
@@ -74,6 +75,7 @@ answer_t run_trace(node_t *node, const request_t &request);
 answer_t run_trace_classes(node_t *node, const request_t &request);
 answer_t run_counters(node_t *node, const request_t &request);
 answer_t run_perf(node_t *node, const request_t &request);
+answer_t run_about(node_t *node, const request_t &request);
 /* From now on the cycles of traces are measured against the clock. */
 void learn_cycles(node_t *node);
 

@@ -261,6 +261,7 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_TRACE_CLASSES:
     case ZAN_FRAME_COUNTERS:
     case ZAN_FRAME_PERF:
+    case ZAN_FRAME_ABOUT:
         break;
     case ZAN_FRAME_WATCH:
         watch(s);

@@ -60,7 +60,7 @@ int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_
                uint16_t reply_type, byte_block_t *reply);
 
 /* Split a reply into its head, of that many bytes, and `count` records behind it, in memory of
- * their own. */
+ * their own with one byte more. */
 int client_take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
                         size_t record, void **out);
 

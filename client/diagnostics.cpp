@@ -56,3 +56,21 @@ int zan_client_perf(zan_client_t *client, uint32_t table_id, zan_perf_reply_st *
     free(bytes.bytes);
     return result;
 }
+
+int zan_client_about(zan_client_t *client, zan_about_st *about, char **command_line)
+{
+    *command_line = nullptr;
+    byte_block_t bytes = {};
+    int result = client_ask(client, ZAN_FRAME_ABOUT, nullptr, 0, ZAN_FRAME_ABOUT_REPLY, &bytes);
+    if (result == 0 && bytes.len < sizeof *about)
+        result = client_lose(client, "what the agent is has %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(about, bytes.bytes, sizeof *about);
+        result = client_take_records(client, &bytes, sizeof *about, about->command_line_len, 1,
+                                     (void **)command_line);
+    }
+    free(bytes.bytes);
+    if (result == 0)
+        (*command_line)[about->command_line_len] = 0; /* records have a byte behind them */
+    return result;
+}

@@ -172,6 +172,9 @@ ZAN_EXPORT int zan_client_counters(zan_client_t *client, const zan_counters_st *
  * null when the call fails. */
 ZAN_EXPORT int zan_client_perf(zan_client_t *client, uint32_t table_id, zan_perf_reply_st *reply,
                                zan_perf_table_st **tables, zan_perf_slow_st **slow);
+/* What the agent is; *command_line gets its words, a line each, terminated, which the caller frees
+ * with free. */
+ZAN_EXPORT int zan_client_about(zan_client_t *client, zan_about_st *about, char **command_line);
 /* Say how the simulated NPUs behave from now on. */
 ZAN_EXPORT int zan_client_sim(zan_client_t *client, const zan_sim_st *request);
 

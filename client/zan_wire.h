@@ -58,8 +58,10 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_TRACE_CLASSES = 42,     /* zan_trace_classes_st: switch them, and answer */
     ZAN_FRAME_TRACE_CLASSES_REPLY = 43, /* zan_trace_classes_reply_st */
     ZAN_FRAME_PERF = 44,                /* zan_perf_st */
-    ZAN_FRAME_PERF_REPLY = 45, /* zan_perf_reply_st, then num_tables zan_perf_table_st, then
-                                  num_slow zan_perf_slow_st */
+    ZAN_FRAME_PERF_REPLY = 45,  /* zan_perf_reply_st, then num_tables zan_perf_table_st, then
+                                   num_slow zan_perf_slow_st */
+    ZAN_FRAME_ABOUT = 46,       /* empty */
+    ZAN_FRAME_ABOUT_REPLY = 47, /* zan_about_st, then its command line, a line for each word */
 } zan_frame_type_et;
 
 typedef struct zan_frame_hdr_st {
@@ -457,6 +459,16 @@ typedef struct zan_perf_slow_st {
     uint64_t end_ns, elapsed_ns;
 } zan_perf_slow_st;
 ZAN_STATIC_ASSERT(sizeof(zan_perf_slow_st) == 32, "slow operation");
+
+/* What the agent is. */
+typedef struct zan_about_st {
+    uint64_t started_ns; /* CLOCK_REALTIME */
+    uint32_t pid;
+    uint32_t command_line_len; /* bytes behind this */
+    char version[32];          /* terminated */
+    char trace_file[256];      /* with its directory, terminated; empty: the ring is in memory */
+} zan_about_st;
+ZAN_STATIC_ASSERT(sizeof(zan_about_st) == 304, "what the agent is");
 
 /* Notifications that a session wants, instead of those it wanted before. */
 typedef struct zan_watch_st {

@@ -125,6 +125,10 @@ void add_commands(CLI::App *app, arguments_t *a)
     CLI::App *perf = app->add_subcommand(
         "perf", "how long operations, hooks and walks take, and which operations were slow");
     perf->add_option("table", a->table, "one table, with its histograms");
+    app->add_subcommand("about", "versions, table definitions, and how the agent was started");
+    CLI::App *support = app->add_subcommand(
+        "support", "an archive with all that the commands show of the node, for somebody else");
+    support->add_option("file", a->file, "its name; without it one with the time");
     CLI::App *watch = app->add_subcommand(
         "watch", "print notifications as they come: of some tables, or of all and of the hardware");
     watch->add_option("tables", a->words, "iproute ip6route");
@@ -212,6 +216,10 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_quarantine(session, join(a.words), a.quarantine);
     if (command == "table")
         return run_table(session, a.table);
+    if (command == "about")
+        return run_about(session);
+    if (command == "support")
+        return run_support(session, a.file);
     if (command == "perf")
         return run_perf(session, a.table);
     if (command == "counters")

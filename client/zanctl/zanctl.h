@@ -96,6 +96,10 @@ struct counters_options_t {
 int run_counters(session_t *session, const std::string &table, const counters_options_t &options);
 /* How long the operations of a table take, and its walks; without one those of all in short. */
 int run_perf(session_t *session, const std::string &table);
+/* Versions, table definitions, and how the agent was started. */
+int run_about(session_t *session);
+/* All that the commands show of the node in one archive, of that name or of one with the time. */
+int run_support(session_t *session, const std::string &file);
 /* How simulated NPUs are to behave. */
 struct sim_options_t {
     bool well = false, hang = false;

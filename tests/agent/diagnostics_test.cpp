@@ -266,4 +266,50 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
     EXPECT_EQ(ask_http(port, "nonsense").find("200"), std::string::npos);
 }
 
+TEST_F(diagnostics, archives_what_the_commands_show)
+{
+    start({"--retries", "7"});
+    ASSERT_EQ(run("create l3intf intf=1").status, 0);
+    ASSERT_EQ(run("delete l3intf intf=2").status, 1);
+    const std::string archive = process.directory + "/case.tar.gz";
+    const result_t made = run("support " + archive);
+    ASSERT_EQ(made.status, 0) << made.text;
+
+    auto shell = [](const std::string &command) {
+        FILE *pipe = popen(command.c_str(), "r");
+        std::string text;
+        for (int c; (c = fgetc(pipe)) != EOF;)
+            text += (char)c;
+        EXPECT_EQ(pclose(pipe), 0) << command;
+        return text;
+    };
+    auto member = [&](const std::string &name) {
+        return shell("tar xzOf " + archive + " case/" + name);
+    };
+    std::string said = made.text.substr(0, made.text.find('\n') + 1);
+    EXPECT_EQ(said, archive + "\n");
+    std::istringstream listed(shell("tar tzf " + archive)), told(made.text.substr(said.size()));
+    size_t members = 0;
+    for (std::string name, bytes, in_archive; told >> bytes >> name; members++) {
+        ASSERT_TRUE(listed >> in_archive);
+        EXPECT_EQ(in_archive, "case/" + name);
+        EXPECT_EQ(shell("tar xzOf " + archive + " " + in_archive + " | wc -c"), bytes + "\n");
+    }
+    EXPECT_EQ(members, 13u) << made.text;
+    for (const char *command : {"about", "counters", "resources", "failed", "quarantine", "events"})
+        EXPECT_EQ(member(std::string(command) + ".txt"), run(command).text);
+    EXPECT_NE(member("about.txt").find("--retries 7"), std::string::npos);
+    EXPECT_NE(member("tables.txt").find("l3intf (46): "), std::string::npos);
+    EXPECT_NE(member("perf_tables.txt").find("l3intf: from "), std::string::npos);
+    EXPECT_NE(member("trace.txt").find("l3intf_error"), std::string::npos);
+    shell("tar xzf " + archive + " -C " + process.directory + " case/trace.ring");
+    EXPECT_NE(
+        run("trace --file " + process.directory + "/case/trace.ring").text.find("l3intf_error"),
+        std::string::npos);
+
+    EXPECT_EQ(run("support " + archive).status, 2) << "it is there";
+    EXPECT_NE(member("status.txt").find("l3intf "), std::string::npos) << "and was left alone";
+    EXPECT_EQ(run("support " + process.directory + "/none/case.tar.gz").status, 2);
+}
+
 } // namespace

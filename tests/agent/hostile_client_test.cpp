@@ -133,6 +133,14 @@ TEST_F(session, refuses_strange_frames)
         {ZAN_FRAME_TRACE, {0, 0, UINT32_MAX}, sizeof(zan_trace_st)},
         {ZAN_FRAME_TRACE, {}, 8},
         {ZAN_FRAME_WATCH, {0, 0, 0, 0, 0, 0, 0, 0}, 0},
+        {ZAN_FRAME_COUNTERS, {}, 8},
+        {ZAN_FRAME_COUNTERS, {ZAN_COUNTERS_READ, ZAN_NUM_TABLES}, sizeof(zan_counters_st)},
+        {ZAN_FRAME_COUNTERS, {ZAN_COUNTERS_BANK + 1}, sizeof(zan_counters_st)},
+        {ZAN_FRAME_COUNTERS, {ZAN_COUNTERS_BANK, 0, ZAN_WIRE_NUM_BANKS}, sizeof(zan_counters_st)},
+        {ZAN_FRAME_TRACE_CLASSES, {}, 144},
+        {ZAN_FRAME_PERF, {ZAN_NUM_TABLES}, sizeof(zan_perf_st)},
+        {ZAN_FRAME_PERF, {}, 0},
+        {ZAN_FRAME_ABOUT, {}, 8},
     };
     for (const auto &w : wrong) {
         uint8_t frame[256] = {};
@@ -140,6 +148,14 @@ TEST_F(session, refuses_strange_frames)
         send_frame(fd, w.type, frame, w.size);
         EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << &w - wrong;
     }
+    zan_trace_classes_st classes = {};
+    classes.on[0] = classes.off[0] = 1;
+    send_frame(fd, ZAN_FRAME_TRACE_CLASSES, &classes, sizeof classes);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << "on and off";
+    classes = {};
+    classes.off[ZAN_NUM_TRACE_CLASSES / 64] = (uint64_t)1 << ZAN_NUM_TRACE_CLASSES % 64;
+    send_frame(fd, ZAN_FRAME_TRACE_CLASSES, &classes, sizeof classes);
+    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_ERROR) << "one behind the last";
     zan_watch_st beyond = {};
     beyond.tables[5] = (uint64_t)1 << 63;
     send_frame(fd, ZAN_FRAME_WATCH, &beyond, sizeof beyond);
