@@ -217,7 +217,8 @@ void put_counters(exposition_t *out, const std::vector<used_table_t> &tables)
             if (zan_counter_name(i))
                 out->sample(exposition_t::with(of_table(t.id), "counter", zan_counter_name(i)),
                             zan_get_global_ctx()->counters[0][t.id][i]);
-    out->family("zan_slow_operations", "counter", "", "Operations so slow that they are kept: zanctl perf shows them.");
+    out->family("zan_slow_operations", "counter", "",
+                "Operations so slow that they are kept: zanctl perf shows them.");
     for (const used_table_t &t : tables)
         out->sample(of_table(t.id), t.perf.num_slow_ops);
     out->family("zan_stored_objects", "gauge", "", "Objects in the database.");
