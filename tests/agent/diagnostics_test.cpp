@@ -22,7 +22,8 @@ protected:
         EXPECT_EQ(result.status, 0) << arguments << "\n" << result.text;
         return json_t::parse(result.text, nullptr, false);
     }
-    /* Where the agent says that it serves metrics: the port, of 127.0.0.1. */
+    /* Where the agent says that it serves metrics, in front of the first request that it answers:
+     * the port, of 127.0.0.1. */
     uint16_t metrics_port() const
     {
         std::stringstream log;
@@ -196,8 +197,8 @@ TEST_F(diagnostics, shows_what_was_slow_and_where)
 TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
 {
     start({"--metrics", "0", "--capacity", "lpm=100"});
-    const uint16_t port = metrics_port();
     ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 0);
+    const uint16_t port = metrics_port();
     ASSERT_EQ(run("create iproute vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=7").status,
               0);
     ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 1);
