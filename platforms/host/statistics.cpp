@@ -14,12 +14,9 @@ namespace
 
 /* An operation that takes this long is worth a row in the history. */
 constexpr uint64_t slow_ns = 10'000'000;
-constexpr uint32_t max_active = 64;
 
 zan_table_perf_st tables[ZAN_NUM_TABLES];
 uint32_t history_next[ZAN_MAX_NPUS]; /* each NPU thread its own */
-zan_periodic_stats_key_st active[max_active];
-uint32_t num_active;
 
 uint64_t to_ns(const struct timespec *t)
 {
@@ -131,15 +128,4 @@ void table_npu_perf_update(uint32_t table_id, const struct timespec *duration, u
 const zan_table_perf_st *zan_table_perf_get(uint32_t table_id)
 {
     return &tables[table_id];
-}
-
-void zan_periodic_stats_add_active_table(zan_periodic_stats_key_st key, uint32_t)
-{
-    if (num_active < max_active)
-        active[num_active++] = key;
-}
-
-uint32_t zan_host_active_stats_tables(void)
-{
-    return num_active;
 }

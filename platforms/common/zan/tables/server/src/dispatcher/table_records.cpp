@@ -177,6 +177,7 @@ void copy_dtor(zan_table_base_st *obj)
 uint32_t serialize(const zan_table_base_st *obj, void *buffer)
 {
     const props_t *props = zan_srv_table_props_get(obj->table_id);
+    const zan_counters_hold_t hold(props->def);
     return zan_obj_serialize(props->def, props->private_size, obj, buffer);
 }
 
@@ -359,11 +360,6 @@ void zan_server_init_table_props(const zan_table_def_t *def, srv_zan_table_props
     props->valid = 1;
 }
 
-/* The adjacency tables' records are filled with their periodic walk, which no platform runs yet. */
-void zan_server_init_adj_props(const zan_table_def_t *)
-{
-}
-
 void zan_srv_npi_init_table_props(uint32_t table_id, srv_zan_table_props_t *props)
 {
     const zan_table_def_t *def = zan_table_def_get(table_id);
@@ -384,6 +380,7 @@ bool zan_server_is_attrib_changed(zan_table_base_st *obj, zan_table_base_st *db_
                                   int32_t *index)
 {
     const zan_table_def_t *def = def_of(obj);
+    const zan_counters_hold_t hold(def);
     if (zan_obj_attrs_differ(def, obj, db_obj, index))
         return true;
     if (def->table_class != 0 && *zan_obj_npu_mask_req_set(def, obj) &&
