@@ -258,6 +258,7 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_TABLE:
     case ZAN_FRAME_SIM:
     case ZAN_FRAME_TRACE:
+    case ZAN_FRAME_STATS:
         break;
     case ZAN_FRAME_WATCH:
         watch(s);

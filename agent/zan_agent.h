@@ -21,6 +21,7 @@ typedef struct zan_agent_options_t {
     const char *trace_file; /* keeps the trace ring; null: the socket's path with .trace */
     uint32_t
         retries; /* of a failed write, before its object goes into quarantine; 0: without end */
+    uint32_t stats_period; /* seconds between two passes of the periodic statistics; 0: on demand */
     /* Hardware databases: "DATABASE=CAPACITY" and "DATABASE=YELLOW,CLEAR,RED,CLEAR", ended by a
      * null; null for none. */
     const char *const *resources;

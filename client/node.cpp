@@ -73,21 +73,21 @@ int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts)
 }
 
 /* The two kinds of rows stand one behind the other. */
-static int take_resources(zan_client_t *client, const byte_block_t *bytes,
-                          zan_resources_reply_st *reply, zan_resource_st **databases,
-                          zan_resource_table_st **tables)
+template <class First, class Second>
+static int take_two(zan_client_t *client, const byte_block_t *bytes, size_t head, size_t num_first,
+                    First **first, size_t num_second, Second **second)
 {
-    if (bytes->len < sizeof *reply)
-        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
-    memcpy(reply, bytes->bytes, sizeof *reply);
-    const size_t front = sizeof *reply + (size_t)reply->num_databases * sizeof **databases;
+    const size_t front = head + num_first * sizeof(First);
     if (bytes->len < front)
-        return client_lose(client, "the agent's resources have %zu bytes", bytes->len);
-    const byte_block_t first = {bytes->bytes, front, front};
-    if (take_records(client, &first, sizeof *reply, reply->num_databases, sizeof **databases,
-                     (void **)databases))
+        return client_lose(client, "the agent's reply has %zu bytes", bytes->len);
+    const byte_block_t part = {bytes->bytes, front, front};
+    if (take_records(client, &part, head, num_first, sizeof(First), (void **)first))
         return -1;
-    return take_records(client, bytes, front, reply->num_tables, sizeof **tables, (void **)tables);
+    if (take_records(client, bytes, front, num_second, sizeof(Second), (void **)second) == 0)
+        return 0;
+    free(*first);
+    *first = nullptr;
+    return -1;
 }
 
 int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
@@ -100,13 +100,14 @@ int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
     byte_block_t bytes = {};
     int result = client_ask(client, ZAN_FRAME_RESOURCES, request ? request : &nothing,
                             sizeof nothing, ZAN_FRAME_RESOURCES_REPLY, &bytes);
-    if (result == 0)
-        result = take_resources(client, &bytes, reply, databases, tables);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's resources have %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = take_two(client, &bytes, sizeof *reply, reply->num_databases, databases,
+                          reply->num_tables, tables);
+    }
     free(bytes.bytes);
-    if (result == 0)
-        return 0;
-    free(*databases);
-    *databases = nullptr;
     return result;
 }
 
@@ -129,32 +130,63 @@ int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_dif
     return result;
 }
 
+/* Ask about one object: the frame is a head and the object that names it, or the head alone. */
+static int ask_named(zan_client_t *client, uint16_t type, const void *head, size_t head_size,
+                     const zan_table_base_st *lookup, byte_block_t *reply)
+{
+    if (!lookup)
+        return client_ask(client, type, head, (uint32_t)head_size, (uint16_t)(type + 1), reply);
+    const zan_table_def_t *def = zan_table_def_get(lookup->table_id);
+    if (!def)
+        return client_fail(client, "%u is no table", lookup->table_id);
+    byte_block_t frame = {};
+    const size_t size =
+        head_size + def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, lookup));
+    if (!block_reserve(&frame, size))
+        return client_fail(client, "no memory");
+    memcpy(frame.bytes, head, head_size);
+    auto *wire = (zan_table_base_st *)(frame.bytes + head_size);
+    const uint32_t len = zan_obj_serialize(def, 0, lookup, wire);
+    wire->table_operation = ZAN_TABLE_GET;
+    const int result = client_ask(client, type, frame.bytes, (uint32_t)head_size + len,
+                                  (uint16_t)(type + 1), reply);
+    free(frame.bytes);
+    return result;
+}
+
 int zan_client_graph(zan_client_t *client, const zan_table_base_st *lookup, uint32_t depth,
                      uint32_t children, zan_graph_reply_st *reply, zan_graph_node_st **nodes)
 {
     *nodes = nullptr;
-    const zan_table_def_t *def = zan_table_def_get(lookup->table_id);
-    if (!def)
-        return client_fail(client, "%u is no table", lookup->table_id);
     const zan_graph_st request = {depth, children, 0};
-    byte_block_t frame = {}, bytes = {};
-    const size_t size =
-        sizeof request + def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, lookup));
-    if (!block_reserve(&frame, size))
-        return client_fail(client, "no memory");
-    memcpy(frame.bytes, &request, sizeof request);
-    auto *wire = (zan_table_base_st *)(frame.bytes + sizeof request);
-    const uint32_t len = zan_obj_serialize(def, 0, lookup, wire);
-    wire->table_operation = ZAN_TABLE_GET;
-    int result = client_ask(client, ZAN_FRAME_GRAPH, frame.bytes, (uint32_t)sizeof request + len,
-                            ZAN_FRAME_GRAPH_REPLY, &bytes);
-    free(frame.bytes);
+    byte_block_t bytes = {};
+    int result = ask_named(client, ZAN_FRAME_GRAPH, &request, sizeof request, lookup, &bytes);
     if (result == 0 && bytes.len < sizeof *reply)
         result = client_lose(client, "the agent's graph has %zu bytes", bytes.len);
     if (result == 0) {
         memcpy(reply, bytes.bytes, sizeof *reply);
         result = take_records(client, &bytes, sizeof *reply, reply->num_nodes, sizeof **nodes,
                               (void **)nodes);
+    }
+    free(bytes.bytes);
+    return result;
+}
+
+int zan_client_stats(zan_client_t *client, const zan_table_base_st *lookup, bool walk_now,
+                     zan_stats_reply_st *reply, zan_stats_walk_st **walks,
+                     zan_stats_adj_st **adjacencies)
+{
+    *walks = nullptr;
+    *adjacencies = nullptr;
+    const zan_stats_st request = {walk_now, 0};
+    byte_block_t bytes = {};
+    int result = ask_named(client, ZAN_FRAME_STATS, &request, sizeof request, lookup, &bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's statistics have %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = take_two(client, &bytes, sizeof *reply, reply->num_walks, walks,
+                          reply->num_adjacencies, adjacencies);
     }
     free(bytes.bytes);
     return result;

@@ -132,6 +132,9 @@ TEST_F(session, refuses_strange_frames)
         {ZAN_FRAME_TRACE, {0, 0, 0}, sizeof(zan_trace_st)},
         {ZAN_FRAME_TRACE, {0, 0, UINT32_MAX}, sizeof(zan_trace_st)},
         {ZAN_FRAME_TRACE, {}, 8},
+        {ZAN_FRAME_STATS, {}, 4},
+        {ZAN_FRAME_STATS, {2}, sizeof(zan_stats_st)},
+        {ZAN_FRAME_STATS, {}, sizeof(zan_stats_st) + 200},
         {ZAN_FRAME_WATCH, {0, 0, 0, 0, 0, 0, 0, 0}, 0},
     };
     for (const auto &w : wrong) {
