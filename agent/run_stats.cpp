@@ -45,6 +45,16 @@ std::vector<zan_stats_adj_st> adjacencies_of(const zan_table_base_st *obj)
     return out;
 }
 
+/* Where the service has no thread, this one makes the pass. */
+uint64_t begin_pass()
+{
+    const uint64_t next = zan_host_stats_wake();
+    if (next)
+        return next;
+    zan_host_stats_pass();
+    return zan_host_stats_passes();
+}
+
 template <class T> void append(std::vector<uint8_t> *frame, const T *items, size_t count)
 {
     const auto *bytes = (const uint8_t *)items;
@@ -68,9 +78,10 @@ answer_t run_stats(node_t *node, request_t *request)
         if (!name)
             return refusal;
     }
-    if (asked.walk_now)
-        zan_host_stats_pass();
     zan_stats_reply_st reply = {};
+    if (asked.walk_now)
+        reply.next_pass = begin_pass();
+    reply.passes = zan_host_stats_passes();
     reply.period_ms = node->stats_period_ms;
     std::vector<zan_stats_adj_st> adjacencies;
     if (name) {

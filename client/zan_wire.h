@@ -338,7 +338,7 @@ ZAN_STATIC_ASSERT(sizeof(zan_quarantine_row_st) == 184, "object in quarantine");
 
 /* The periodic statistics walks, and what they counted of one object. */
 typedef struct zan_stats_st {
-    uint32_t walk_now; /* 1: one more pass, before the answer */
+    uint32_t walk_now; /* 1: begin one more pass; the answer does not wait for it */
     uint32_t reserved;
 } zan_stats_st;
 
@@ -347,8 +347,10 @@ typedef struct zan_stats_reply_st {
     int32_t err_code;   /* the named object is not stored */
     uint32_t period_ms; /* between two passes; 0: they are made on demand */
     uint32_t num_walks, num_adjacencies;
+    uint64_t passes;    /* that are over */
+    uint64_t next_pass; /* of walk_now: the number of the pass; it is over when `passes` says so */
 } zan_stats_reply_st;
-ZAN_STATIC_ASSERT(sizeof(zan_stats_reply_st) == 16, "statistics reply");
+ZAN_STATIC_ASSERT(sizeof(zan_stats_reply_st) == 32, "statistics reply");
 
 /* A table, or an adjacency table, that is walked. */
 typedef struct zan_stats_walk_st {

@@ -2,9 +2,12 @@
 #include "objects.h"
 
 #include <cstdio>
+#include <unistd.h>
 
 namespace
 {
+
+constexpr uint32_t poll_us = 20'000;
 
 struct free_rows_t {
     void operator()(void *rows) const
@@ -177,7 +180,7 @@ json_t walks_json(const answer_t &answer)
     return {{"period_ms", answer.head.period_ms}, {"walks", rows}};
 }
 
-bool ask(session_t *session, const zan_table_base_st *name, bool now, answer_t *answer)
+bool ask_once(session_t *session, const zan_table_base_st *name, bool now, answer_t *answer)
 {
     zan_stats_walk_st *walks;
     zan_stats_adj_st *adjacencies;
@@ -186,6 +189,22 @@ bool ask(session_t *session, const zan_table_base_st *name, bool now, answer_t *
     answer->walks.reset(walks);
     answer->adjacencies.reset(adjacencies);
     return rc == 0;
+}
+
+/* With `now`, wait for the pass that was asked for. */
+bool ask(session_t *session, const zan_table_base_st *name, bool now, answer_t *answer)
+{
+    if (!ask_once(session, name, now, answer))
+        return false;
+    if (!now)
+        return true;
+    const uint64_t pass = answer->head.next_pass;
+    while (answer->head.passes < pass) {
+        usleep(poll_us);
+        if (!ask_once(session, nullptr, false, answer))
+            return false;
+    }
+    return ask_once(session, name, false, answer);
 }
 
 } // namespace

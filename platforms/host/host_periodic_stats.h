@@ -27,6 +27,11 @@ ZAN_EXTERN_C_BEGIN
 /* One pass over all that is registered, on the calling thread, which is the secondary server thread
  * for that long; a pass that is under way is waited for. Any thread. */
 ZAN_EXPORT void zan_host_stats_pass(void);
+/* Have the service's thread make a pass as soon as it can, and go on. The number of that pass;
+ * 0 when there is no thread: then nobody makes one. Any thread. */
+ZAN_EXPORT uint64_t zan_host_stats_wake(void);
+/* Passes that are over. Any thread. */
+ZAN_EXPORT uint64_t zan_host_stats_passes(void);
 /* What is registered, in order; the number. Any thread. */
 ZAN_EXPORT uint32_t zan_host_stats_get(zan_host_stats_st *out, uint32_t max);
 /* The counts of a database object; the number of its adjacency tables. Dispatcher thread. */

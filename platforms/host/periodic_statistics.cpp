@@ -34,10 +34,11 @@ static_assert(19 + 23 <= max_active, "as many as there are to register");
 pthread_mutex_t pass = PTHREAD_MUTEX_INITIALIZER; /* who has it is the secondary server thread */
 pthread_mutex_t rows = PTHREAD_MUTEX_INITIALIZER; /* what the passes did; no lock inside */
 
-pthread_mutex_t rest = PTHREAD_MUTEX_INITIALIZER; /* the two below */
-pthread_cond_t stopped = PTHREAD_COND_INITIALIZER;
-bool stopping;
-bool running; /* owner's thread */
+pthread_mutex_t rest = PTHREAD_MUTEX_INITIALIZER; /* the next six; no lock inside */
+pthread_cond_t woken = PTHREAD_COND_INITIALIZER;
+bool stopping, asked;
+bool running;
+uint64_t passes_begun, passes_over;
 pthread_t thread;
 uint32_t period;
 
@@ -83,7 +84,7 @@ void walk(active_t *a)
 
 /* ---- The thread ---- */
 
-/* False when it is time to end. */
+/* Until the period is over, or somebody asks. False when it is time to end. */
 bool have_a_rest()
 {
     timespec until;
@@ -93,11 +94,19 @@ bool have_a_rest()
     until.tv_sec += until.tv_nsec / 1'000'000'000;
     until.tv_nsec %= 1'000'000'000;
     pthread_mutex_lock(&rest);
-    while (!stopping && pthread_cond_timedwait(&stopped, &rest, &until) != ETIMEDOUT) {
+    while (!stopping && !asked && pthread_cond_timedwait(&woken, &rest, &until) != ETIMEDOUT) {
     }
+    asked = false;
     const bool more = !stopping;
     pthread_mutex_unlock(&rest);
     return more;
+}
+
+void count_pass(uint64_t *counter)
+{
+    pthread_mutex_lock(&rest);
+    ++*counter;
+    pthread_mutex_unlock(&rest);
 }
 
 void *thread_main(void *) noexcept
@@ -116,20 +125,23 @@ bool host_stats_start(uint32_t period_ms)
         return true;
     period = period_ms;
     stopping = false;
-    running = pthread_create(&thread, nullptr, thread_main, nullptr) == 0;
-    return running;
+    const bool started = pthread_create(&thread, nullptr, thread_main, nullptr) == 0;
+    pthread_mutex_lock(&rest);
+    running = started;
+    pthread_mutex_unlock(&rest);
+    return started;
 }
 
 void host_stats_stop(void)
 {
-    if (!running)
-        return;
     pthread_mutex_lock(&rest);
-    stopping = true;
-    pthread_cond_signal(&stopped);
-    pthread_mutex_unlock(&rest);
-    pthread_join(thread, nullptr);
+    const bool ran = running;
     running = false;
+    stopping = true;
+    pthread_cond_signal(&woken);
+    pthread_mutex_unlock(&rest);
+    if (ran)
+        pthread_join(thread, nullptr);
 }
 
 void zan_periodic_stats_add_active_table(zan_periodic_stats_key_st key, uint32_t)
@@ -143,13 +155,33 @@ void zan_periodic_stats_add_active_table(zan_periodic_stats_key_st key, uint32_t
 void zan_host_stats_pass(void)
 {
     pthread_mutex_lock(&pass);
+    count_pass(&passes_begun);
     const host_identity_t self = host_self();
     host_become({ZAN_THREAD_STATS, -1, 0, false});
     const uint32_t n = __atomic_load_n(&num_active, __ATOMIC_ACQUIRE);
     for (uint32_t i = 0; i < n; i++)
         walk(&active[i]);
     host_become(self);
+    count_pass(&passes_over);
     pthread_mutex_unlock(&pass);
+}
+
+uint64_t zan_host_stats_wake(void)
+{
+    pthread_mutex_lock(&rest);
+    const uint64_t next = running ? passes_begun + 1 : 0;
+    asked = running;
+    pthread_cond_signal(&woken);
+    pthread_mutex_unlock(&rest);
+    return next;
+}
+
+uint64_t zan_host_stats_passes(void)
+{
+    pthread_mutex_lock(&rest);
+    const uint64_t over = passes_over;
+    pthread_mutex_unlock(&rest);
+    return over;
 }
 
 uint32_t zan_host_stats_get(zan_host_stats_st *out, uint32_t max)
