@@ -177,7 +177,6 @@ void copy_dtor(zan_table_base_st *obj)
 uint32_t serialize(const zan_table_base_st *obj, void *buffer)
 {
     const props_t *props = zan_srv_table_props_get(obj->table_id);
-    const zan_counters_hold_t hold(props->def);
     return zan_obj_serialize(props->def, props->private_size, obj, buffer);
 }
 
