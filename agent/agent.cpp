@@ -55,6 +55,12 @@ void block_signals()
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+/* Stepped, nothing happens that the seed has not decided. */
+uint32_t stats_period_ms(const zan_agent_options_t *options)
+{
+    return options->stepped ? 0 : options->stats_period * 1000;
+}
+
 bool start_host(const zan_agent_options_t *options)
 {
     zan_host_config_t config = {};
@@ -63,6 +69,7 @@ bool start_host(const zan_agent_options_t *options)
     config.standby = options->standby;
     config.stepped = options->stepped;
     config.seed = options->seed;
+    config.stats_period_ms = stats_period_ms(options);
     const zan_rcode rc = zan_host_start(&config);
     if (rc != EOK)
         fprintf(stderr, "zan_agent: the host platform did not start: 0x%08x %s\n", rc,
@@ -84,6 +91,7 @@ void learn_node(node_t *node, const zan_agent_options_t *options)
         node->facts.node |= ZAN_NODE_STEPPED;
     if (node->npus.can_compare())
         node->facts.node |= ZAN_NODE_CAN_COMPARE;
+    node->stats_period_ms = stats_period_ms(options);
     node->started_ms = monotonic_ms();
     learn_cycles(node);
     for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
@@ -161,6 +169,8 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
             return run_perf(node, *request);
         case ZAN_FRAME_ABOUT:
             return run_about(node, *request);
+        case ZAN_FRAME_STATS:
+            return run_stats(node, request);
         default: /* the transport lets no other type pass */
             return run_compare(node, *request);
         }

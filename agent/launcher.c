@@ -21,6 +21,7 @@
 #define AGENT_LIBRARY    "libzan_agent.so"
 #define MAX_NPUS         8
 #define MAX_RESOURCES    64
+#define MAX_STATS_PERIOD 86400
 
 static const char usage[] =
     "Usage: zan_agent [OPTION]...\n"
@@ -41,6 +42,8 @@ static const char usage[] =
     "                          (default 80,75,95,90)\n"
     "  --retries N             of a failed write, before its object and what depends on it go\n"
     "                          into quarantine; 0: without end (default 10)\n"
+    "  --stats-period SECONDS  between two walks over the counters of hardware; 0: on demand only\n"
+    "                          (default 10)\n"
     "  --trace-file PATH       keep the trace ring there, for zanctl trace --file; none: in\n"
     "                          memory (default the socket's path and .trace)\n"
     "  --metrics [ADDRESS:]PORT\n"
@@ -97,6 +100,7 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
         {"capacity", required_argument, NULL, 'r'},
         {"thresholds", required_argument, NULL, 'r'},
         {"retries", required_argument, NULL, 'q'},
+        {"stats-period", required_argument, NULL, 'c'},
         {"trace-file", required_argument, NULL, 'f'},
         {"metrics", required_argument, NULL, 'e'},
         {"help", no_argument, NULL, 'h'},
@@ -144,6 +148,11 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
                 return 2;
             options->retries = (uint32_t)number;
             break;
+        case 'c':
+            if (parse_number("stats-period", optarg, MAX_STATS_PERIOD, &number))
+                return 2;
+            options->stats_period = (uint32_t)number;
+            break;
         case 'r':
             if (num_resources == MAX_RESOURCES) {
                 fputs("zan_agent: at most 64 capacities and thresholds\n", stderr);
@@ -169,8 +178,11 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
 
 int main(int argc, char **argv)
 {
-    zan_agent_options_t options = {
-        .socket_path = DEFAULT_SOCKET, .platform = DEFAULT_PLATFORM, .num_npus = 2, .retries = 10};
+    zan_agent_options_t options = {.socket_path = DEFAULT_SOCKET,
+                                   .platform = DEFAULT_PLATFORM,
+                                   .num_npus = 2,
+                                   .retries = 10,
+                                   .stats_period = 10};
     int rc = parse(argc, argv, &options);
     if (rc)
         return rc;

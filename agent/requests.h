@@ -23,7 +23,8 @@ struct node_t {
     zan_hello_reply_st facts;
     npu_control_t npus;
     uint32_t private_size[ZAN_NUM_TABLES];
-    uint32_t hooks[3];     /* slots by zan_hook_source_et */
+    uint32_t hooks[3]; /* slots by zan_hook_source_et */
+    uint32_t stats_period_ms;
     int64_t started_ms;    /* CLOCK_MONOTONIC */
     uint32_t last_trans;   /* given to an object that came without a transaction */
     uint64_t first_cycles; /* at first_ms */
@@ -76,6 +77,7 @@ answer_t run_trace_classes(node_t *node, const request_t &request);
 answer_t run_counters(node_t *node, const request_t &request);
 answer_t run_perf(node_t *node, const request_t &request);
 answer_t run_about(node_t *node, const request_t &request);
+answer_t run_stats(node_t *node, request_t *request);
 /* From now on the cycles of traces are measured against the clock. */
 void learn_cycles(node_t *node);
 
@@ -100,6 +102,11 @@ std::string metrics_text(const node_t &node, const transport_t *transport);
 
 /* A request that cannot be run as it stands, with the field at fault; it is counted. */
 answer_t refuse_request(node_t *node, const char *field, const char *text);
+
+/* The one object behind the first `head` bytes of a request, which names another by key or handle;
+ * proved well-formed. Null: the request is refused, with this answer. */
+const zan_table_base_st *named_object(node_t *node, request_t *request, size_t head,
+                                      answer_t *refusal);
 
 /* Count the new errors in the trace ring, before they are overwritten. */
 void count_trace_errors(node_t *node);

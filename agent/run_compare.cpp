@@ -8,6 +8,7 @@
 
 #include "exec_queue.h"
 #include "global_context.h"
+#include "locks.h"
 #include "table_database.h"
 #include "table_flows.h"
 
@@ -65,6 +66,7 @@ void compare_on(comparison_t *c, uint32_t npu, const zan_table_base_st *db_obj)
 {
     char why[96] = "";
     c->reply.compared++;
+    const zan_counters_hold_t hold(zan_table_defs[db_obj->table_id]);
     const int result = c->node->npus.compare(npu, db_obj, why, sizeof why);
     if (result != 1)
         c->expected[npu]++;

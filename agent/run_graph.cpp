@@ -2,7 +2,6 @@
  * in every direction, since paths multiply. */
 #include "requests.h"
 
-#include "clock.h"
 #include "dependency_graph.h"
 #include "host_retry.h"
 #include "table_database.h"
@@ -89,24 +88,15 @@ answer_t run_graph(node_t *node, request_t *request)
     memcpy(&g.wanted, request->payload.data(), sizeof g.wanted);
     if (g.wanted.depth > ZAN_GRAPH_DEPTH_MAX || g.wanted.children > ZAN_GRAPH_CHILDREN_MAX)
         return refuse_request(node, "depth", "at most 32 levels and 1000 children of one object");
-    /* The name is an object as in a read, and is proved like one. */
-    uint8_t *msg = request->payload.data() + sizeof g.wanted;
-    const size_t len = request->payload.size() - sizeof g.wanted;
-    zan_batch_frame_st frame = {};
-    frame.hdr.msg_len = (uint32_t)len;
-    frame.hdr.num_resp = 1;
-    message_facts_t facts = {node->facts.num_npus, node->private_size, {}, ZAN_FRAME_MAX, nullptr};
-    zan_clock_gettime(CLOCK_REALTIME, &facts.now);
-    const message_verdict_t verdict = message_check(facts, frame, msg, len);
-    if (!verdict.ok)
-        return refuse_request(node, verdict.field, verdict.reason);
-    if (verdict.num_objects != 1)
-        return refuse_request(node, "length", "one object names what the graph is drawn around");
+    answer_t refusal;
+    const zan_table_base_st *name = named_object(node, request, sizeof g.wanted, &refusal);
+    if (!name)
+        return refusal;
 
     zan_graph_reply_st reply = {};
     {
         const dispatcher_hold_t hold;
-        const zan_table_base_st *obj = zan_db_get((const zan_table_base_st *)msg);
+        const zan_table_base_st *obj = zan_db_get(name);
         if (obj) {
             const uint32_t self = add_node(&g, obj, ZAN_WIRE_NO_INDEX, ZAN_GRAPH_SELF);
             add_parents(&g, obj, self, g.wanted.depth);

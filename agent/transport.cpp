@@ -262,6 +262,7 @@ void take_frame(transport_t *t, session_t *s)
     case ZAN_FRAME_COUNTERS:
     case ZAN_FRAME_PERF:
     case ZAN_FRAME_ABOUT:
+    case ZAN_FRAME_STATS:
         break;
     case ZAN_FRAME_WATCH:
         watch(s);

@@ -21,7 +21,8 @@ typedef struct zan_agent_options_t {
     const char *trace_file; /* keeps the trace ring; null: the socket's path with .trace */
     uint32_t
         retries; /* of a failed write, before its object goes into quarantine; 0: without end */
-    const char *metrics; /* serve metrics there: "PORT" or "ADDRESS:PORT"; null: nowhere */
+    const char *metrics;   /* serve metrics there: "PORT" or "ADDRESS:PORT"; null: nowhere */
+    uint32_t stats_period; /* seconds between two passes of the periodic statistics; 0: on demand */
     /* Hardware databases: "DATABASE=CAPACITY" and "DATABASE=YELLOW,CLEAR,RED,CLEAR", ended by a
      * null; null for none. */
     const char *const *resources;

@@ -128,32 +128,64 @@ int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_dif
     return result;
 }
 
+/* Ask about one object: the frame is a head and the object that names it, or the head alone. */
+static int ask_named(zan_client_t *client, uint16_t type, const void *head, size_t head_size,
+                     const zan_table_base_st *lookup, byte_block_t *reply)
+{
+    if (!lookup)
+        return client_ask(client, type, head, (uint32_t)head_size, (uint16_t)(type + 1), reply);
+    const zan_table_def_t *def = zan_table_def_get(lookup->table_id);
+    if (!def)
+        return client_fail(client, "%u is no table", lookup->table_id);
+    byte_block_t frame = {};
+    const size_t size =
+        head_size + def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, lookup));
+    if (!block_reserve(&frame, size))
+        return client_fail(client, "no memory");
+    memcpy(frame.bytes, head, head_size);
+    auto *wire = (zan_table_base_st *)(frame.bytes + head_size);
+    const uint32_t len = zan_obj_serialize(def, 0, lookup, wire);
+    wire->table_operation = ZAN_TABLE_GET;
+    const int result = client_ask(client, type, frame.bytes, (uint32_t)head_size + len,
+                                  (uint16_t)(type + 1), reply);
+    free(frame.bytes);
+    return result;
+}
+
 int zan_client_graph(zan_client_t *client, const zan_table_base_st *lookup, uint32_t depth,
                      uint32_t children, zan_graph_reply_st *reply, zan_graph_node_st **nodes)
 {
     *nodes = nullptr;
-    const zan_table_def_t *def = zan_table_def_get(lookup->table_id);
-    if (!def)
-        return client_fail(client, "%u is no table", lookup->table_id);
     const zan_graph_st request = {depth, children, 0};
-    byte_block_t frame = {}, bytes = {};
-    const size_t size =
-        sizeof request + def->obj_size + zan_obj_dyn_size(def, zan_obj_num_elements(def, lookup));
-    if (!block_reserve(&frame, size))
-        return client_fail(client, "no memory");
-    memcpy(frame.bytes, &request, sizeof request);
-    auto *wire = (zan_table_base_st *)(frame.bytes + sizeof request);
-    const uint32_t len = zan_obj_serialize(def, 0, lookup, wire);
-    wire->table_operation = ZAN_TABLE_GET;
-    int result = client_ask(client, ZAN_FRAME_GRAPH, frame.bytes, (uint32_t)sizeof request + len,
-                            ZAN_FRAME_GRAPH_REPLY, &bytes);
-    free(frame.bytes);
+    byte_block_t bytes = {};
+    int result = ask_named(client, ZAN_FRAME_GRAPH, &request, sizeof request, lookup, &bytes);
     if (result == 0 && bytes.len < sizeof *reply)
         result = client_lose(client, "the agent's graph has %zu bytes", bytes.len);
     if (result == 0) {
         memcpy(reply, bytes.bytes, sizeof *reply);
         result = client_take_records(client, &bytes, sizeof *reply, reply->num_nodes,
                                      sizeof **nodes, (void **)nodes);
+    }
+    free(bytes.bytes);
+    return result;
+}
+
+int zan_client_stats(zan_client_t *client, const zan_table_base_st *lookup, bool walk_now,
+                     zan_stats_reply_st *reply, zan_stats_walk_st **walks,
+                     zan_stats_adj_st **adjacencies)
+{
+    *walks = nullptr;
+    *adjacencies = nullptr;
+    const zan_stats_st request = {walk_now, 0};
+    byte_block_t bytes = {};
+    int result = ask_named(client, ZAN_FRAME_STATS, &request, sizeof request, lookup, &bytes);
+    if (result == 0 && bytes.len < sizeof *reply)
+        result = client_lose(client, "the agent's statistics have %zu bytes", bytes.len);
+    if (result == 0) {
+        memcpy(reply, bytes.bytes, sizeof *reply);
+        result = client_take_two(
+            client, &bytes, sizeof *reply, {reply->num_walks, sizeof **walks, (void **)walks},
+            {reply->num_adjacencies, sizeof **adjacencies, (void **)adjacencies});
     }
     free(bytes.bytes);
     return result;

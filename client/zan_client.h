@@ -156,6 +156,14 @@ ZAN_EXPORT int zan_client_quarantine(zan_client_t *client, const zan_failed_st *
 ZAN_EXPORT int zan_client_table(zan_client_t *client, uint32_t table_id,
                                 zan_table_record_st *record);
 
+/* The periodic statistics walks, and what the adjacency tables count of the object that `lookup`
+ * names by key or handle, null for none. `walk_now` begins one more pass, which is over once the
+ * `passes` of an answer have reached reply->next_pass. The rows are the caller's, to be freed with
+ * free; null when the call fails. */
+ZAN_EXPORT int zan_client_stats(zan_client_t *client, const zan_table_base_st *lookup,
+                                bool walk_now, zan_stats_reply_st *reply, zan_stats_walk_st **walks,
+                                zan_stats_adj_st **adjacencies);
+
 /* The oldest records of the trace ring behind the one with that sequence: *records gets
  * reply->num_records of them, which the caller frees with free. */
 ZAN_EXPORT int zan_client_trace(zan_client_t *client, uint64_t after, uint32_t max,

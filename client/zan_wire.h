@@ -50,12 +50,14 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_WATCH_REPLY = 28,       /* empty */
     ZAN_FRAME_TRACE = 30,             /* zan_trace_st */
     ZAN_FRAME_TRACE_REPLY = 31,       /* zan_trace_reply_st, then num_records zan_trace_record_st */
-    ZAN_FRAME_NOTIFICATION = 29,      /* from the agent, unasked, tag 0: zan_notification_st, then
-                                         an object or another message */
-    ZAN_FRAME_COUNTERS = 40,          /* zan_counters_st: do what it says, and answer */
-    ZAN_FRAME_COUNTERS_REPLY = 41,    /* zan_counters_reply_st, then num_tables
-                                         zan_counters_table_st */
-    ZAN_FRAME_TRACE_CLASSES = 42,     /* zan_trace_classes_st: switch them, and answer */
+    ZAN_FRAME_STATS = 32,          /* zan_stats_st, then nothing or one object that names another */
+    ZAN_FRAME_STATS_REPLY = 33,    /* zan_stats_reply_st, then its rows */
+    ZAN_FRAME_NOTIFICATION = 29,   /* from the agent, unasked, tag 0: zan_notification_st, then
+                                      an object or another message */
+    ZAN_FRAME_COUNTERS = 40,       /* zan_counters_st: do what it says, and answer */
+    ZAN_FRAME_COUNTERS_REPLY = 41, /* zan_counters_reply_st, then num_tables
+                                      zan_counters_table_st */
+    ZAN_FRAME_TRACE_CLASSES = 42,  /* zan_trace_classes_st: switch them, and answer */
     ZAN_FRAME_TRACE_CLASSES_REPLY = 43, /* zan_trace_classes_reply_st */
     ZAN_FRAME_PERF = 44,                /* zan_perf_st */
     ZAN_FRAME_PERF_REPLY = 45,  /* zan_perf_reply_st, then num_tables zan_perf_table_st, then
@@ -343,6 +345,42 @@ typedef struct zan_quarantine_row_st {
     uint8_t key[ZAN_FAILED_KEY_MAX], root_key[ZAN_FAILED_KEY_MAX];
 } zan_quarantine_row_st;
 ZAN_STATIC_ASSERT(sizeof(zan_quarantine_row_st) == 184, "object in quarantine");
+
+/* The periodic statistics walks, and what they counted of one object. */
+typedef struct zan_stats_st {
+    uint32_t walk_now; /* 1: begin one more pass; the answer does not wait for it */
+    uint32_t reserved;
+} zan_stats_st;
+
+/* Then num_walks zan_stats_walk_st, then num_adjacencies zan_stats_adj_st. */
+typedef struct zan_stats_reply_st {
+    int32_t err_code;   /* the named object is not stored */
+    uint32_t period_ms; /* between two passes; 0: they are made on demand */
+    uint32_t num_walks, num_adjacencies;
+    uint64_t passes;    /* that are over */
+    uint64_t next_pass; /* of walk_now: the number of the pass; it is over when `passes` says so */
+} zan_stats_reply_st;
+ZAN_STATIC_ASSERT(sizeof(zan_stats_reply_st) == 32, "statistics reply");
+
+/* A table, or an adjacency table, that is walked. */
+typedef struct zan_stats_walk_st {
+    uint32_t is_adjacency;
+    uint32_t id;      /* or index */
+    uint64_t objects; /* now; or entries */
+    uint64_t passes, failed;
+    uint64_t age_ns; /* since the last pass over it; of the agent's clock */
+    uint64_t took_ns, longest_ns;
+} zan_stats_walk_st;
+ZAN_STATIC_ASSERT(sizeof(zan_stats_walk_st) == 56, "statistics walk");
+
+/* What an adjacency table counts of the named object. */
+typedef struct zan_stats_adj_st {
+    uint32_t index;
+    uint32_t counted; /* 0: no pass has been there */
+    uint64_t packets, bytes;
+    uint64_t age_ns;
+} zan_stats_adj_st;
+ZAN_STATIC_ASSERT(sizeof(zan_stats_adj_st) == 32, "counts of an adjacency table");
 
 /* All that is counted of one table. */
 typedef struct zan_table_st {

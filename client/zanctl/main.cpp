@@ -15,6 +15,7 @@ struct arguments_t {
     std::string table, file;
     std::vector<std::string> from, files, set;
     uint64_t limit = 0;
+    bool now = false;
     apply_options_t apply;
     graph_options_t graph;
     resources_options_t resources;
@@ -142,6 +143,10 @@ void add_commands(CLI::App *app, arguments_t *a)
     replay->add_option("--epoch", a->limit, "start: of the objects of this client's epoch only");
     CLI::App *eod = app->add_subcommand("eod", "end of download: tell each NPU that all was sent");
     eod->add_option("tables", a->words, "ipacl; without all tables that hear it");
+    CLI::App *stats = app->add_subcommand(
+        "stats", "counters of an object: TABLE KEY=VALUE..., or the walks that bring them in");
+    stats->add_option("object", a->words, "l3intftxstats intf=100");
+    stats->add_flag("--now", a->now, "walk over all counters first");
     CLI::App *trace = app->add_subcommand("trace", "the trace ring, a line for each record");
     trace->add_flag("-f,--follow", a->trace.follow, "and what comes, until it is stopped");
     trace->add_option("--table", a->trace.table, "of one table only");
@@ -226,6 +231,8 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
         return run_counters(session, a.table, a.counters);
     if (command == "trace" && !subcommand->get_subcommands().empty())
         return run_trace_classes(session, a.words, a.classes);
+    if (command == "stats")
+        return run_stats(session, join(a.words), a.now);
     if (command == "trace")
         return run_trace(session, a.trace);
     if (command == "history")

@@ -115,6 +115,9 @@ int run_replay(session_t *session, const std::string &what, const std::vector<st
                uint32_t epoch);
 /* Tell each NPU that all of a table has been sent; with no name of all tables that hear it. */
 int run_eod(session_t *session, const std::vector<std::string> &names);
+/* The counters of one object, or with no text the walks that bring them in; `now`: after one more
+ * pass. */
+int run_stats(session_t *session, const std::string &text, bool now);
 /* What of the trace ring is shown. */
 struct trace_options_t {
     bool follow = false, errors = false;

@@ -3,6 +3,7 @@
 #include "global_context.h"
 #include "graph_area.h"
 #include "host_control.h"
+#include "host_periodic_stats.h"
 #include "host_resources.h"
 #include "host_services.h"
 #include "host_start.h"
@@ -44,15 +45,18 @@ zan_rcode zan_host_start(const zan_host_config_t *config)
     zan_host_fill_table_properties();
     host_statistics_start();
     host_colors_start();
-    if (!zan_host_exec_q_start(config->num_npus, config->stepped, config->seed)) {
-        started = false;
-        return ZAN_RC_NO_MEMORY;
+    if (zan_host_exec_q_start(config->num_npus, config->stepped, config->seed)) {
+        if (host_stats_start(config->stats_period_ms))
+            return EOK;
+        zan_host_exec_q_stop();
     }
-    return EOK;
+    started = false;
+    return ZAN_RC_NO_MEMORY;
 }
 
 void zan_host_stop(void)
 {
+    host_stats_stop();
     zan_host_exec_q_stop();
     host_retry_stop();
     zan_host_internal_queues_clear();

@@ -38,8 +38,6 @@ ZAN_EXPORT void zan_host_identifiers_reset(void);
 /* Whether an object is stored under a key in its byte form. Dispatcher thread. */
 bool host_db_holds(uint32_t table_id, const uint8_t *key);
 
-/* ---- Tables registered for periodic statistics ---- */
-ZAN_EXPORT uint32_t zan_host_active_stats_tables(void);
 ZAN_EXTERN_C_END
 
 #endif

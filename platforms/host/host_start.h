@@ -15,6 +15,8 @@ typedef struct zan_host_config_t {
     uint8_t standby;             /* the database is written, no hardware touched */
     uint8_t stepped;             /* NPU messages run on the caller's thread, in seeded order */
     uint64_t seed;
+    uint32_t stats_period_ms; /* between two passes of the periodic statistics; 0: none is made but
+                                 by zan_host_stats_pass */
 } zan_host_config_t;
 
 ZAN_EXTERN_C_BEGIN

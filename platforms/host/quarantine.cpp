@@ -4,6 +4,7 @@
  * address, and nothing of the object is used for the list.
  */
 #include "host_control.h"
+#include "locks.h"
 #include "retry.h"
 #include "table_database.h"
 #include "zan_tables_private.h"
@@ -36,7 +37,10 @@ zan_table_base_st *zan_db_quarantine_add(const zan_table_base_st *obj)
         (entry_t *)calloc(1, offsetof(entry_t, copy) + def->obj_size + private_size + dynamic);
     if (!entry)
         return nullptr;
-    zan_obj_copy_to(def, private_size, obj, false, &entry->copy);
+    {
+        const zan_counters_hold_t hold(def);
+        zan_obj_copy_to(def, private_size, obj, false, &entry->copy);
+    }
     entry->prev = last[def->id];
     (entry->prev ? entry->prev->next : first[def->id]) = entry;
     last[def->id] = entry;

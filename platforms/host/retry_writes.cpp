@@ -10,6 +10,7 @@
 #include "global_context.h"
 #include "host_blocks.h"
 #include "host_resources.h"
+#include "locks.h"
 #include "npu_message.h"
 #include "object_memory.h"
 #include "server_entry.h"
@@ -29,7 +30,10 @@ constexpr size_t adj_list_bytes = 24;
 void make_request(const zan_table_def_t *def, const zan_table_base_st *obj, uint32_t operation,
                   uint32_t size, zan_table_base_st *request)
 {
-    zan_obj_serialize(def, 0, obj, request);
+    {
+        const zan_counters_hold_t hold(def);
+        zan_obj_serialize(def, 0, obj, request);
+    }
     const zan_table_base_st given = *request;
     memset((void *)request, 0, sizeof *request);
     request->table_id = def->id;

@@ -14,7 +14,6 @@ namespace
 
 /* An operation that takes this long is worth a row in the history. */
 constexpr uint64_t slow_ns = 10'000'000;
-constexpr uint32_t max_active = 64;
 
 /* zan_perf_stat_st, whose count is the sum of the buckets. */
 struct durations_t {
@@ -38,9 +37,6 @@ zan_npu_op_record_st dispatcher_history[ZAN_NPU_HISTORY_ROWS];
  * reads them without. */
 std::mutex history_mutex;
 uint64_t history_rows[ZAN_MAX_NPUS + 1]; /* ever written, by NPU; the dispatcher's last */
-
-zan_periodic_stats_key_st active[max_active];
-uint32_t num_active;
 
 thread_local uint64_t object_begin; /* in cycles */
 uint64_t ns_per_cycle;              /* times 2^32 */
@@ -235,15 +231,4 @@ uint32_t zan_host_slow_ops(uint32_t npu, zan_npu_op_record_st *out)
 uint64_t zan_host_slow_op_ns(void)
 {
     return slow_ns;
-}
-
-void zan_periodic_stats_add_active_table(zan_periodic_stats_key_st key, uint32_t)
-{
-    if (num_active < max_active)
-        active[num_active++] = key;
-}
-
-uint32_t zan_host_active_stats_tables(void)
-{
-    return num_active;
 }

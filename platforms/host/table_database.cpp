@@ -13,6 +13,7 @@
 #include "host_assert.h"
 #include "host_blocks.h"
 #include "host_control.h"
+#include "host_periodic_stats.h"
 #include "host_services.h"
 #include "identifiers.h"
 #include "locks.h"
@@ -141,6 +142,7 @@ void zan_db_fini_table(uint32_t table_id)
     table_t *table = &tables[table_id];
     host_quarantine_free_table(table_id);
     host_radix_clear(&table->index);
+    host_adj_forget_table(table_id);
     host_pool_free_table(table_id);
     table->index.def = nullptr;
     table->count.store(0, std::memory_order_relaxed);

@@ -9,6 +9,7 @@
  */
 #include "global_context.h"
 #include "npu_sim_control.h"
+#include "npu_sim_counters.h"
 #include "npu_sim_hooks.h"
 #include "zan_tables_private.h"
 
@@ -91,11 +92,16 @@ kor_npu_mask_t called_for(const zan_table_def_t *def, const zan_table_base_st *o
 
 /* ---- Images ---- */
 
-std::string key_of(const zan_table_def_t *def, const zan_table_base_st *obj)
+std::string key_of(const zan_table_def_t *def, const void *key)
 {
     uint8_t bytes[ZAN_KEY_BYTES_MAX];
-    zan_key_encode(def, zan_obj_key(def, obj), bytes);
+    zan_key_encode(def, key, bytes);
     return std::string((const char *)bytes, def->key_bytes);
+}
+
+std::string key_of(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    return key_of(def, (const void *)zan_obj_key(def, obj));
 }
 
 void blank(image_t *image, const zan_table_def_t *def, uint32_t offset, size_t size)
@@ -103,11 +109,24 @@ void blank(image_t *image, const zan_table_def_t *def, uint32_t offset, size_t s
     memset(image->data() + (offset - def->key_offset), 0, size);
 }
 
+/* What hardware counts is not programmed, and differs all the time. */
+void blank_statistics(image_t *image, const zan_table_def_t *def)
+{
+    for (uint32_t i = 0; def->stats_table && i < def->num_attrs; i++) {
+        const zan_field_def_t &field = def->attrs[i];
+        if (!field.statistic)
+            continue;
+        blank(image, def, field.offset, (size_t)field.width * field.count);
+        blank(image, def, field.set_offset, 1);
+    }
+}
+
 image_t image_of(const zan_table_def_t *def, const zan_table_base_st *obj)
 {
     image_t image((const char *)zan_obj_key(def, obj), def->obj_size - def->key_offset);
     if (def->obj_ref_cnt_offset)
         blank(&image, def, def->obj_ref_cnt_offset, sizeof(uint32_t));
+    blank_statistics(&image, def);
     if (!def->num_elements_offset)
         return image;
     const uint32_t members = zan_obj_num_elements(def, obj);
@@ -171,6 +190,15 @@ zan_rcode told_to_fail(uint32_t table_id, uint32_t npu, uint32_t operation)
     return rc;
 }
 
+/* Of a read that is for all NPUs of the node. */
+zan_rcode told_to_fail_on_any(uint32_t table_id, uint32_t operation)
+{
+    zan_rcode rc = EOK;
+    for (kor_npu_mask_t left = node_npus(); rc == EOK && left; left &= left - 1)
+        rc = told_to_fail(table_id, (uint32_t)__builtin_ctzll(left), operation);
+    return rc;
+}
+
 void take_time(const npu_t &npu)
 {
     const uint64_t us = npu.latency_us.load(std::memory_order_relaxed);
@@ -223,6 +251,7 @@ void erase(const zan_table_def_t *def, npu_t *npu,
 {
     npu->bytes -= found->second.size();
     npu->held[def->hwdb]--;
+    counters_end(def, (uint32_t)(npu - npus), found->first);
     npu->objects[def->id].erase(found);
 }
 
@@ -233,6 +262,7 @@ zan_rcode store(const zan_table_def_t *def, npu_t *npu, const zan_table_base_st 
     const auto found = objects.find(key);
     if (found == objects.end() && is_full(npu, def))
         return NPU_SIM_RC_FULL;
+    counters_begin(def, (uint32_t)(npu - npus), key);
     image_t image = image_of(def, obj);
     npu->bytes += image.size();
     if (found != objects.end()) {
@@ -400,15 +430,58 @@ zan_rcode npu_sim_eod(const zan_table_base_st *obj)
     return rc;
 }
 
-/* The NPU has nothing to add to what the database holds: a read only asks whether it answers. */
+/* A read asks whether the NPU answers. Of counters that no walk has taken into the database it
+ * gives what they are now, over all NPUs, when the first is asked. */
 zan_rcode npu_sim_get(zan_table_base_st *obj)
 {
     const zan_rcode rc = told_to_fail(obj->table_id, obj->npu_id, ZAN_TABLE_GET);
-    npu_t &npu = npus[obj->npu_id % ZAN_MAX_NPUS];
-    const std::lock_guard guard(npu.lock);
-    npu.counts.gets++;
-    npu.counts.failures += rc != EOK;
+    {
+        npu_t &npu = npus[obj->npu_id % ZAN_MAX_NPUS];
+        const std::lock_guard guard(npu.lock);
+        npu.counts.gets++;
+        npu.counts.failures += rc != EOK;
+    }
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    if (rc == EOK && def->stats_table && obj->npu_id == 0) {
+        const std::string key = key_of(def, obj);
+        counters_latch(def, key);
+        counters_take(def, key, obj, true);
+    }
     return rc;
+}
+
+/* ---- Counters, on the secondary server thread; a failing read is one of ZAN_TABLE_GET ---- */
+
+zan_rcode npu_sim_latch(zan_table_base_st *obj)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    counters_latch(def, key_of(def, obj));
+    return EOK;
+}
+
+zan_rcode npu_sim_take(zan_table_base_st *obj)
+{
+    const zan_table_def_t *def = zan_table_defs[obj->table_id];
+    const zan_rcode rc = told_to_fail_on_any(def->id, ZAN_TABLE_GET);
+    if (rc != EOK)
+        return rc;
+    return counters_take(def, key_of(def, obj), obj, false) ? (zan_rcode)EOK : NPU_SIM_RC_UNKNOWN;
+}
+
+zan_rcode npu_sim_adj_latch(zan_adj_entry_st *entry)
+{
+    const zan_table_def_t *def = zan_table_defs[entry->parent_id];
+    counters_latch(def, key_of(def, entry->key));
+    return EOK;
+}
+
+zan_rcode npu_sim_adj_take(zan_adj_entry_st *entry)
+{
+    const zan_table_def_t *def = zan_table_defs[entry->parent_id];
+    const zan_rcode rc = told_to_fail_on_any(def->id, ZAN_TABLE_GET);
+    if (rc != EOK)
+        return rc;
+    return counters_take(def, key_of(def, entry->key), entry) ? (zan_rcode)EOK : NPU_SIM_RC_UNKNOWN;
 }
 
 /* ---- Control ---- */
@@ -535,6 +608,7 @@ void npu_sim_set_latency(uint32_t npu, uint64_t microseconds)
 void npu_sim_reset(void)
 {
     npu_sim_fail_no_more();
+    counters_reset();
     for (npu_t &npu : npus) {
         const std::lock_guard npu_guard(npu.lock);
         for (auto &objects : npu.objects)

@@ -40,7 +40,8 @@ ZAN_EXPORT uint64_t npu_sim_count(uint32_t npu, uint32_t table_id);
 ZAN_EXPORT uint64_t npu_sim_bytes(uint32_t npu);
 ZAN_EXPORT void npu_sim_counts(uint32_t npu, npu_sim_counts_t *out);
 /* Compare an object with what the NPU holds under its key: 0 equal, 1 not held, 2 different, and
- * then `why` names the first field that differs. */
+ * then `why` names the first field that differs. A stored object's counters must stand still
+ * meanwhile: zan_counters_hold_t. */
 ZAN_EXPORT int npu_sim_compare(uint32_t npu, const zan_table_base_st *obj, char *why,
                                size_t why_size);
 /* Add a failure to those in force. */

@@ -23,6 +23,7 @@ class Schema:
         self.by_name = {t.name: t for t in tables}
         self.owner = {e.name: (t, e) for t in tables for e in t.events}
         self.children = direct_children(tables)
+        self.adjacencies = sorted((a for t in tables for a in t.adjacencies), key=lambda a: a.index)
 
     def ids(self, names):
         return [self.by_name[n].id for n in names]
@@ -34,7 +35,8 @@ def emit(tables):
              "zan_table_defs.cpp": definitions(tables),
              "zan_table_server_dispatcher.cpp": table_list(tables),
              "npu_sim_hooks.cpp": npu_sim_hooks(tables),
-             "host_identifier_hooks.cpp": identifier_hooks(tables)}
+             "host_identifier_hooks.cpp": identifier_hooks(tables),
+             "host_adjacency_tables.cpp": adjacency_tables(schema)}
     for t in tables:
         files[f"{t.name}.h"] = header(t)
         files[f"{t.name}.cpp"] = source(t, schema)
@@ -254,7 +256,7 @@ def field_row(f, offset, set_offset):
     return (f"    {{{quoted(f.name)}, {quoted(f.doc)}, {names[0]}, {names[1]}, "
             f"ZAN_TYPE_{f.type.upper()}, {SHAPES[f.shape]}, {f.width}, {f.count}, {offset}, "
             f"{set_offset}, {f.trigger_mask:#x}, {int(f.server_visible)}, "
-            f"{int(f.clear_at_replay)}}},")
+            f"{int(f.clear_at_replay)}, {int(f.statistic)}}},")
 
 
 def inherits(t, ref, parent, name):
@@ -457,7 +459,9 @@ def server_api(t, schema):
                    f"{e.mask:#x})")
     if t.options["repeated_delta"]:
         out.append(f"ZAN_TABLE_REPEATED_DELTA({name}, {upper})")
-    out += [f"ZAN_TABLE_ADJ({a.name})" for a in t.adjacencies if a.hooks]
+    for a in t.adjacencies:
+        out.append(f"ZAN_TABLE_ADJ{'_HOOKS' if a.hooks else ''}"
+                   f"({a.name}, {schema.adjacencies.index(a)})")
     return out
 
 
@@ -474,7 +478,14 @@ def server_utils(t):
 def table_list(tables):
     return ["/* All tables in order of id. Made from schema. */", '#include "table_lists.h"', "",
             "ZAN_TABLE_LIST_BEGIN", *(f"ZAN_TABLE_LIST_ENTRY({t.id}, {t.name})" for t in tables),
-            "ZAN_TABLE_LIST_END"]
+            "ZAN_TABLE_LIST_END", "", *adjacency_list(tables)]
+
+
+def adjacency_list(tables):
+    by_index = {a.index: a.name for t in tables for a in t.adjacencies}
+    return [*(f"ZAN_ADJ_DECLARE({name})" for name in by_index.values()), "ZAN_ADJ_LIST_BEGIN",
+            *(f"ZAN_ADJ_LIST_ENTRY({by_index[i]})" if i in by_index else "ZAN_ADJ_LIST_GAP"
+              for i in range(max(by_index) + 1)), "ZAN_ADJ_LIST_END"]
 
 
 # ---- Hooks of the platforms ----
@@ -488,6 +499,9 @@ def npu_sim_hooks(tables):
             out.append(f"NPU_SIM_EOD({t.name})")
         if t.options["repeated_delta"]:
             out.append(f"NPU_SIM_REPEATED({t.name})")
+        if t.options["periodic_stats"]:
+            out.append(f"NPU_SIM_STATISTICS({t.name})")
+        out += [f"NPU_SIM_ADJACENCY({a.name})" for a in t.adjacencies if a.hooks]
     return out
 
 
@@ -495,3 +509,9 @@ def identifier_hooks(tables):
     return ["/* The identifier hooks of the host. Made from schema. */",
             '#include "host_identifier_hooks.h"', "",
             *(f"HOST_IDENTIFIER_HOOKS({t.name})" for t in tables if t.options["identifiers"])]
+
+
+def adjacency_tables(schema):
+    return ["/* What the host has for each adjacency table. Made from schema. */",
+            '#include "host_adjacency_tables.h"', "",
+            *(f"HOST_ADJACENCY({a.name}, {a.index})" for a in schema.adjacencies)]

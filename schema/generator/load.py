@@ -89,6 +89,7 @@ class Field:
     inherit: list = field(default_factory=list)       # "ref.attr" or "union.variant.attr"
     server_visible: bool = False
     clear_at_replay: bool = False
+    statistic: bool = False                           # hardware's value
 
     @property
     def width(self):
@@ -351,6 +352,7 @@ def read_fields(r, key):
             one.trigger_bits = f.ints("trigger_bits", 63)
             one.inherit = f.strings("inherit")
             one.clear_at_replay = f.take("clear_at_replay", bool, False)
+            one.statistic = f.take("statistic", bool, False)
         f.done()
         fields.append(one)
     return fields

@@ -101,6 +101,11 @@ def check_fields(t, errors):
     bmap = t.attr("npu_bmap")
     if bmap and (bmap.type != "npu_mask" or bmap.shape != "single"):
         errors.add(t.file, "npu_bmap", "must be a single npu_mask")
+    for a in t.attrs:
+        if a.statistic and not t.options["stats_table"]:
+            errors.add(t.file, f"{a.name}.statistic", "is for statistics tables")
+        if a.statistic and a.shape not in ("single", "array"):
+            errors.add(t.file, f"{a.name}.statistic", f"cannot be {a.shape}")
     if t.resizing and not t.repeated:
         errors.add(t.file, "resizing", "needs something that is repeated for each member")
 
@@ -165,6 +170,9 @@ def check_options(t, errors):
     need("identifiers_per_npu_on_update", o["identifiers"], "needs identifiers")
     need("notify_update_reserve", o["identifiers"], "needs identifiers")
     need("periodic_stats", o["stats_table"], "needs stats_table")
+    need("periodic_stats", o["db_lock"] == "both", 'needs db_lock "both": its objects are written '
+         "on two threads")
+    need("periodic_stats", any(a.statistic for a in t.attrs), "needs a statistic to refresh")
     need("evt_walk_childless", t.events, "needs events")
     need("evt_walk_suppressed", t.events, "needs events")
     need("repeated_delta", t.elements, "needs elements")

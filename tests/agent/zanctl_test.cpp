@@ -1,6 +1,8 @@
 /* zanctl as people and scripts use it: what it prints, and its exit status. */
 #include "zanctl_fixture.h"
 
+#include <nlohmann/json.hpp>
+
 #include <fstream>
 #include <sstream>
 
@@ -345,6 +347,38 @@ TEST_F(zanctl, replays_what_a_client_sends_again)
     EXPECT_EQ(run("list ipnhgroup").text, "");
     EXPECT_EQ(run("eod ipacl").text, "ipacl                told to all NPUs\n");
     EXPECT_EQ(run("eod iproute").status, 2) << "it does not hear it";
+}
+
+/* Nobody walks but when it is asked: the service's thread, or where it has none the dispatcher. */
+TEST_F(zanctl, shows_counters_and_the_walks_that_bring_them_in)
+{
+    for (const char *period : {"86400", "0"}) {
+        if (process.pid != -1)
+            process.stop();
+        start({"--stats-period", period});
+        EXPECT_NE(run("stats").text.find("a table is walked from its first create on"),
+                  std::string::npos);
+        EXPECT_EQ(run("create tnlstats tunnel_id=1").text, "");
+        EXPECT_EQ(run("create punt punt_id=1 reason=3").text, "");
+        EXPECT_NE(run("stats tnlstats tunnel_id=1").text.find("no walk was there yet"),
+                  std::string::npos);
+        usleep(20000); // a fiftieth of a second, in which 40 packets come at least
+        const auto shown = nlohmann::json::parse(run("--json stats punt punt_id=1 --now").text);
+        EXPECT_GE(shown["adjacencies"]["punt_ctrs"]["packets"], 40);
+        const auto walked = nlohmann::json::parse(run("--json stats tnlstats tunnel_id=1").text);
+        EXPECT_GE(walked["counters"]["rx_packets"], 40);
+        EXPECT_TRUE(walked.contains("age_s"));
+        EXPECT_EQ(walked["counters"],
+                  nlohmann::json::parse(run("--json stats tnlstats tunnel_id=1").text)["counters"])
+            << "nobody walks but when it is asked";
+        const auto walks = nlohmann::json::parse(run("--json stats").text)["walks"];
+        ASSERT_EQ(walks.size(), 2u);
+        EXPECT_EQ(walks[1]["table"], "punt_ctrs");
+        EXPECT_EQ(walks[1]["objects"], 1);
+        EXPECT_EQ(walks[1]["passes"], 1);
+        EXPECT_EQ(run("stats l3intf intf=1").status, 2);
+        EXPECT_EQ(run("stats punt punt_id=9").status, 1);
+    }
 }
 
 TEST_F(zanctl, decodes_the_trace_ring)

@@ -256,6 +256,7 @@ std::string hardware_differs(uint32_t num_npus)
         for (zan_table_base_st *o = zan_db_get_first(&lookup); o; o = zan_db_get_next(o))
             for (uint32_t npu = 0; npu < num_npus; npu++) {
                 char why[128] = "";
+                const zan_counters_hold_t hold(zan_table_defs[o->table_id]);
                 if (npu_sim_compare(npu, o, why, sizeof why) != 0) {
                     char key[256];
                     zan_key_print(def, zan_obj_key(def, o), key, sizeof key);

@@ -188,3 +188,8 @@ void host_quarantine_forget(const zan_table_base_st *)
 void host_retry_unstored(const zan_table_base_st *)
 {
 }
+
+/* Nor has any of them adjacency tables. */
+void host_adj_forget_table(uint32_t)
+{
+}

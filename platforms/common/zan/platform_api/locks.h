@@ -19,7 +19,7 @@
 #ifndef ZAN_PLATFORM_LOCKS_H
 #define ZAN_PLATFORM_LOCKS_H
 
-#include "zan_types.h"
+#include "zan_table_def.h"
 
 ZAN_EXTERN_C_BEGIN
 ZAN_EXPORT int kor_core_lock_dispatch_lock(void);
@@ -40,5 +40,29 @@ ZAN_EXPORT void ptd_unset_mutex_block(void);
 ZAN_EXPORT int kor_hw_access_complete(void);
 ZAN_EXPORT int kor_hw_access_in_progress(void);
 ZAN_EXTERN_C_END
+
+#ifdef __cplusplus
+/* For as long as it lives the statistics walk writes no counters, which are attributes of stored
+ * objects: held while the attributes of one are read. Only the tables that the walk writes have
+ * the lock; of what the caller holds already it takes nothing. */
+class zan_counters_hold_t
+{
+public:
+    explicit zan_counters_hold_t(const zan_table_def_t *def)
+        : locked_(def->periodic_stats && kor_db_stats_lock() == EOK)
+    {
+    }
+    ~zan_counters_hold_t()
+    {
+        if (locked_)
+            kor_db_stats_unlock();
+    }
+    zan_counters_hold_t(const zan_counters_hold_t &) = delete;
+    zan_counters_hold_t &operator=(const zan_counters_hold_t &) = delete;
+
+private:
+    const bool locked_;
+};
+#endif
 
 #endif

@@ -59,11 +59,17 @@ ZAN_EXPORT void table_npu_perf_update(uint32_t table_id, const struct timespec *
  * in it in part. */
 ZAN_EXPORT void zan_table_perf_get(uint32_t table_id, zan_table_perf_st *out);
 
-/* Register a table (low word 1, high word its id) or an adjacency table (2, its index) with the
- * periodic statistics walk. */
+/* The periodic statistics service: on the secondary server thread it calls, now and then, the slot
+ * stats_walk of each registered table, and `walk` of each registered adjacency table. Registered
+ * once, at a table's first create, and for good. Dispatcher thread. `kind` is 1 for a table, by its
+ * id, and 2 for an adjacency table, by its index. */
+enum {
+    ZAN_STATS_TABLE = 1,
+    ZAN_STATS_ADJACENCY = 2,
+};
 typedef struct zan_periodic_stats_key_st {
     uint32_t kind;
-    uint32_t id;
+    uint32_t id; /* or index */
 } zan_periodic_stats_key_st;
 ZAN_EXPORT void zan_periodic_stats_add_active_table(zan_periodic_stats_key_st key, uint32_t one);
 ZAN_EXTERN_C_END

@@ -11,6 +11,7 @@
 #ifndef ZAN_PLATFORM_TABLE_PROPERTIES_H
 #define ZAN_PLATFORM_TABLE_PROPERTIES_H
 
+#include "adjacency.h"
 #include "notification.h"
 #include "npu_message.h"
 #include "trace.h"
@@ -272,13 +273,15 @@ typedef struct srv_zan_table_props_t {
     uint8_t hook_source[ZAN_HOOK_COUNT]; /* zan_hook_source_et */
 } srv_zan_table_props_t;
 
-/* An adjacency table's record. */
+/* An adjacency table's record. All of it is called on the secondary server thread. */
 typedef struct zan_adj_props_t {
+    /* Fill the two hook slots; null in a table without hooks, and so are they. */
     void (*callback_setup)(struct zan_adj_props_t *props);
+    /* One pass over all entries: visit, replicate, tell that the pass is over. */
     zan_rcode (*walk)(void);
     uint64_t gap;
-    zan_rcode (*update_db_from_rdesc)(void *entry);
-    zan_rcode (*update_rdesc_from_hw)(void *entry);
+    zan_rcode (*update_db_from_rdesc)(zan_adj_entry_st *entry); /* counts into the entry */
+    zan_rcode (*update_rdesc_from_hw)(zan_adj_entry_st *entry); /* fetch them from hardware */
 } zan_adj_props_t;
 
 ZAN_EXTERN_C_BEGIN

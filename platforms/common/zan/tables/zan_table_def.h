@@ -64,6 +64,7 @@ typedef struct zan_field_def_t {
     uint64_t trigger_mask;   /* attribute update bits that a change of this attribute raises */
     uint8_t server_visible;  /* the flows read or write it by name */
     uint8_t clear_at_replay; /* replay start clears its is-set byte */
+    uint8_t statistic;       /* hardware's value: counted or measured there, not programmed */
 } zan_field_def_t;
 
 /* An attribute that is copied from the parent at each resolution. Both have the same type. */

@@ -133,6 +133,10 @@ ZAN_STATIC_ASSERT(sizeof(zan_trace_slot_st) == 192,
     X(INIT_NULL_ARCH_CBS, "%s")                                                                    \
     X(STATS_REGISTERED, "%s")                                                                      \
     X(STATS_WALKED, "statistics walk: %u s, %u ns, %u objects")                                    \
+    X(STATS_NOT_TAKEN, "counters of obj %x not taken: rc %x")                                      \
+    X(ADJ_WALKED, "statistics walk of adjacency table %u: %u s, %u ns, rc %x")                     \
+    X(ADJ_STALE, "adjacency table %u: entry %x is stale")                                          \
+    X(ADJ_NOT_TAKEN, "adjacency table %u: counters of entry %x not taken: rc %x")                  \
     X(EVENT_HOOK_ABSENT, "event without a hook: walk %x, obj %x")                                  \
     X(GET_DB_OBJ_MISS, "no stored object of that identity: trans %u, obj_id %u")                   \
     X(FINAL_RC, "failed: trans %u, rdesc %x, err %x, post %x, hw %x, result %x")                   \

@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include "global_context.h"
+#include "locks.h"
 #include "resource_layer.h"
 #include "table_database.h"
 #include "table_properties.h"
@@ -193,6 +194,8 @@ zan_rcode kor_reconcile_response(const zan_table_def_t *def, zan_table_base_st *
 void kor_log_not_found_key(const zan_table_crud_ctx_t *crud, const zan_table_base_st *obj);
 /* Poison, take out of the graph, free side data, dynamic part and block; clears crud->db_obj. */
 void kor_free_db_object(zan_table_crud_ctx_t *crud, bool free_flag);
+/* Give back the adjacency entries of an object that goes. */
+void kor_drop_adj_entries(const zan_table_def_t *def, zan_table_base_st *db_obj, uint32_t trans_id);
 /* The objects of the table on each NPU of the mask: one more, or one less. */
 void kor_count_objects(const zan_table_def_t *def, kor_npu_mask_t mask, int32_t delta);
 zan_db_del_ctx_t kor_db_delete(const zan_table_def_t *def, zan_table_base_st *db_obj);

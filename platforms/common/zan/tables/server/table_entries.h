@@ -342,6 +342,32 @@
     {                                                                                              \
         zan_dump_element(ZAN_DEF(U), file, element);                                               \
     }
-#define ZAN_TABLE_ADJ(name)
+/* An adjacency table, with the index of its definition: without hooks, and with. */
+#define ZAN_TABLE_ADJ_OPS(A, def, setup, hooks)                                                    \
+    extern "C" {                                                                                   \
+    ZAN_ADJ_SERVICES(A)                                                                            \
+    extern ZAN_HIDDEN const zan_adj_ops_t zan_adj_of_##A;                                          \
+    zan_rcode zan_adj_walk_##A(void)                                                               \
+    {                                                                                              \
+        return zan_server_adj_walk(&zan_adj_of_##A);                                               \
+    }                                                                                              \
+    const zan_adj_ops_t zan_adj_of_##A = {&zan_adj_defs[def],                                      \
+                                          zan_adj_srv_##A##_db_walk,                               \
+                                          zan_adj_srv_##A##_shm_replicate_data,                    \
+                                          zan_adj_walk_##A,                                        \
+                                          setup,                                                   \
+                                          hooks};                                                  \
+    }
+#define ZAN_TABLE_ADJ(A, def) ZAN_TABLE_ADJ_OPS(A, def, nullptr, nullptr)
+#define ZAN_TABLE_ADJ_HOOKS(A, def)                                                                \
+    ZAN_ADJ_HOOK_LIST(ZAN_HOOK_DECLARE, ZAN_HOOK_DECLARE_ALONE, A)                                 \
+    static const zan_hook_pair_t zan_adj_hooks_##A[] = {                                           \
+        ZAN_ADJ_HOOK_LIST(ZAN_HOOK_PAIR, ZAN_HOOK_PAIR_ALONE, A)};                                 \
+    ZAN_ENTRY(void) srv_##A##_adj_callback_wrapper_setup(zan_adj_props_t *props);                  \
+    ZAN_TABLE_ADJ_OPS(A, def, srv_##A##_adj_callback_wrapper_setup, zan_adj_hooks_##A)             \
+    void srv_##A##_adj_callback_wrapper_setup(zan_adj_props_t *props)                              \
+    {                                                                                              \
+        zan_server_adj_callback_wrapper_setup(&zan_adj_of_##A, props);                             \
+    }
 
 #endif

@@ -12,6 +12,7 @@
 
 #include "server_entry.h"
 #include "table_crud_ctx.h"
+#include "table_lists.h"
 
 /* Visitor of an iterator; what it returns is not looked at. It may delete the object it has. */
 typedef zan_rcode (*zan_iterator_visitor_f)(zan_table_base_st *db_obj, void *arg);
@@ -121,6 +122,9 @@ void zan_server_print_key_from_base_obj(const zan_table_base_st *obj, bool is_ol
 void zan_server_copy_key_from_base(void *key, const zan_table_base_st *obj);
 zan_rcode kor_send_table_notification(const zan_table_def_t *def, zan_srv_send_notif_st *notif);
 zan_rcode zan_server_stats_walk(const zan_table_def_t *def);
+/* One pass over an adjacency table, on the same thread; and its slots in its record. */
+zan_rcode zan_server_adj_walk(const zan_adj_ops_t *adj);
+void zan_server_adj_callback_wrapper_setup(const zan_adj_ops_t *adj, zan_adj_props_t *props);
 
 /* ---- References (src/refs) ---- */
 

@@ -51,6 +51,10 @@ typedef struct zan_hook_pair_t {
 #define ZAN_HOOK_LIST_DELETE_ACTION(F, A, T) A(T, delete_action_select)
 /* clang-format on */
 
+/* Those of an adjacency table. */
+#define ZAN_ADJ_HOOK_LIST(F, A, T)                                                                 \
+    F(T, adj_periodic_stats_update_db_from_rdesc) F(T, adj_periodic_stats_update_rdesc_from_hw)
+
 #define ZAN_TABLE_HOOK_ARRAY(T, array, LIST)                                                       \
     LIST(ZAN_HOOK_DECLARE, ZAN_HOOK_DECLARE_ALONE, T)                                              \
     extern "C" ZAN_HIDDEN const zan_hook_pair_t zan_hooks_##array##_##T[];                         \

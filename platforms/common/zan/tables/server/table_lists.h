@@ -6,6 +6,7 @@
 #ifndef ZAN_TABLE_LISTS_H
 #define ZAN_TABLE_LISTS_H
 
+#include <iterator>
 #include <utility>
 
 #include "table_hooks.h"
@@ -25,9 +26,21 @@ typedef struct zan_table_entry_t {
     const zan_hook_pair_t *hooks_delete_action;
 } zan_table_entry_t;
 
+/* An adjacency table. */
+typedef struct zan_adj_ops_t {
+    const zan_adj_def_t *def;
+    zan_rcode (*db_walk)(zan_adj_visit_f visit, void *arg);
+    void (*shm_replicate_data)(zan_adj_entry_st *entry, uint32_t mode);
+    zan_rcode (*walk)(void);                        /* its periodic walk */
+    void (*callback_setup)(zan_adj_props_t *props); /* null without hooks, and so are they */
+    const zan_hook_pair_t *hooks;                   /* ZAN_ADJ_HOOK_LIST */
+} zan_adj_ops_t;
+
 ZAN_EXTERN_C_BEGIN
 /* By table id. */
 const zan_table_entry_t *zan_table_entry_get(uint32_t table_id);
+/* By the index of an adjacency table; null where there is none. */
+const zan_adj_ops_t *zan_adj_ops_get(uint32_t index);
 ZAN_EXTERN_C_END
 
 #define ZAN_TABLE_LIST_BEGIN template <uint32_t Id> zan_table_entry_t zan_table_entry_of();
@@ -71,6 +84,20 @@ ZAN_EXTERN_C_END
     const zan_table_entry_t *zan_table_entry_get(uint32_t table_id)                                \
     {                                                                                              \
         return &all(std::make_index_sequence<ZAN_NUM_TABLES>())[table_id];                         \
+    }
+
+/* Adjacency tables by index, ZAN_ADJ_LIST_GAP where there is none. */
+#define ZAN_ADJ_DECLARE(A) extern "C" ZAN_HIDDEN const zan_adj_ops_t zan_adj_of_##A;
+#define ZAN_ADJ_LIST_BEGIN                                                                         \
+    const zan_adj_ops_t *zan_adj_ops_get(uint32_t index)                                           \
+    {                                                                                              \
+        static const zan_adj_ops_t *const list[] = {
+#define ZAN_ADJ_LIST_ENTRY(A) &zan_adj_of_##A,
+#define ZAN_ADJ_LIST_GAP      nullptr,
+#define ZAN_ADJ_LIST_END                                                                           \
+    }                                                                                              \
+    ;                                                                                              \
+    return index < std::size(list) ? list[index] : nullptr;                                        \
     }
 
 #endif

@@ -316,6 +316,8 @@ void create_write_block(create_op_t *op, zan_table_base_st *src)
         *zan_obj_npu_mask_req(def, block) = *zan_obj_npu_mask_req(def, src);
     }
     kor_write_dbobj(def, src, block);
+    if (def->adj_list_offset)
+        zan_npi_init_adj_list(block);
 }
 
 zan_rcode create_bind(create_op_t *op)
@@ -391,6 +393,7 @@ bool create_store(create_op_t *op)
     if (rc == EOK)
         return true;
     op->response->err_code = rc;
+    kor_drop_adj_entries(def, op->block, op->crud.trans_id);
     if (is_async(op)) {
         create_undo_store(op, rc);
         return false;
@@ -459,6 +462,7 @@ void create_roll_back(create_op_t *op)
         zan_server_api_inflight_block(def, op->obj, op->block);
     /* A block that was never inserted is not found there; the database then keeps and frees it. */
     op->crud.props->shmwin_free_dbobj_params(op->block);
+    kor_drop_adj_entries(def, op->block, op->crud.trans_id);
     const zan_db_del_ctx_t del = kor_db_delete(def, op->block);
     if (del.rc != EOK) {
         CREATE_TRACE(op, ERROR, CREATE_ROLLBACK_DELETE, op->block, op->crud.trans_id, del.rc);

@@ -231,6 +231,7 @@ void delete_from_database(delete_op_t *op, kor_npu_mask_t saved_mask)
 {
     const zan_table_def_t *def = op->def;
     zan_table_crud_ctx_t *crud = &op->crud;
+    kor_drop_adj_entries(def, crud->db_obj, crud->trans_id);
     const zan_db_del_ctx_t del = kor_db_delete(def, crud->db_obj);
     if (del.rc != EOK) {
         fail(op, del.rc);

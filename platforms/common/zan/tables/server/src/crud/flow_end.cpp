@@ -76,6 +76,15 @@ void kor_free_db_object(zan_table_crud_ctx_t *crud, bool free_flag)
     crud->db_obj = nullptr;
 }
 
+/* The mark comes first, so that a statistics walk under way leaves the entries alone. */
+void kor_drop_adj_entries(const zan_table_def_t *def, zan_table_base_st *db_obj, uint32_t trans_id)
+{
+    if (!def->adj_list_offset)
+        return;
+    zan_npi_mark_adj_entries_as_stale(db_obj, trans_id);
+    zan_npi_free_adj_entries_list(db_obj);
+}
+
 void kor_count_objects(const zan_table_def_t *def, kor_npu_mask_t mask, int32_t delta)
 {
     zan_global_ctx_st *ctx = zan_get_global_ctx();

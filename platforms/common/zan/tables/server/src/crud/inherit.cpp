@@ -78,6 +78,7 @@ void zan_inherit_from_stored(const zan_table_def_t *def, zan_table_base_st *obj,
                              const zan_table_base_st *db_obj)
 {
     const zan_table_state_t *state = zan_table_state(def);
+    const zan_counters_hold_t hold(def);
     auto *to = (uint8_t *)obj;
     const auto *from = (const uint8_t *)db_obj;
     for (uint32_t i = 0; i < state->num_inherit_steps; i++) {

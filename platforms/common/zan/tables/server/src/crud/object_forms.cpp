@@ -58,6 +58,7 @@ zan_table_base_st *zan_server_copy_ctor(const zan_table_def_t *def, const zan_ta
         def->obj_size + priv + zan_obj_dyn_size(def, zan_obj_num_elements(def, obj));
     auto *copy = (zan_table_base_st *)zan_heap_alloc(size);
     if (copy) {
+        const zan_counters_hold_t hold(def);
         zan_obj_copy_to(def, priv, obj, true, copy);
         zan_dpd_clear_freed_by_post_proc_flag(copy); /* the mark is the original's alone */
     }
@@ -174,7 +175,10 @@ zan_rcode kor_dbobj_get(const zan_table_def_t *def, const zan_table_base_st *db_
     obj->npu_mask = db_obj->npu_mask;
     obj->flag = (obj->flag & ~(uint32_t)ZAN_FLAG_STALE) | (db_obj->flag & ZAN_FLAG_STALE);
     obj->dpd.del_flag = db_obj->dpd.del_flag & ZAN_DEL_FLAG_DELAY_DELETE;
-    zan_obj_copy_attrs(def, db_obj, obj);
+    {
+        const zan_counters_hold_t hold(def);
+        zan_obj_copy_attrs(def, db_obj, obj);
+    }
     if (def->obj_ref_cnt_offset)
         *kor_obj_ref_cnt(def, obj) = *(uint32_t *)zan_obj_at(db_obj, def->obj_ref_cnt_offset);
     return EOK;

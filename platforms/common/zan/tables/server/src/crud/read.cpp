@@ -173,6 +173,7 @@ zan_rcode read_text(read_op_t *op)
         return fail(op, ZAN_RC_INVALID_READ);
     }
     resp->payload[0] = 0;
+    const zan_counters_hold_t hold(op->def);
     const zan_rcode rc = op->crud.props->format_obj_payload(
         op->found, resp->payload, resp->payload_alloc_sz, &resp->payload_used_sz);
     if (rc != EOK) {

@@ -168,6 +168,8 @@ void zan_server_api_update_db(const zan_table_def_t *def, zan_table_base_st *src
     join_parents(&c);
     COMMIT_TRACE(&c, VERBOSE, UPDATE_STORED, crud->trans_id, c.db_obj, c.resized);
     zan_obj_base_clear_stale(crud);
-    if (!c.is_async)
-        zan_obj_copy_attrs(def, c.db_obj, obj);
+    if (c.is_async)
+        return;
+    const zan_counters_hold_t hold(def);
+    zan_obj_copy_attrs(def, c.db_obj, obj);
 }

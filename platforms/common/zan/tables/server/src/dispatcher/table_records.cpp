@@ -359,11 +359,6 @@ void zan_server_init_table_props(const zan_table_def_t *def, srv_zan_table_props
     props->valid = 1;
 }
 
-/* The adjacency tables' records are filled with their periodic walk, which no platform runs yet. */
-void zan_server_init_adj_props(const zan_table_def_t *)
-{
-}
-
 void zan_srv_npi_init_table_props(uint32_t table_id, srv_zan_table_props_t *props)
 {
     const zan_table_def_t *def = zan_table_def_get(table_id);
@@ -384,6 +379,7 @@ bool zan_server_is_attrib_changed(zan_table_base_st *obj, zan_table_base_st *db_
                                   int32_t *index)
 {
     const zan_table_def_t *def = def_of(obj);
+    const zan_counters_hold_t hold(def);
     if (zan_obj_attrs_differ(def, obj, db_obj, index))
         return true;
     if (def->table_class != 0 && *zan_obj_npu_mask_req_set(def, obj) &&

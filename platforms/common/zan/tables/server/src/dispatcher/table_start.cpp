@@ -61,28 +61,10 @@ void zan_server_core_init(const zan_table_def_t *def)
 void zan_server_register_periodic_stats(const zan_table_def_t *def)
 {
     if (def->periodic_stats) {
-        zan_periodic_stats_add_active_table({1, def->id}, 1);
+        zan_periodic_stats_add_active_table({ZAN_STATS_TABLE, def->id}, 1);
         trace_named(def, ZAN_TRACE_LEVEL_EVENT, ZAN_TMSG_STATS_REGISTERED,
                     "zan_%s_register_periodic_stats_done");
     }
     for (uint32_t i = 0; i < def->num_adjacencies; i++)
-        zan_periodic_stats_add_active_table({2, def->adjacencies[i]}, 1);
-}
-
-/* One object's turn in the statistics walk: the platform's hook takes the counters in. */
-static zan_rcode walk_one(zan_table_base_st *db_obj, void *arg)
-{
-    return ((srv_zan_table_props_t *)arg)->update_zan_db_stats_from_rdesc(db_obj);
-}
-
-zan_rcode zan_server_stats_walk(const zan_table_def_t *def)
-{
-    timespec start, end, taken;
-    zan_clock_gettime(CLOCK_REALTIME, &start);
-    const zan_rcode rc = zan_db_walk(def->id, nullptr, walk_one, zan_table_state(def)->props, 0);
-    zan_clock_gettime(CLOCK_REALTIME, &end);
-    clock_diff(&start, &end, &taken);
-    ZAN_TRACE_TABLE(zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_EVENT), def->id, STATS_WALKED,
-                    taken.tv_sec, taken.tv_nsec, zan_db_count(def->id));
-    return rc;
+        zan_periodic_stats_add_active_table({ZAN_STATS_ADJACENCY, def->adjacencies[i]}, 1);
 }

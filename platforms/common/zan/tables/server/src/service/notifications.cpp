@@ -65,6 +65,14 @@ void fill_header(const zan_table_def_t *def, const zan_srv_send_notif_st *notif,
     kor_notify_msg_set_num_repeat_count(hdr, zan_obj_num_elements(def, obj));
 }
 
+/* It may be a stored one. */
+uint32_t write_object(const srv_zan_table_props_t *props, const zan_table_base_st *obj,
+                      void *buffer)
+{
+    const zan_counters_hold_t hold(props->def);
+    return props->serialize(obj, buffer);
+}
+
 } // namespace
 
 zan_rcode kor_send_table_notification(const zan_table_def_t *def, zan_srv_send_notif_st *notif)
@@ -78,7 +86,7 @@ zan_rcode kor_send_table_notification(const zan_table_def_t *def, zan_srv_send_n
     const uint32_t alloc_len = obj->total_obj_size;
     void *buffer =
         def->num_elements_offset ? table_buffer(state, alloc_len) : __builtin_alloca(alloc_len);
-    const uint32_t serialize_sz = state->props->serialize(obj, buffer);
+    const uint32_t serialize_sz = write_object(state->props, obj, buffer);
     ZAN_ASSERT(serialize_sz <= alloc_len, "serialize_sz <= alloc_len");
     zan_notify_hdr_st hdr;
     fill_header(def, notif, &hdr);
