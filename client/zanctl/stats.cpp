@@ -80,36 +80,36 @@ const zan_stats_walk_st *walk_of(const answer_t &answer, uint32_t table_id)
     return nullptr;
 }
 
-void print_figures(const std::vector<figure_t> &figures)
+void print_figures(FILE *out, const std::vector<figure_t> &figures)
 {
     for (const figure_t &f : figures)
         for (size_t i = 0; i < f.values.size(); i++)
             if (f.values.size() == 1)
-                printf("%20llu  %s\n", (unsigned long long)f.values[i], f.name);
+                fprintf(out, "%20llu  %s\n", (unsigned long long)f.values[i], f.name);
             else if (f.values[i] != 0)
-                printf("%20llu  %s[%zu]\n", (unsigned long long)f.values[i], f.name, i);
+                fprintf(out, "%20llu  %s[%zu]\n", (unsigned long long)f.values[i], f.name, i);
 }
 
-void print_object(const zan_table_base_st *obj, const answer_t &answer)
+void print_object(FILE *out, const zan_table_base_st *obj, const answer_t &answer)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
-    printf("%s %s\n", def->name, key_text(obj).c_str());
-    print_figures(figures_of(obj));
+    fprintf(out, "%s %s\n", def->name, key_text(obj).c_str());
+    print_figures(out, figures_of(obj));
     const zan_stats_walk_st *walk = walk_of(answer, def->id);
     if (walk && walk->passes)
-        printf("as hardware counted %.1f s ago\n", seconds(walk->age_ns));
+        fprintf(out, "as hardware counted %.1f s ago\n", seconds(walk->age_ns));
     else if (walk)
-        printf("as hardware counts now: no walk was there yet\n");
+        fprintf(out, "as hardware counts now: no walk was there yet\n");
     else if (def->stats_table)
-        printf("no walk brings them in: as hardware counts now what no client has set\n");
+        fprintf(out, "no walk brings them in: as hardware counts now what no client has set\n");
     for (uint32_t i = 0; i < answer.head.num_adjacencies; i++) {
         const zan_stats_adj_st &adj = answer.adjacencies[i];
-        printf("%s\n%20llu  packets\n%20llu  bytes\n", adjacency_name(adj.index),
-               (unsigned long long)adj.packets, (unsigned long long)adj.bytes);
+        fprintf(out, "%s\n%20llu  packets\n%20llu  bytes\n", adjacency_name(adj.index),
+                (unsigned long long)adj.packets, (unsigned long long)adj.bytes);
         if (adj.counted)
-            printf("as hardware counted %.1f s ago\n", seconds(adj.age_ns));
+            fprintf(out, "as hardware counted %.1f s ago\n", seconds(adj.age_ns));
         else
-            printf("no walk was there yet\n");
+            fprintf(out, "no walk was there yet\n");
     }
 }
 
@@ -137,29 +137,29 @@ json_t object_figures(const zan_table_base_st *obj, const answer_t &answer)
 
 /* ---- All walks ---- */
 
-void print_walks(const answer_t &answer)
+void print_walks(FILE *out, const answer_t &answer)
 {
     if (answer.head.period_ms)
-        printf("walked every %.0f s\n", (double)answer.head.period_ms / 1000);
+        fprintf(out, "walked every %.0f s\n", (double)answer.head.period_ms / 1000);
     else
-        printf("walked on demand: --now\n");
+        fprintf(out, "walked on demand: --now\n");
     if (answer.head.num_walks == 0) {
-        printf("nothing: a table is walked from its first create on\n");
+        fprintf(out, "nothing: a table is walked from its first create on\n");
         return;
     }
-    printf("%-20s %-20s %10s %8s %8s %9s %9s %9s\n", "table", "of", "objects", "passes", "failed",
-           "s ago", "ms", "most ms");
+    fprintf(out, "%-20s %-20s %10s %8s %8s %9s %9s %9s\n", "table", "of", "objects", "passes",
+            "failed", "s ago", "ms", "most ms");
     for (uint32_t i = 0; i < answer.head.num_walks; i++) {
         const zan_stats_walk_st &w = answer.walks[i];
-        printf("%-20s %-20s %10llu %8llu %8llu ",
-               w.is_adjacency ? adjacency_name(w.id) : kor_table_name_get(w.id),
-               w.is_adjacency ? parent_name(w.id) : "", (unsigned long long)w.objects,
-               (unsigned long long)w.passes, (unsigned long long)w.failed);
+        fprintf(out, "%-20s %-20s %10llu %8llu %8llu ",
+                w.is_adjacency ? adjacency_name(w.id) : kor_table_name_get(w.id),
+                w.is_adjacency ? parent_name(w.id) : "", (unsigned long long)w.objects,
+                (unsigned long long)w.passes, (unsigned long long)w.failed);
         if (w.passes)
-            printf("%9.1f %9.3f %9.3f\n", seconds(w.age_ns), (double)w.took_ns / 1e6,
-                   (double)w.longest_ns / 1e6);
+            fprintf(out, "%9.1f %9.3f %9.3f\n", seconds(w.age_ns), (double)w.took_ns / 1e6,
+                    (double)w.longest_ns / 1e6);
         else
-            printf("%9s %9s %9s\n", "-", "-", "-");
+            fprintf(out, "%9s %9s %9s\n", "-", "-", "-");
     }
 }
 
@@ -216,9 +216,9 @@ int run_stats(session_t *session, const std::string &text, bool now)
         if (!ask(session, nullptr, now, &answer))
             return fail_session(session);
         if (session->json)
-            printf("%s\n", walks_json(answer).dump().c_str());
+            fprintf(session->out, "%s\n", walks_json(answer).dump().c_str());
         else
-            print_walks(answer);
+            print_walks(session->out, answer);
         return EXIT_WELL;
     }
     std::string why;
@@ -240,8 +240,8 @@ int run_stats(session_t *session, const std::string &text, bool now)
         return EXIT_REFUSED;
     }
     if (session->json)
-        printf("%s\n", object_figures(obj.get(), answer).dump().c_str());
+        fprintf(session->out, "%s\n", object_figures(obj.get(), answer).dump().c_str());
     else
-        print_object(obj.get(), answer);
+        print_object(session->out, obj.get(), answer);
     return EXIT_WELL;
 }

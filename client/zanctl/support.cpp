@@ -177,6 +177,7 @@ void add_texts(bundle_t *bundle, const session_t &session)
         {"failed.txt", [](session_t *s) { return run_failed(s, "", {}); }},
         {"quarantine.txt", [](session_t *s) { return run_quarantine(s, "", {}); }},
         {"events.txt", [](session_t *s) { return run_events(s, ""); }},
+        {"stats.txt", [](session_t *s) { return run_stats(s, "", false); }},
         {"trace_classes.txt", [](session_t *s) { return run_trace_classes(s, {}, {}); }},
         {"trace.txt", [&](session_t *s) { return run_trace(s, whole_ring); }},
     };

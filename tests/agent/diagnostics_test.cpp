@@ -296,7 +296,7 @@ TEST_F(diagnostics, archives_what_the_commands_show)
         EXPECT_EQ(in_archive, "case/" + name);
         EXPECT_EQ(shell("tar xzOf " + archive + " " + in_archive + " | wc -c"), bytes + "\n");
     }
-    EXPECT_EQ(members, 13u) << made.text;
+    EXPECT_EQ(members, 14u) << made.text;
     for (const char *command : {"about", "counters", "resources", "failed", "quarantine", "events"})
         EXPECT_EQ(member(std::string(command) + ".txt"), run(command).text);
     EXPECT_NE(member("about.txt").find("--retries 7"), std::string::npos);
