@@ -14,6 +14,7 @@
 struct replay_t {
     bool running;
     std::vector<uint32_t> before; /* its counters when it began; empty: none has */
+    uint32_t dropped;             /* objects in quarantine that were not sent again */
 };
 
 /* The node as the dispatcher thread knows it. */

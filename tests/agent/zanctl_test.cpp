@@ -403,6 +403,42 @@ TEST_F(zanctl, replays_what_a_client_sends_again)
     EXPECT_EQ(run("eod iproute").status, 2) << "it does not hear it";
 }
 
+/* A group fails for good and takes two routes with it. The client sends one of them again, which is
+ * refused for its parent, and the group and the other no more. */
+TEST_F(zanctl, a_replay_ends_what_lies_in_quarantine)
+{
+    start({"--retries", "1"});
+    const std::string route = "create iproute vrf_id=0 next_obj.ipnhgroup.nhg_id=7 prefix=";
+    ASSERT_EQ(run("apply " + write_file("first", "create ipnhgroup nhg_id=7\n" + route +
+                                                     "10.0.0.0/8\n" + route + "11.0.0.0/8\n"))
+                  .status,
+              0);
+    ASSERT_EQ(run("compare").status, 0);
+    ASSERT_EQ(run("sim --fail 0 --table ipnhgroup --npu 0 --operation update").status, 0);
+    ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0);
+    wait_for("quarantine", "3 out of service now");
+    ASSERT_EQ(run("sim --well").status, 0);
+
+    EXPECT_EQ(run("replay start").text, "iproute              0 marked\n"
+                                        "ipnhgroup            0 marked\n");
+    const result_t again = run(route + "11.0.0.0/8");
+    EXPECT_NE(again.text.find("0x4f908040"), std::string::npos) << again.text;
+    EXPECT_EQ(run("replay end").text,
+              "iproute              0 kept, 0 changed, 1 asked for anew, 0 swept, 1 dropped from "
+              "quarantine\n"
+              "ipnhgroup            0 kept, 0 changed, 0 asked for anew, 0 swept, 1 dropped from "
+              "quarantine\n");
+    EXPECT_EQ(run("quarantine").text,
+              "iproute vrf_id=0 prefix=11.0.0.0/8: taken out for ipnhgroup nhg_id=7\n"
+              "1 out of service now; 3 taken out since the start, 0 put back\n");
+    ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 0);
+    ASSERT_EQ(run("quarantine --release").status, 0);
+    wait_for("quarantine", "0 out of service now; 3 taken out since the start, 1 put back\n");
+    EXPECT_EQ(run("list iproute").text,
+              "iproute vrf_id=0 prefix=11.0.0.0/8 next_obj.ipnhgroup.nhg_id=7\n");
+    EXPECT_EQ(run("compare").status, 0);
+}
+
 TEST_F(zanctl, decodes_the_trace_ring)
 {
     start({});

@@ -324,6 +324,56 @@ TEST_F(Retry, AnOperatorDecidesOtherwise)
     EXPECT_EQ(zan_host_retry_run(), UINT64_MAX) << "nothing waits";
 }
 
+/* Neither a retry nor a release is the client: what it has not sent since the start of a replay
+ * goes at the end, wherever it was meanwhile. */
+TEST_F(Retry, AReplaySeesThroughRetryAndQuarantine)
+{
+    const zan_host_retry_config_st config = {10, 40, 3, 1};
+    zan_host_retry_configure(&config);
+    const zan_table_def_t *def = table("iproute");
+    auto replay = [](const char *name, zan_table_operation_et operation) {
+        object_t marker(zan_obj_ctor(table(name), 0, 0));
+        marker->table_operation = (uint8_t)operation;
+        EXPECT_EQ(run(marker).rc, (zan_rcode)EOK);
+        if (operation == ZAN_TABLE_REPLAY_START)
+            zan_host_quarantine_replay_start(marker.get());
+    };
+    for (uint32_t i = 0; i < 4; i++)
+        create(route(i));
+    settle();
+    fail("iproute", 1, ZAN_TABLE_UPDATE);
+    for (uint32_t i = 0; i < 2; i++)
+        update(route(i) + " bgp_as=7");
+    pass(1000);
+    ASSERT_EQ(counts().quarantined, 2u);
+    update(route(2) + " bgp_as=7"); /* goes into quarantine during the replay */
+    fail("ipnhgroup", 1, ZAN_TABLE_UPDATE, 2);
+    const std::string group = "ipnhgroup nhg_id=1 nexthop_next_obj[0].ipnh.nh_id=1";
+    update(group + " is_pbts=true");
+    settle();
+
+    replay("iproute", ZAN_TABLE_REPLAY_START);
+    replay("ipnhgroup", ZAN_TABLE_REPLAY_START);
+    pass(1000);
+    EXPECT_EQ(counts().recovered, 1u);
+    EXPECT_TRUE(named(group)->flag & ZAN_FLAG_STALE) << "only its retry wrote it";
+    ASSERT_EQ(counts().quarantined, 3u);
+    npu_sim_fail_no_more();
+    for (uint32_t i = 0; i < 2; i++)
+        zan_host_quarantine_release(def->id, zan_obj_key(def, object(route(i)).get()));
+    pass(1000);
+    EXPECT_EQ(zan_db_count(def->id), 3u);
+    create(route(1));
+    create(route(3));
+    replay("iproute", ZAN_TABLE_REPLAY_END);
+    EXPECT_EQ(zan_host_quarantine_replay_end(def->id), 1u) << "the third";
+    settle();
+    EXPECT_FALSE(named(route(0)));
+    EXPECT_TRUE(named(route(1)) && named(route(3)));
+    EXPECT_EQ(zan_db_count(def->id), 2u);
+    EXPECT_EQ(hardware_differs(npus), "");
+}
+
 /* Two hundred objects out of service: what looks for one of them, or for one that there never was,
  * walks a list of that length, and that is told once. */
 TEST_F(Retry, ALongQuarantineIsToldWhenItIsSearched)
