@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -38,7 +39,8 @@ constexpr uint32_t text_words = ZAN_TRACE_TEXT_WORDS;
 constexpr size_t ring_bytes = records_per_ring * sizeof(zan_trace_slot_st);
 using record_t = zan_trace_slot_st;
 
-struct ring_t {
+/* In a cache line of its own, which no other thread writes. */
+struct alignas(64) ring_t {
     uint32_t taken;
     uint64_t next; /* records ever written; its thread's alone */
     record_t *records;
@@ -49,12 +51,14 @@ uint64_t traces_without_ring;
 zan_trace_file_st *file; /* the rings lie behind it; null: each in memory of its own */
 int file_fd = -1;        /* locked: its process lives */
 
+/* This thread's, or null: it has not traced yet, or has found none free. */
+thread_local constinit ring_t *own_ring = nullptr;
+
 struct claim_t {
-    ring_t *ring = nullptr;
     bool tried = false;
     ~claim_t()
     {
-        if (ring)
+        if (ring_t *ring = std::exchange(own_ring, nullptr))
             __atomic_store_n(&ring->taken, 0, __ATOMIC_RELEASE);
     }
 };
@@ -90,20 +94,35 @@ ring_t *claim_ring()
             }
             __atomic_store_n(&ring.records, (record_t *)memory, __ATOMIC_RELEASE);
         }
-        claim.ring = &ring;
         return &ring;
     }
     return nullptr;
 }
 
-record_t *open_record(zan_trace_class_t c, uint64_t msg)
+/* The first trace of a thread, and each of one that has no ring: out of the way of all others. */
+[[gnu::noinline, gnu::cold]] bool find_ring()
 {
-    ring_t *ring = claim.ring;
-    if (!ring && (claim.tried || !(ring = claim_ring()))) {
+    if (!claim.tried)
+        own_ring = claim_ring();
+    if (!own_ring)
         __atomic_fetch_add(&traces_without_ring, 1, __ATOMIC_RELAXED);
+    return own_ring != nullptr;
+}
+
+record_t *record_at(const ring_t *ring, uint64_t position)
+{
+    return &ring->records[position & (records_per_ring - 1)];
+}
+
+/* The record behind this one is fetched into the cache meanwhile: most often it has left it since
+ * the ring came round last. */
+[[gnu::always_inline]] inline record_t *open_record(zan_trace_class_t c, uint64_t msg)
+{
+    if (ZAN_UNLIKELY(!own_ring) && !find_ring())
         return nullptr;
-    }
-    record_t *r = &ring->records[ring->next++ & (records_per_ring - 1)];
+    ring_t *ring = own_ring;
+    record_t *r = record_at(ring, ring->next++);
+    __builtin_prefetch(record_at(ring, ring->next), 1);
     put(&r->sequence, 0);
     __atomic_thread_fence(__ATOMIC_RELEASE);
     put(&r->msg, msg);
@@ -123,7 +142,6 @@ template <class... A> void write(zan_trace_class_t c, uint64_t msg, A... args)
         return;
     uint32_t i = 0;
     (put(&r->arg[i++], args), ...);
-    put(&r->text[0], 0);
     close_record(r);
 }
 
