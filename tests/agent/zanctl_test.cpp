@@ -439,6 +439,30 @@ TEST_F(zanctl, a_replay_ends_what_lies_in_quarantine)
     EXPECT_EQ(run("compare").status, 0);
 }
 
+/* Nothing is told of its replay before; the other tables of the command have theirs. */
+TEST_F(zanctl, a_refused_replay_stands_alone)
+{
+    start({"--platform", FORGETFUL_PLATFORM});
+    ASSERT_EQ(run("apply " + write_file("first", "create meterprofile profile_id=1\n"
+                                                 "create meterprofile profile_id=2\n"
+                                                 "create lagport intf=1\n"))
+                  .status,
+              0);
+    EXPECT_EQ(run("replay start meterprofile").text, "meterprofile         2 marked\n");
+    ASSERT_EQ(run("create meterprofile profile_id=1").status, 0);
+    EXPECT_EQ(run("replay end").text,
+              "meterprofile         1 kept, 0 changed, 0 asked for anew, 1 swept\n");
+    const result_t both = run("replay start meterprofile lagport");
+    EXPECT_EQ(both.status, 1);
+    EXPECT_EQ(both.text,
+              "zanctl: meterprofile refused: 0x4f908016 ZAN_RC_INVALID: invalid request\n"
+              "lagport              1 marked\n");
+    EXPECT_EQ(run("replay end meterprofile").status, 2) << "none is under way";
+    EXPECT_EQ(run("replay end").text,
+              "lagport              0 kept, 0 changed, 0 asked for anew, 1 swept\n");
+    EXPECT_EQ(run("list meterprofile").text, "meterprofile profile_id=1\n");
+}
+
 TEST_F(zanctl, decodes_the_trace_ring)
 {
     start({});
