@@ -158,9 +158,11 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
 /* Take in what the NPUs are done with. */
 void settle(node_t *node)
 {
-    const dispatcher_hold_t hold;
-    zan_dsp_q_process_post_npu();
-    count_trace_errors(node);
+    {
+        const dispatcher_hold_t hold;
+        zan_dsp_q_process_post_npu();
+    }
+    node->trace_errors += zan_host_trace_new_errors();
 }
 
 void serve(node_t *node, transport_t *transport)

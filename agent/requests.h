@@ -29,8 +29,8 @@ struct node_t {
     int64_t first_ms;
     uint64_t batches, objects, refused;
     replay_t replays[ZAN_NUM_TABLES];
-    uint32_t sim_failures;             /* rules that simulated NPUs were given */
-    uint64_t trace_seen, trace_errors; /* last sequence looked at; errors so far */
+    uint32_t sim_failures; /* rules that simulated NPUs were given */
+    uint64_t trace_errors; /* seen in the trace ring */
 };
 
 struct answer_t {
@@ -92,8 +92,6 @@ bool set_resources(const npu_control_t &npus, const char *const *words);
 /* A request that cannot be run as it stands, with the field at fault; it is counted. */
 answer_t refuse_request(node_t *node, const char *field, const char *text);
 
-/* Count the new errors in the trace ring, before they are overwritten. */
-void count_trace_errors(node_t *node);
 int64_t monotonic_ms();
 
 #endif

@@ -62,6 +62,9 @@ ZAN_EXPORT uint32_t zan_host_frr_waiting(void);
 ZAN_EXPORT bool zan_host_trace_open(const char *path);
 /* Note in the file which cycle it is now; now and then. One thread. */
 ZAN_EXPORT void zan_host_trace_tick(void);
+/* The records of error classes since the last call, of all threads. It looks at what is new and at
+ * nothing else; of what was overwritten meanwhile it knows nothing. Without locks. One thread. */
+ZAN_EXPORT uint64_t zan_host_trace_new_errors(void);
 
 /* ---- Internal queues ---- */
 

@@ -42,7 +42,7 @@ using record_t = zan_trace_slot_st;
 /* In a cache line of its own, which no other thread writes. */
 struct alignas(64) ring_t {
     uint32_t taken;
-    uint64_t next; /* records ever written; its thread's alone */
+    uint64_t next; /* records ever written: what others see of it is whole */
     record_t *records;
 };
 
@@ -120,9 +120,9 @@ record_t *record_at(const ring_t *ring, uint64_t position)
 {
     if (ZAN_UNLIKELY(!own_ring) && !find_ring())
         return nullptr;
-    ring_t *ring = own_ring;
-    record_t *r = record_at(ring, ring->next++);
-    __builtin_prefetch(record_at(ring, ring->next), 1);
+    const ring_t *ring = own_ring;
+    record_t *r = record_at(ring, ring->next);
+    __builtin_prefetch(record_at(ring, ring->next + 1), 1);
     put(&r->sequence, 0);
     __atomic_thread_fence(__ATOMIC_RELEASE);
     put(&r->msg, msg);
@@ -133,6 +133,7 @@ record_t *record_at(const ring_t *ring, uint64_t position)
 void close_record(record_t *r)
 {
     __atomic_store_n(&r->sequence, zan_clock_cycles(), __ATOMIC_RELEASE);
+    __atomic_store_n(&own_ring->next, own_ring->next + 1, __ATOMIC_RELEASE);
 }
 
 template <class... A> void write(zan_trace_class_t c, uint64_t msg, A... args)
@@ -335,4 +336,32 @@ uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
     }
     std::sort_heap(out, out + n, older);
     return n;
+}
+
+/* A record that its thread has gone round to is another by now. */
+static uint64_t count_new_errors(const ring_t *ring, const record_t *records, uint64_t *seen)
+{
+    const uint64_t end = __atomic_load_n(&ring->next, __ATOMIC_ACQUIRE);
+    uint64_t at = std::max(*seen, end - std::min<uint64_t>(end, records_per_ring));
+    uint64_t errors = 0;
+    zan_trace_record_st r;
+    for (; at < end; at++) {
+        if (!zan_trace_take(&records[at & (records_per_ring - 1)], &r))
+            continue;
+        const bool is_there =
+            __atomic_load_n(&ring->next, __ATOMIC_ACQUIRE) - at < records_per_ring;
+        errors += is_there && zan_trace_class_level(r.trace_class) == ZAN_TRACE_LEVEL_ERROR;
+    }
+    *seen = end;
+    return errors;
+}
+
+uint64_t zan_host_trace_new_errors(void)
+{
+    static uint64_t seen[max_rings];
+    uint64_t errors = 0;
+    for (uint32_t i = 0; i < max_rings; i++)
+        if (const record_t *records = __atomic_load_n(&rings[i].records, __ATOMIC_ACQUIRE))
+            errors += count_new_errors(&rings[i], records, &seen[i]);
+    return errors;
 }

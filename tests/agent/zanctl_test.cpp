@@ -473,6 +473,11 @@ TEST_F(zanctl, decodes_the_trace_ring)
               1);
     ASSERT_EQ(run("update iproute vrf_id=0 prefix=10.0.0.0/8 bgp_as=7").status, 0);
 
+    const std::string all = run("trace --errors").text;
+    const auto lines = std::count(all.begin(), all.end(), '\n');
+    EXPECT_NE(run("--json status").text.find("\"trace_errors\":" + std::to_string(lines) + ","),
+              std::string::npos)
+        << all;
     const std::string errors = run("trace --errors --table iproute").text;
     for (const char *part :
          {"iproute_error", "iproute: parent not found: trans 21474836", "nhg_id=8"})
