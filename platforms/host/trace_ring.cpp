@@ -260,7 +260,7 @@ static int new_file(const char *path)
     return fd;
 }
 
-/* A ring that is in use already moves; its thread is the caller. */
+/* A ring that is in use already moves. */
 bool zan_host_trace_open(const char *path)
 {
     constexpr size_t bytes = ZAN_TRACE_FILE_HEAD_SIZE + max_rings * ring_bytes;

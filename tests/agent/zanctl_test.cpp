@@ -512,8 +512,18 @@ TEST_F(zanctl, reads_the_trace_of_an_agent_that_was_killed)
     EXPECT_EQ(run("trace --file " + write_file("other", "no such thing")).status, 2);
     EXPECT_EQ(run("trace --file " + process.directory + "/none").status, 2);
 
+    /* One whose start is refused leaves it where it is, the next one keeps it. */
     const std::string directory = process.directory;
-    start({"--trace-file", file}); /* what the next one finds, it keeps */
+    for (const std::string wrong : {"refused --capacity nonsense=4", "refused --platform none",
+                                    "other" /* which is no socket */}) {
+        const std::string command = "timeout 20 " ZAN_AGENT_PROGRAM " --trace-file " + file +
+                                    " --socket " + directory + "/" + wrong + " >> " + directory +
+                                    "/log 2>&1";
+        status = system(command.c_str());
+        EXPECT_TRUE(WEXITSTATUS(status) == 1 || WEXITSTATUS(status) == 2) << wrong;
+    }
+    EXPECT_FALSE(std::filesystem::exists(file + ".old"));
+    start({"--trace-file", file});
     EXPECT_TRUE(std::filesystem::exists(file + ".old"));
     std::filesystem::remove_all(directory);
 }
