@@ -114,6 +114,8 @@ bool hooks_are_there(const node_t *node, const zan_agent_options_t *options)
     return false;
 }
 
+/* Once nothing refuses the start any more: the file of the agent before must not go aside for one
+ * that does not run. What was traced so far moves along. */
 void open_trace(const zan_agent_options_t *options)
 {
     if (options->trace_file && strcmp(options->trace_file, "none") == 0)
@@ -168,9 +170,11 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
 /* Take in what the NPUs are done with. */
 void settle(node_t *node)
 {
-    const dispatcher_hold_t hold;
-    zan_dsp_q_process_post_npu();
-    count_trace_errors(node);
+    {
+        const dispatcher_hold_t hold;
+        zan_dsp_q_process_post_npu();
+    }
+    node->trace_errors += zan_host_trace_new_errors();
 }
 
 void serve(node_t *node, transport_t *transport)
@@ -230,6 +234,7 @@ int serve_until_stopped(const zan_agent_options_t *options)
             transport_start(options->socket_path, node.facts, next_notification));
         if (!transport)
             return 1;
+        open_trace(options);
         zan_host_notif_set_receiver(wake_transport, transport.get());
         printf("zan_agent: %u NPUs%s, %d tables; listening at %s\n", options->num_npus,
                options->standby ? " on standby" : "", ZAN_NUM_TABLES, options->socket_path);
@@ -272,7 +277,6 @@ npu_control_t npu_control_find()
 int zan_agent_main(const zan_agent_options_t *options)
 {
     block_signals();
-    open_trace(options);
     zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
     if (!start_host(options))
         return 1;

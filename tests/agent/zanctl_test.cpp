@@ -436,6 +436,66 @@ TEST_F(zanctl, shows_counters_and_the_walks_that_bring_them_in)
     }
 }
 
+/* A group fails for good and takes two routes with it. The client sends one of them again, which is
+ * refused for its parent, and the group and the other no more. */
+TEST_F(zanctl, a_replay_ends_what_lies_in_quarantine)
+{
+    start({"--retries", "1"});
+    const std::string route = "create iproute vrf_id=0 next_obj.ipnhgroup.nhg_id=7 prefix=";
+    ASSERT_EQ(run("apply " + write_file("first", "create ipnhgroup nhg_id=7\n" + route +
+                                                     "10.0.0.0/8\n" + route + "11.0.0.0/8\n"))
+                  .status,
+              0);
+    ASSERT_EQ(run("compare").status, 0);
+    ASSERT_EQ(run("sim --fail 0 --table ipnhgroup --npu 0 --operation update").status, 0);
+    ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0);
+    wait_for("quarantine", "3 out of service now");
+    ASSERT_EQ(run("sim --well").status, 0);
+
+    EXPECT_EQ(run("replay start").text, "iproute              0 marked\n"
+                                        "ipnhgroup            0 marked\n");
+    const result_t again = run(route + "11.0.0.0/8");
+    EXPECT_NE(again.text.find("0x4f908040"), std::string::npos) << again.text;
+    EXPECT_EQ(run("replay end").text,
+              "iproute              0 kept, 0 changed, 1 asked for anew, 0 swept, 1 dropped from "
+              "quarantine\n"
+              "ipnhgroup            0 kept, 0 changed, 0 asked for anew, 0 swept, 1 dropped from "
+              "quarantine\n");
+    EXPECT_EQ(run("quarantine").text,
+              "iproute vrf_id=0 prefix=11.0.0.0/8: taken out for ipnhgroup nhg_id=7\n"
+              "1 out of service now; 3 taken out since the start, 0 put back\n");
+    ASSERT_EQ(run("create ipnhgroup nhg_id=7").status, 0);
+    ASSERT_EQ(run("quarantine --release").status, 0);
+    wait_for("quarantine", "0 out of service now; 3 taken out since the start, 1 put back\n");
+    EXPECT_EQ(run("list iproute").text,
+              "iproute vrf_id=0 prefix=11.0.0.0/8 next_obj.ipnhgroup.nhg_id=7\n");
+    EXPECT_EQ(run("compare").status, 0);
+}
+
+/* Nothing is told of its replay before; the other tables of the command have theirs. */
+TEST_F(zanctl, a_refused_replay_stands_alone)
+{
+    start({"--platform", FORGETFUL_PLATFORM});
+    ASSERT_EQ(run("apply " + write_file("first", "create meterprofile profile_id=1\n"
+                                                 "create meterprofile profile_id=2\n"
+                                                 "create lagport intf=1\n"))
+                  .status,
+              0);
+    EXPECT_EQ(run("replay start meterprofile").text, "meterprofile         2 marked\n");
+    ASSERT_EQ(run("create meterprofile profile_id=1").status, 0);
+    EXPECT_EQ(run("replay end").text,
+              "meterprofile         1 kept, 0 changed, 0 asked for anew, 1 swept\n");
+    const result_t both = run("replay start meterprofile lagport");
+    EXPECT_EQ(both.status, 1);
+    EXPECT_EQ(both.text,
+              "zanctl: meterprofile refused: 0x4f908016 ZAN_RC_INVALID: invalid request\n"
+              "lagport              1 marked\n");
+    EXPECT_EQ(run("replay end meterprofile").status, 2) << "none is under way";
+    EXPECT_EQ(run("replay end").text,
+              "lagport              0 kept, 0 changed, 0 asked for anew, 1 swept\n");
+    EXPECT_EQ(run("list meterprofile").text, "meterprofile profile_id=1\n");
+}
+
 TEST_F(zanctl, decodes_the_trace_ring)
 {
     start({});
@@ -446,6 +506,11 @@ TEST_F(zanctl, decodes_the_trace_ring)
               1);
     ASSERT_EQ(run("update iproute vrf_id=0 prefix=10.0.0.0/8 bgp_as=7").status, 0);
 
+    const std::string all = run("trace --errors").text;
+    const auto lines = std::count(all.begin(), all.end(), '\n');
+    EXPECT_NE(run("--json status").text.find("\"trace_errors\":" + std::to_string(lines) + ","),
+              std::string::npos)
+        << all;
     const std::string errors = run("trace --errors --table iproute").text;
     for (const char *part :
          {"iproute_error", "iproute: parent not found: trans 21474836", "nhg_id=8"})
@@ -480,8 +545,18 @@ TEST_F(zanctl, reads_the_trace_of_an_agent_that_was_killed)
     EXPECT_EQ(run("trace --file " + write_file("other", "no such thing")).status, 2);
     EXPECT_EQ(run("trace --file " + process.directory + "/none").status, 2);
 
+    /* One whose start is refused leaves it where it is, the next one keeps it. */
     const std::string directory = process.directory;
-    start({"--trace-file", file}); /* what the next one finds, it keeps */
+    for (const std::string wrong : {"refused --capacity nonsense=4", "refused --platform none",
+                                    "other" /* which is no socket */}) {
+        const std::string command = "timeout 20 " ZAN_AGENT_PROGRAM " --trace-file " + file +
+                                    " --socket " + directory + "/" + wrong + " >> " + directory +
+                                    "/log 2>&1";
+        status = system(command.c_str());
+        EXPECT_TRUE(WEXITSTATUS(status) == 1 || WEXITSTATUS(status) == 2) << wrong;
+    }
+    EXPECT_FALSE(std::filesystem::exists(file + ".old"));
+    start({"--trace-file", file});
     EXPECT_TRUE(std::filesystem::exists(file + ".old"));
     std::filesystem::remove_all(directory);
 }
