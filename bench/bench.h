@@ -74,7 +74,7 @@ struct batches_t {
     std::function<void()> remove_all;
 };
 
-/* What a trace costs, so many calls a round; prints its results. */
+/* What a trace costs, by so many calls; prints its results. */
 void run_traces(size_t calls, const batches_t &batches);
 /* Nothing but so many calls, with all classes on or off: for counting their instructions. */
 void count_traces(size_t calls, bool on);

@@ -10,7 +10,7 @@
  *   update   each to another group, asynchronous, in that shuffle
  *   delete   all of them, asynchronous, in that shuffle; nothing may be left
  *   walk     alone, see walk.cpp: a change carried to 1,000 up to N children of one object
- *   trace    alone, see trace.cpp: N calls a round, and the create of N routes with traces and
+ *   trace    alone, see trace.cpp: N calls, and the create of N routes with traces and
  * without
  *
  * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for
