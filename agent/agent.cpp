@@ -116,7 +116,9 @@ bool hooks_are_there(const node_t *node, const zan_agent_options_t *options)
     return false;
 }
 
-/* The file with its directory; empty when the ring is in memory. */
+/* Once nothing refuses the start any more: the file of the agent before must not go aside for one
+ * that does not run. What was traced so far moves along. The file with its directory; empty when
+ * the ring is in memory. */
 std::string open_trace(const zan_agent_options_t *options)
 {
     if (options->trace_file && strcmp(options->trace_file, "none") == 0)
@@ -183,9 +185,11 @@ answer_t run_request(node_t *node, const transport_t *transport, request_t *requ
 /* Take in what the NPUs are done with. */
 void settle(node_t *node)
 {
-    const dispatcher_hold_t hold;
-    zan_dsp_q_process_post_npu();
-    count_trace_errors(node);
+    {
+        const dispatcher_hold_t hold;
+        zan_dsp_q_process_post_npu();
+    }
+    node->trace_errors += zan_host_trace_new_errors();
 }
 
 void give_metrics(const node_t &node, const transport_t *transport, metrics_server_t *metrics)
@@ -258,11 +262,10 @@ void ask_for_metrics(void *transport)
     transport_put((transport_t *)transport);
 }
 
-int serve_until_stopped(const zan_agent_options_t *options, const std::string &trace_file)
+int serve_until_stopped(const zan_agent_options_t *options)
 {
     static node_t node;
     learn_node(&node, options);
-    node.trace_file = trace_file;
     if (!set_resources(node.npus, options->resources))
         return 2;
     set_retries(options->retries);
@@ -278,6 +281,7 @@ int serve_until_stopped(const zan_agent_options_t *options, const std::string &t
                              : nullptr);
         if (options->metrics && !metrics)
             return 1;
+        node.trace_file = open_trace(options);
         zan_host_notif_set_receiver(wake_transport, transport.get());
         printf("zan_agent: %u NPUs%s, %d tables; listening at %s\n", options->num_npus,
                options->standby ? " on standby" : "", ZAN_NUM_TABLES, options->socket_path);
@@ -320,13 +324,12 @@ npu_control_t npu_control_find()
 int zan_agent_main(const zan_agent_options_t *options)
 {
     block_signals();
-    const std::string trace_file = open_trace(options);
     zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
     if (!start_host(options))
         return 1;
     int status = 1;
     try {
-        status = serve_until_stopped(options, trace_file);
+        status = serve_until_stopped(options);
     } catch (const std::exception &e) {
         fprintf(stderr, "zan_agent: %s\n", e.what());
     }

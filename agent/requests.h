@@ -16,6 +16,7 @@
 struct replay_t {
     bool running;
     std::vector<uint32_t> before; /* its counters when it began; empty: none has */
+    uint32_t dropped;             /* objects in quarantine that were not sent again */
 };
 
 /* The node as the dispatcher thread knows it. */
@@ -31,9 +32,9 @@ struct node_t {
     int64_t first_ms;
     uint64_t batches, objects, refused;
     replay_t replays[ZAN_NUM_TABLES];
-    uint32_t sim_failures;             /* rules that simulated NPUs were given */
-    uint64_t trace_seen, trace_errors; /* last sequence looked at; errors so far */
-    std::string trace_file;            /* with its directory; empty: the ring is in memory */
+    uint32_t sim_failures;  /* rules that simulated NPUs were given */
+    uint64_t trace_errors;  /* seen in the trace ring */
+    std::string trace_file; /* with its directory; empty: the ring is in memory */
 };
 
 struct answer_t {
@@ -108,8 +109,6 @@ answer_t refuse_request(node_t *node, const char *field, const char *text);
 const zan_table_base_st *named_object(node_t *node, request_t *request, size_t head,
                                       answer_t *refusal);
 
-/* Count the new errors in the trace ring, before they are overwritten. */
-void count_trace_errors(node_t *node);
 int64_t monotonic_ms();
 
 #endif

@@ -2,6 +2,7 @@
  * itself is done between requests, by the host's retry. */
 #include "requests.h"
 
+#include "host_control.h"
 #include "host_retry.h"
 
 #include <cstring>
@@ -160,15 +161,16 @@ void set_retries(uint32_t budget)
 
 int64_t retry_failed_writes(node_t *node)
 {
-    const dispatcher_hold_t hold;
     uint64_t us;
     try {
+        const dispatcher_hold_t hold;
         us = zan_host_retry_run();
     } catch (const std::bad_alloc &) {
         us = 1'000'000; /* there may be memory again then */
     }
     if (us == UINT64_MAX)
         return INT64_MAX;
-    count_trace_errors(node); /* retries trace theirs while nobody asks for anything */
+    /* Retries trace theirs while nobody asks for anything. */
+    node->trace_errors += zan_host_trace_new_errors();
     return (int64_t)((us + 999) / 1000);
 }

@@ -5,26 +5,17 @@
 
 #include "exec_queue.h"
 #include "global_context.h"
+#include "host_control.h"
 #include "host_services.h"
 #include "object_memory.h"
 #include "table_crud_ctx.h"
 #include "table_database.h"
-#include "trace.h"
 
 #include <cstring>
 #include <ctime>
 
 namespace
 {
-
-bool is_error_class(zan_trace_class_t c)
-{
-    if (c < ZAN_SHARED_TRACE_CLASS_BASE)
-        return c % 3 == ZAN_TRACE_LEVEL_ERROR - 1;
-    return c == ZAN_CLASS_ZAN_QUEUE_ERROR__ || c == ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__ ||
-           c == ZAN_CLASS_ZAN_FILE_A_BUGTRK_ERROR__ || c == ZAN_CLASS_ZAN_BWALK_ERROR__ ||
-           c == ZAN_CLASS_ZAN_RETRY_ERROR__;
-}
 
 void fill_npu(const node_t *node, uint32_t npu, zan_npu_status_st *out)
 {
@@ -116,26 +107,13 @@ int64_t monotonic_ms()
     return (int64_t)t.tv_sec * 1000 + t.tv_nsec / 1000000;
 }
 
-void count_trace_errors(node_t *node)
-{
-    constexpr uint32_t chunk = 256;
-    static zan_trace_record_st records[chunk]; /* dispatcher thread only */
-    for (uint32_t n = chunk; n == chunk;) {
-        n = zan_trace_read(node->trace_seen, records, chunk);
-        for (uint32_t i = 0; i < n; i++)
-            node->trace_errors += is_error_class(records[i].trace_class);
-        if (n)
-            node->trace_seen = records[n - 1].sequence;
-    }
-}
-
 answer_t run_status(node_t *node, const transport_t *transport)
 {
     zan_status_st status = {};
     zan_table_status_st table;
     std::vector<uint8_t> frame(sizeof(zan_frame_hdr_st) + sizeof status);
+    node->trace_errors += zan_host_trace_new_errors();
     const dispatcher_hold_t hold;
-    count_trace_errors(node);
     fill_node(node, transport, &status);
     for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
         if (!fill_table(node, id, &status, &table))

@@ -90,6 +90,7 @@ answer_t run_table(node_t *node, const request_t &request)
         memcpy(record.counters[i], ctx->counters[sets[i]][def->id], sizeof record.counters[i]);
     const std::vector<uint32_t> &before = node->replays[def->id].before;
     record.replaying = node->replays[def->id].running;
+    record.replay_dropped = node->replays[def->id].dropped;
     for (uint32_t i = 0; i < before.size(); i++)
         record.counters[3][i] = record.counters[0][i] - before[i];
     std::vector<uint8_t> frame(sizeof(zan_frame_hdr_st) + sizeof record);

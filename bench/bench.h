@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,18 @@ void run_request(zan_table_base_st *obj);
 
 /* What a walk costs, by number of children up to the greatest: prints its results. */
 void run_walks(size_t greatest);
+
+/* Routes to create batch by batch, each of which says how many seconds it took. */
+struct batches_t {
+    size_t count;
+    std::function<double(size_t batch)> create;
+    std::function<void()> remove_all;
+};
+
+/* What a trace costs, by so many calls; prints its results. */
+void run_traces(size_t calls, const batches_t &batches);
+/* Nothing but so many calls, with all classes on or off: for counting their instructions. */
+void count_traces(size_t calls, bool on);
 
 class stopwatch_t
 {

@@ -1,6 +1,6 @@
 /* zan_bench: the cost of the main job, as a ratio to a floor on the same keys in the same run.
  *
- *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|update|delete|all|walk]
+ *   zan_bench [--prefixes FILE] [--objects N] [--phase create|read|update|delete|all|walk|trace]
  *             [--only server|floor] [--stepped SEED]
  *
  * One NPU whose hooks return at once. A phase comes behind the create that it needs.
@@ -10,9 +10,12 @@
  *   update   each to another group, asynchronous, in that shuffle
  *   delete   all of them, asynchronous, in that shuffle; nothing may be left
  *   walk     alone, see walk.cpp: a change carried to 1,000 up to N children of one object
+ *   trace    alone, see trace.cpp: N calls, and the create of N routes with traces and
+ * without
  *
  * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for
- * counting instructions.
+ * counting instructions; of the traces, `server` are N calls with their class on, `floor` with it
+ * off.
  */
 #include "bench.h"
 
@@ -37,7 +40,7 @@ constexpr uint32_t num_groups = 1000;
 struct options_t {
     std::string prefixes = "examples/prefixes.txt.gz";
     size_t objects = 1'000'000;
-    bool read = true, update = true, remove = true, walk = false;
+    bool read = true, update = true, remove = true, walk = false, trace = false;
     bool server = true, floor = true;
     bool stepped = false;
     uint64_t seed = 0;
@@ -45,10 +48,9 @@ struct options_t {
 
 [[noreturn]] void usage()
 {
-    fprintf(
-        stderr,
-        "usage: zan_bench [--prefixes FILE] [--objects N] "
-        "[--phase create|read|update|delete|all|walk] [--only server|floor] [--stepped SEED]\n");
+    fprintf(stderr, "usage: zan_bench [--prefixes FILE] [--objects N] "
+                    "[--phase create|read|update|delete|all|walk|trace] [--only server|floor] "
+                    "[--stepped SEED]\n");
     exit(2);
 }
 
@@ -66,6 +68,7 @@ options_t parse(int argc, char **argv)
             o.update = value == "update" || value == "all";
             o.remove = value == "delete" || value == "all";
             o.walk = value == "walk";
+            o.trace = value == "trace";
         } else if (name == "--only")
             (value == "server" ? o.floor : o.server) = false;
         else if (name == "--stepped") {
@@ -130,18 +133,28 @@ void create_groups(const char *table)
     }
 }
 
-double server_write(messages_t *m)
+void write_batch(messages_t *m, size_t batch)
+{
+    const auto &[offset, length] = m->batches[batch];
+    zan_table_response_st slot = {};
+    zan_table_server_dispatcher(m->at(offset), &slot, {1, (uint32_t)length, 0, 0, {}}, nullptr);
+}
+
+/* Some batches, until the NPU has finished. */
+double server_write(messages_t *m, size_t first, size_t last)
 {
     stopwatch_t watch;
-    zan_table_response_st slot = {};
     watch.start();
-    for (const auto &[offset, length] : m->batches) {
-        slot.err_code = 0;
-        zan_table_server_dispatcher(m->at(offset), &slot, {1, (uint32_t)length, 0, 0, {}}, nullptr);
-    }
+    for (size_t batch = first; batch < last; batch++)
+        write_batch(m, batch);
     settle();
     watch.stop();
     return watch.seconds();
+}
+
+double server_write(messages_t *m)
+{
+    return server_write(m, 0, m->batches.size());
 }
 
 double server_read(messages_t *m)
@@ -249,6 +262,24 @@ times_t run_server(const options_t &options, size_t n, messages_t *creates, mess
     return t;
 }
 
+/* What the routes cost with traces on and off. */
+void run_trace_phase(const options_t &options, messages_t *creates, messages_t *deletes, size_t n)
+{
+    start_server(options.stepped, options.seed);
+    create_groups("ipnhgroup");
+    create_groups("ip6nhgroup");
+    settle();
+    const auto create = [&](size_t batch) { return server_write(creates, batch, batch + 1); };
+    const auto remove_all = [&] {
+        if (routes_stored() != n)
+            fail("not every route was stored");
+        server_write(deletes);
+        if (routes_stored() != 0)
+            fail("a delete left something behind");
+    };
+    run_traces(n, {creates->batches.size(), create, remove_all});
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -257,6 +288,10 @@ int main(int argc, char **argv)
     if (options.walk) {
         start_server(options.stepped, options.seed);
         run_walks(options.objects);
+        return 0;
+    }
+    if (options.trace && options.server != options.floor) {
+        count_traces(options.objects, options.server);
         return 0;
     }
     std::vector<prefix_t> prefixes = read_prefixes(options.prefixes);
@@ -273,6 +308,11 @@ int main(int argc, char **argv)
     messages_t reads = make_messages(prefixes, ZAN_TABLE_GET);
 
     messages_t updates, deletes;
+    if (options.trace) {
+        deletes = make_messages(prefixes, ZAN_TABLE_DELETE);
+        run_trace_phase(options, &creates, &deletes, n);
+        return 0;
+    }
     if (options.update)
         updates = make_messages(prefixes, ZAN_TABLE_UPDATE, true);
     if (options.remove)

@@ -411,8 +411,8 @@ typedef struct zan_table_record_st {
     zan_table_npu_st npu[ZAN_MAX_NPUS];
     /* Since the start; since the last reset; in the active bank; since its last replay began. */
     uint32_t counters[4][61];
-    uint32_t replaying; /* 1: a replay has begun and not ended */
-    uint32_t reserved;
+    uint32_t replaying;      /* 1: a replay has begun and not ended */
+    uint32_t replay_dropped; /* objects in quarantine that its last replay dropped at its end */
 } zan_table_record_st;
 ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1304, "record of a table");
 

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Instructions of the hot flows, counted by callgrind: the same total every time, so that a budget with a
-# small margin holds. A flow that has become cheaper by more than the margin wants a new budget too.
+# Instructions of the hot flows for each object, and of a trace call, counted by callgrind: the same total
+# every time, so that a budget with a small margin holds. A flow that has become cheaper by more than the
+# margin wants a new budget too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bench=$PWD/${1:-build}/bin/zan_bench
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-count() { # <objects> <phase>: instructions of a whole run
-    valgrind --tool=callgrind --callgrind-out-file="$work/out" "$bench" --only server --stepped 1 \
+count() { # <objects> <phase> [<side>]: instructions of a whole run
+    valgrind --tool=callgrind --callgrind-out-file="$work/out" "$bench" --only "${3:-server}" --stepped 1 \
         --prefixes examples/prefixes.txt.gz --objects "$1" --phase "$2" 2>&1 |
         sed -n 's/.*Collected : //p'
 }
@@ -24,10 +25,14 @@ behind_create() { # <phase>
     echo $((($(count $many "$1") - creates_many) / many))
 }
 
+trace_call() { # <side>: server is with the class on, floor with it off
+    echo $((($(count $many trace "$1") - $(count $few trace "$1")) / (many - few)))
+}
+
 failed=0
 hold() { # <flow> <instructions> <budget>
     local low=$(($3 * 85 / 100))
-    echo "$1: $2 instructions an object, budget $3"
+    echo "$1: $2 instructions, budget $3"
     if [ "$2" -gt "$3" ]; then
         echo "$1 is over its budget: find what it does more (callgrind_annotate), or raise the budget and say why" >&2
         failed=1
@@ -40,4 +45,6 @@ hold create "$create" 8300
 hold read "$(behind_create read)" 2080
 hold update "$(behind_create update)" 8700
 hold delete "$(behind_create delete)" 6250
+hold "trace call" "$(trace_call server)" 70
+hold "trace call, class off" "$(trace_call floor)" 7
 exit $failed

@@ -12,7 +12,8 @@ namespace
 
 using tables_t = std::vector<const zan_table_def_t *>;
 
-/* The tables of these names, or those that hold objects. False and a reason. */
+/* The tables of these names, or all that are in use: what one has may all lie in quarantine. False
+ * and a reason. */
 bool find_tables(session_t *session, const std::vector<std::string> &names, tables_t *tables,
                  std::string *why)
 {
@@ -32,8 +33,7 @@ bool find_tables(session_t *session, const std::vector<std::string> &names, tabl
     }
     const std::unique_ptr<zan_table_status_st, free_object_t> own(records);
     for (uint32_t i = 0; i < status.num_tables; i++)
-        if (records[i].stored)
-            tables->push_back(zan_table_def_get(records[i].table_id));
+        tables->push_back(zan_table_def_get(records[i].table_id));
     return true;
 }
 
@@ -61,7 +61,7 @@ std::vector<zan_rcode> run_on_tables(session_t *session, const tables_t &tables,
 /* What a replay came to, for one table. */
 struct outcome_of_replay_t {
     const zan_table_def_t *def;
-    uint64_t marked, kept, changed, made, swept, held;
+    uint64_t marked, kept, changed, made, swept, dropped;
 };
 
 outcome_of_replay_t read_outcome(const zan_table_record_st &r)
@@ -71,6 +71,7 @@ outcome_of_replay_t read_outcome(const zan_table_record_st &r)
     o.def = zan_table_def_get(r.table_id);
     o.marked = since[ZAN_CTR_REPLAY_MARKED];
     o.swept = since[ZAN_CTR_REPLAY_SWEPT];
+    o.dropped = r.replay_dropped;
     o.changed = since[ZAN_CTR_CREATE_CONVERTED];
     o.kept = o.marked - std::min(o.marked, o.swept + o.changed);
     o.made =
@@ -84,19 +85,24 @@ outcome_of_replay_t read_outcome(const zan_table_record_st &r)
 
 void print(const session_t *session, const outcome_of_replay_t &o)
 {
-    if (session->json)
+    if (session->json) {
         printf("%s\n", json_t({{"table", o.def->name},
                                {"marked", o.marked},
                                {"kept", o.kept},
                                {"changed", o.changed},
                                {"asked_for_new", o.made},
-                               {"swept", o.swept}})
+                               {"swept", o.swept},
+                               {"dropped_from_quarantine", o.dropped}})
                            .dump()
                            .c_str());
-    else
-        printf("%-20s %llu kept, %llu changed, %llu asked for anew, %llu swept\n", o.def->name,
-               (unsigned long long)o.kept, (unsigned long long)o.changed,
-               (unsigned long long)o.made, (unsigned long long)o.swept);
+        return;
+    }
+    printf("%-20s %llu kept, %llu changed, %llu asked for anew, %llu swept", o.def->name,
+           (unsigned long long)o.kept, (unsigned long long)o.changed, (unsigned long long)o.made,
+           (unsigned long long)o.swept);
+    if (o.dropped)
+        printf(", %llu dropped from quarantine", (unsigned long long)o.dropped);
+    putchar('\n');
 }
 
 int read_record(session_t *session, const zan_table_def_t *def, zan_table_record_st *record)
@@ -173,7 +179,7 @@ int run_replay(session_t *session, const std::string &what, const std::vector<st
     if (!find_tables(session, names, &tables, &why))
         return fail_text(why);
     if (what == "start" && tables.empty())
-        return fail_text("no table holds an object");
+        return fail_text("no table is in use");
     return what == "start" ? start_replay(session, tables, epoch)
                            : end_replay(session, tables, names.empty());
 }

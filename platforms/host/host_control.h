@@ -55,13 +55,16 @@ ZAN_EXPORT uint32_t zan_host_frr_waiting(void);
 
 /* ---- Trace ring ---- */
 
-/* Keep the ring in a file from now on, zan_trace_file_st and what follows: it can be read when the
- * process is gone. A file of that name goes aside, with ".old" behind its name, unless the process
- * that made it lives. While no other thread traces. False, with errno, when it cannot be had; the
- * ring stays in memory then. */
+/* Keep the ring in a file from now on, with what it has already: zan_trace_file_st and what
+ * follows. It can be read when the process is gone. A file of that name goes aside, with ".old"
+ * behind its name, unless the process that made it lives. While no other thread traces. False, with
+ * errno, when it cannot be had; the ring stays in memory then. */
 ZAN_EXPORT bool zan_host_trace_open(const char *path);
 /* Note in the file which cycle it is now; now and then. One thread. */
 ZAN_EXPORT void zan_host_trace_tick(void);
+/* The records of error classes since the last call, of all threads. It looks at what is new and at
+ * nothing else; of what was overwritten meanwhile it knows nothing. Without locks. One thread. */
+ZAN_EXPORT uint64_t zan_host_trace_new_errors(void);
 
 /* ---- Internal queues ---- */
 

@@ -35,11 +35,22 @@ struct reason_t {
     std::vector<object_name_t> followers; /* of a root, in the order in which they went */
 };
 
-std::map<object_name_t, reason_t> reasons;
+using reasons_t = std::map<object_name_t, reason_t>;
+reasons_t reasons;
 std::deque<object_name_t> released; /* to be put back, in this order */
 std::vector<object_name_t> refused; /* released, and a parent was missing */
 bool progress;                      /* something was put back since they were tried */
 uint64_t taken_out, put_back;
+
+reasons_t::iterator first_of(uint32_t table_id)
+{
+    return reasons.lower_bound({(uint16_t)table_id, {}, {}});
+}
+
+bool is_of(reasons_t::iterator at, uint32_t table_id)
+{
+    return at != reasons.end() && at->first.table_id == table_id;
+}
 
 /* ---- Out ---- */
 
@@ -313,7 +324,7 @@ bool zan_host_quarantined_next(zan_host_quarantined_st *row)
 {
     const auto at = row->listed
                         ? reasons.upper_bound(name_of_key(zan_table_defs[row->table_id], row->key))
-                        : reasons.lower_bound({row->table_id, {}, {}});
+                        : first_of(row->table_id);
     if (at == reasons.end())
         return false;
     const auto &[name, reason] = *at;
@@ -344,6 +355,40 @@ uint32_t zan_host_quarantine_drop(uint32_t table_id, const void *key)
     uint32_t count = 0;
     for (const object_name_t &name : named(table_id, key))
         count += drop(name);
+    return count;
+}
+
+/* ---- Replay ---- */
+
+void zan_host_quarantine_replay_start(const zan_table_base_st *marker)
+{
+    const bool filter = zan_table_defs[marker->table_id]->replay_client_filter;
+    for (auto at = first_of(marker->table_id); is_of(at, marker->table_id); ++at)
+        if (!filter || at->second.copy->client_epoch == marker->client_epoch)
+            at->second.copy->flag |= ZAN_FLAG_STALE;
+}
+
+void zan_host_quarantine_sent(const zan_table_base_st *obj)
+{
+    if (ZAN_LIKELY(reasons.empty()) || obj->key_len == 0 || obj->obj_handle != 0)
+        return;
+    const auto at = reasons.find(name_of(obj));
+    if (at != reasons.end())
+        at->second.copy->flag &= ~(uint32_t)ZAN_FLAG_STALE;
+}
+
+uint32_t zan_host_quarantine_replay_end(uint32_t table_id)
+{
+    uint32_t count = 0;
+    for (auto at = first_of(table_id); is_of(at, table_id);) {
+        if (!(at->second.copy->flag & ZAN_FLAG_STALE)) {
+            ++at;
+            continue;
+        }
+        zan_db_quarantine_remove(at->second.copy);
+        at = reasons.erase(at);
+        count++;
+    }
     return count;
 }
 

@@ -133,10 +133,15 @@ zan_rcode host_retry_request(const zan_table_base_st *obj, zan_table_operation_e
     if (!request)
         return ZAN_RC_NO_MEMORY;
     make_request(def, obj, operation, size, request);
+    const bool is_stale = (obj->flag & ZAN_FLAG_STALE) != 0;
+    const object_name_t name = name_of(obj);
     zan_table_response_st slot = {};
     const kor_table_req_hdr_st hdr = {1, size, 0, 1, {}};
     zan_table_server_dispatcher((uint8_t *)request, &slot, hdr, nullptr);
     host_block_free(request);
+    zan_table_base_st *stored = is_stale ? find_stored(name) : nullptr;
+    if (stored) /* this was not the client, for whom a replay waits */
+        stored->flag |= ZAN_FLAG_STALE;
     return (zan_rcode)slot.err_code;
 }
 

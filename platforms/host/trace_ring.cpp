@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -38,9 +39,10 @@ constexpr uint32_t text_words = ZAN_TRACE_TEXT_WORDS;
 constexpr size_t ring_bytes = records_per_ring * sizeof(zan_trace_slot_st);
 using record_t = zan_trace_slot_st;
 
-struct ring_t {
+/* In a cache line of its own, which no other thread writes. */
+struct alignas(64) ring_t {
     uint32_t taken;
-    uint64_t next; /* records ever written; its thread's alone */
+    uint64_t next; /* records ever written: what others see of it is whole */
     record_t *records;
 };
 
@@ -49,12 +51,14 @@ uint64_t traces_without_ring;
 zan_trace_file_st *file; /* the rings lie behind it; null: each in memory of its own */
 int file_fd = -1;        /* locked: its process lives */
 
+/* This thread's, or null: it has not traced yet, or has found none free. */
+thread_local constinit ring_t *own_ring = nullptr;
+
 struct claim_t {
-    ring_t *ring = nullptr;
     bool tried = false;
     ~claim_t()
     {
-        if (ring)
+        if (ring_t *ring = std::exchange(own_ring, nullptr))
             __atomic_store_n(&ring->taken, 0, __ATOMIC_RELEASE);
     }
 };
@@ -90,20 +94,35 @@ ring_t *claim_ring()
             }
             __atomic_store_n(&ring.records, (record_t *)memory, __ATOMIC_RELEASE);
         }
-        claim.ring = &ring;
         return &ring;
     }
     return nullptr;
 }
 
-record_t *open_record(zan_trace_class_t c, uint64_t msg)
+/* The first trace of a thread, and each of one that has no ring: out of the way of all others. */
+[[gnu::noinline, gnu::cold]] bool find_ring()
 {
-    ring_t *ring = claim.ring;
-    if (!ring && (claim.tried || !(ring = claim_ring()))) {
+    if (!claim.tried)
+        own_ring = claim_ring();
+    if (!own_ring)
         __atomic_fetch_add(&traces_without_ring, 1, __ATOMIC_RELAXED);
+    return own_ring != nullptr;
+}
+
+record_t *record_at(const ring_t *ring, uint64_t position)
+{
+    return &ring->records[position & (records_per_ring - 1)];
+}
+
+/* The record behind this one is fetched into the cache meanwhile: most often it has left it since
+ * the ring came round last. */
+[[gnu::always_inline]] inline record_t *open_record(zan_trace_class_t c, uint64_t msg)
+{
+    if (ZAN_UNLIKELY(!own_ring) && !find_ring())
         return nullptr;
-    }
-    record_t *r = &ring->records[ring->next++ & (records_per_ring - 1)];
+    const ring_t *ring = own_ring;
+    record_t *r = record_at(ring, ring->next);
+    __builtin_prefetch(record_at(ring, ring->next + 1), 1);
     put(&r->sequence, 0);
     __atomic_thread_fence(__ATOMIC_RELEASE);
     put(&r->msg, msg);
@@ -114,6 +133,7 @@ record_t *open_record(zan_trace_class_t c, uint64_t msg)
 void close_record(record_t *r)
 {
     __atomic_store_n(&r->sequence, zan_clock_cycles(), __ATOMIC_RELEASE);
+    __atomic_store_n(&own_ring->next, own_ring->next + 1, __ATOMIC_RELEASE);
 }
 
 template <class... A> void write(zan_trace_class_t c, uint64_t msg, A... args)
@@ -123,7 +143,6 @@ template <class... A> void write(zan_trace_class_t c, uint64_t msg, A... args)
         return;
     uint32_t i = 0;
     (put(&r->arg[i++], args), ...);
-    put(&r->text[0], 0);
     close_record(r);
 }
 
@@ -241,7 +260,7 @@ static int new_file(const char *path)
     return fd;
 }
 
-/* A ring that is in use already moves; its thread is the caller. */
+/* A ring that is in use already moves. */
 bool zan_host_trace_open(const char *path)
 {
     constexpr size_t bytes = ZAN_TRACE_FILE_HEAD_SIZE + max_rings * ring_bytes;
@@ -317,4 +336,32 @@ uint32_t zan_trace_read(uint64_t after, zan_trace_record_st *out, uint32_t max)
     }
     std::sort_heap(out, out + n, older);
     return n;
+}
+
+/* A record that its thread has gone round to is another by now. */
+static uint64_t count_new_errors(const ring_t *ring, const record_t *records, uint64_t *seen)
+{
+    const uint64_t end = __atomic_load_n(&ring->next, __ATOMIC_ACQUIRE);
+    uint64_t at = std::max(*seen, end - std::min<uint64_t>(end, records_per_ring));
+    uint64_t errors = 0;
+    zan_trace_record_st r;
+    for (; at < end; at++) {
+        if (!zan_trace_take(&records[at & (records_per_ring - 1)], &r))
+            continue;
+        const bool is_there =
+            __atomic_load_n(&ring->next, __ATOMIC_ACQUIRE) - at < records_per_ring;
+        errors += is_there && zan_trace_class_level(r.trace_class) == ZAN_TRACE_LEVEL_ERROR;
+    }
+    *seen = end;
+    return errors;
+}
+
+uint64_t zan_host_trace_new_errors(void)
+{
+    static uint64_t seen[max_rings];
+    uint64_t errors = 0;
+    for (uint32_t i = 0; i < max_rings; i++)
+        if (const record_t *records = __atomic_load_n(&rings[i].records, __ATOMIC_ACQUIRE))
+            errors += count_new_errors(&rings[i], records, &seen[i]);
+    return errors;
 }

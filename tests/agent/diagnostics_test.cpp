@@ -131,8 +131,7 @@ TEST_F(diagnostics, traces_the_classes_that_are_on)
     for (const auto &c : cases) {
         const result_t result = run(c.arguments);
         EXPECT_EQ(result.status, c.status) << c.arguments << "\n" << result.text;
-        EXPECT_NE(result.text.find(c.text), std::string::npos) << c.arguments << "\n"
-                                                               << result.text;
+        EXPECT_TRUE(has(result.text, c.text)) << c.arguments;
     }
     const size_t replaced = count("replaced: table");
     EXPECT_GT(replaced, 0u);
@@ -164,7 +163,7 @@ TEST_F(diagnostics, shows_what_was_slow_and_where)
                   (op.contains("npu") ? op["npu"].dump() : "-") + "\n";
     }
     for (const char *place : {"create l3intf -\n", "update iproute 1\n", "update ipnhgroup 1\n"})
-        EXPECT_NE(places.find(place), std::string::npos) << place << "is not in\n" << places;
+        EXPECT_TRUE(has(places, place));
     EXPECT_GT(all["queue_stops"]["count"], 0);
 
     const json_t perf = run_json("perf ipnhgroup"), &group = perf["tables"][0];
@@ -188,9 +187,7 @@ TEST_F(diagnostics, shows_what_was_slow_and_where)
         << "one call for all NPUs counts with each";
     for (const char *part :
          {"dispatcher", "NPU 1", "at most", "33.6 ms", "update of ipnhgroup took "})
-        EXPECT_NE(run("perf ipnhgroup").text.find(part), std::string::npos)
-            << part << "\n"
-            << run("perf ipnhgroup").text;
+        EXPECT_TRUE(has(run("perf ipnhgroup").text, part));
     EXPECT_EQ(run("perf nonsense").status, 2);
 }
 
@@ -206,7 +203,7 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
     ASSERT_EQ(run("sim --fail 0 --table ipnhgroup --npu 1").status, 0);
     ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0);
     wait_for("failed", "1 failed now");
-    EXPECT_NE(ask_http(port, "GET /metrics").find("\nzan_failed_objects 1\n"), std::string::npos);
+    EXPECT_TRUE(has(ask_http(port, "GET /metrics"), "\nzan_failed_objects 1\n"));
     ASSERT_EQ(run("failed --forget").status, 0); /* no retry changes anything any more */
     ASSERT_EQ(run("compare").status, 1);
 
@@ -214,10 +211,8 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
     const size_t body = answer.find("\r\n\r\n");
     ASSERT_NE(body, std::string::npos) << answer;
     EXPECT_EQ(answer.find("HTTP/1.1 200"), 0u) << answer;
-    EXPECT_NE(answer.find("\r\nContent-Type: application/openmetrics-text; version=1.0.0; "
-                          "charset=utf-8\r\n"),
-              std::string::npos)
-        << answer.substr(0, body);
+    EXPECT_TRUE(has(answer, "\r\nContent-Type: application/openmetrics-text; version=1.0.0; "
+                            "charset=utf-8\r\n"));
     const open_metrics_t metrics(answer.substr(body + 4));
 
     size_t compared = 0;
@@ -261,6 +256,13 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
               1);
     EXPECT_EQ(metrics.value("zan_watch_dropped_total"), 0);
 
+    const std::string taken = "127.0.0.1:" + std::to_string(port);
+    for (const std::string &where : {taken, std::string("70000"), std::string("here:80")})
+        EXPECT_EQ(system((ZAN_AGENT_PROGRAM " --socket " + process.directory +
+                          "/other.sock --metrics " + where + " >/dev/null 2>&1")
+                             .c_str()),
+                  256)
+            << where;
     EXPECT_EQ(ask_http(port, "GET /").find("HTTP/1.1 404"), 0u);
     EXPECT_EQ(ask_http(port, "DELETE /metrics").find("HTTP/1.1 405"), 0u);
     EXPECT_EQ(ask_http(port, "HEAD /metrics").find("# EOF"), std::string::npos);
@@ -299,17 +301,16 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     EXPECT_EQ(members, 14u) << made.text;
     for (const char *command : {"about", "counters", "resources", "failed", "quarantine", "events"})
         EXPECT_EQ(member(std::string(command) + ".txt"), run(command).text);
-    EXPECT_NE(member("about.txt").find("--retries 7"), std::string::npos);
-    EXPECT_NE(member("tables.txt").find("l3intf (46): "), std::string::npos);
-    EXPECT_NE(member("perf_tables.txt").find("l3intf: from "), std::string::npos);
-    EXPECT_NE(member("trace.txt").find("l3intf_error"), std::string::npos);
+    EXPECT_TRUE(has(member("about.txt"), "--retries 7"));
+    EXPECT_TRUE(has(member("tables.txt"), "l3intf (46): "));
+    EXPECT_TRUE(has(member("perf_tables.txt"), "l3intf: from "));
+    EXPECT_TRUE(has(member("trace.txt"), "l3intf_error"));
     shell("tar xzf " + archive + " -C " + process.directory + " case/trace.ring");
-    EXPECT_NE(
-        run("trace --file " + process.directory + "/case/trace.ring").text.find("l3intf_error"),
-        std::string::npos);
+    EXPECT_TRUE(
+        has(run("trace --file " + process.directory + "/case/trace.ring").text, "l3intf_error"));
 
     EXPECT_EQ(run("support " + archive).status, 2) << "it is there";
-    EXPECT_NE(member("status.txt").find("l3intf "), std::string::npos) << "and was left alone";
+    EXPECT_TRUE(has(member("status.txt"), "l3intf "));
     EXPECT_EQ(run("support " + process.directory + "/none/case.tar.gz").status, 2);
 }
 

@@ -43,6 +43,14 @@ protected:
         result.status = WEXITSTATUS(pclose(pipe));
         return result;
     }
+    /* Whether it has this in it; what it has instead is told with a failure. */
+    static testing::AssertionResult has(const std::string &text, const std::string &part)
+    {
+        const bool is_there = text.find(part) != std::string::npos;
+        return (is_there ? testing::AssertionSuccess() : testing::AssertionFailure())
+               << '"' << part << "\" and\n"
+               << text;
+    }
     /* Run the command until its output has this text. */
     void wait_for(const std::string &command, const std::string &text) const
     {

@@ -19,44 +19,7 @@ namespace
 
 typedef zan_table_base_st object_t;
 
-class dependency_graph : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
-        for (uint32_t id = 0; id < NUM_TEST_TABLES; id++)
-            ASSERT_EQ(zan_db_init(nullptr, id), EOK);
-    }
-    void TearDown() override
-    {
-        for (object_t *obj : objects)
-            kor_dpd_parent_init(obj, 0, 0); /* unbinds */
-        for (object_t *obj : objects)
-            kor_dpd_reset(obj, 0);
-        zan_host_internal_queues_clear();
-        zan_db_deinit();
-    }
-
-    object_t *make(uint32_t table_id, uint32_t id)
-    {
-        objects.push_back(node_stored(table_id, id));
-        kor_dpd_table_list_init(objects.back());
-        return objects.back();
-    }
-
-    /* An object bound to these parents. */
-    object_t *make_below(uint32_t table_id, uint32_t id, const std::vector<object_t *> &parents)
-    {
-        object_t *obj = make(table_id, id);
-        kor_dpd_parent_init(obj, (uint32_t)parents.size(), 0);
-        for (object_t *parent : parents)
-            EXPECT_EQ(kor_dpd_add(parent, obj), EOK);
-        return obj;
-    }
-
-    std::vector<object_t *> objects;
-};
+using dependency_graph = test_graph;
 
 /* What kor_dpd_remove says, with room for so many parents. */
 struct report_t {

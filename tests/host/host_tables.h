@@ -11,6 +11,8 @@
 #ifndef HOST_TABLES_H
 #define HOST_TABLES_H
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <vector>
 
@@ -57,6 +59,54 @@ inline uint32_t node_id(const zan_table_base_st *obj)
 {
     return ((const node_obj_t *)obj)->key.id;
 }
+
+/* The test tables, empty, on the dispatcher thread. */
+class test_tables : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
+        for (uint32_t id = 0; id < NUM_TEST_TABLES; id++)
+            ASSERT_EQ(zan_db_init(nullptr, id), EOK);
+    }
+    void TearDown() override
+    {
+        zan_db_deinit();
+    }
+};
+
+/* And objects in the graph, which are taken off it at the end. */
+class test_graph : public test_tables
+{
+protected:
+    void TearDown() override
+    {
+        for (zan_table_base_st *obj : objects)
+            kor_dpd_parent_init(obj, 0, 0); /* unbinds */
+        for (zan_table_base_st *obj : objects)
+            kor_dpd_reset(obj, 0);
+        zan_host_internal_queues_clear();
+        test_tables::TearDown();
+    }
+    zan_table_base_st *make(uint32_t table_id, uint32_t id)
+    {
+        objects.push_back(node_stored(table_id, id));
+        kor_dpd_table_list_init(objects.back());
+        return objects.back();
+    }
+    /* An object bound to these parents. */
+    zan_table_base_st *make_below(uint32_t table_id, uint32_t id,
+                                  const std::vector<zan_table_base_st *> &parents)
+    {
+        zan_table_base_st *obj = make(table_id, id);
+        kor_dpd_parent_init(obj, (uint32_t)parents.size(), 0);
+        for (zan_table_base_st *parent : parents)
+            EXPECT_EQ(kor_dpd_add(parent, obj), EOK);
+        return obj;
+    }
+    std::vector<zan_table_base_st *> objects;
+};
 
 /* What an NPU does with a message. */
 extern std::function<zan_rcode(kor_core_srv_dispatch_t *, int32_t)> npu_work;

@@ -13,20 +13,7 @@
 #include "shared_pool.h"
 #include "table_database.h"
 
-class table_database : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
-        for (uint32_t id = 0; id < NUM_TEST_TABLES; id++)
-            ASSERT_EQ(zan_db_init(nullptr, id), EOK);
-    }
-    void TearDown() override
-    {
-        zan_db_deinit();
-    }
-};
+using table_database = test_tables;
 
 TEST_F(table_database, finds_by_key_by_handle_and_in_order)
 {

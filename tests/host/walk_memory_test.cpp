@@ -34,14 +34,12 @@ namespace
 
 constexpr uint32_t width = 6; /* objects of a layer */
 
-class walk_memory : public testing::TestWithParam<bool>
+class walk_memory : public test_graph, public testing::WithParamInterface<bool>
 {
 protected:
     void SetUp() override
     {
-        zan_thread_set_role(ZAN_THREAD_DISPATCHER, -1);
-        for (uint32_t id = 0; id < NUM_TEST_TABLES; id++)
-            ASSERT_EQ(zan_db_init(nullptr, id), EOK);
+        test_graph::SetUp();
         wanted = kor_bm_allocate(ZAN_TABLE_BITMAP_BITS);
         kor_bm_set(wanted, NODE_ID);
         kor_bm_set(wanted, LEAF_ID);
@@ -53,11 +51,7 @@ protected:
     }
     void TearDown() override
     {
-        for (zan_table_base_st *obj : objects)
-            kor_dpd_parent_init(obj, 0, 0); /* unbinds */
-        for (zan_table_base_st *obj : objects)
-            kor_dpd_reset(obj, 0);
-        zan_db_deinit();
+        test_graph::TearDown();
         free(wanted);
     }
 
@@ -65,28 +59,16 @@ protected:
      * above. */
     void make_layers()
     {
-        zan_table_base_st *source = make(NODE_ID, 1, {});
+        zan_table_base_st *source = make_below(NODE_ID, 1, {});
         std::vector<zan_table_base_st *> above(width, source);
         for (const uint32_t table_id : {NODE_ID, NODE_ID, LEAF_ID}) {
             std::vector<zan_table_base_st *> layer;
             for (uint32_t i = 0; i < width; i++)
-                layer.push_back(make(table_id, (uint32_t)objects.size() + 1,
-                                     {above[i], above[(i + 1) % width]}));
+                layer.push_back(make_below(table_id, (uint32_t)objects.size() + 1,
+                                           {above[i], above[(i + 1) % width]}));
             above = layer;
         }
     }
-    zan_table_base_st *make(uint32_t table_id, uint32_t id,
-                            const std::vector<zan_table_base_st *> &parents)
-    {
-        zan_table_base_st *obj = node_stored(table_id, id);
-        kor_dpd_table_list_init(obj);
-        kor_dpd_parent_init(obj, (uint32_t)parents.size(), 0);
-        for (zan_table_base_st *parent : parents)
-            EXPECT_EQ(kor_dpd_add(parent, obj), EOK);
-        objects.push_back(obj);
-        return obj;
-    }
-
     void push(kor_dpd_event_ctx_t *walk_ctx, zan_table_base_st *source)
     {
         zan_bwalk_event_data *event = zan_bwalk_event_data_alloc();
@@ -123,7 +105,6 @@ protected:
         return rc;
     }
 
-    std::vector<zan_table_base_st *> objects;
     std::map<zan_table_base_st *, uint32_t> visits;
     uint64_t *wanted = nullptr;
 };

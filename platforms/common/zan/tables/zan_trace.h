@@ -80,10 +80,10 @@ typedef struct zan_trace_slot_st {
     uint64_t msg;
     uint64_t class_and_trans; /* class in the high half */
     uint64_t arg[7];
-    uint64_t text[ZAN_TRACE_TEXT_WORDS]; /* left alone by a message of integers */
+    uint64_t text[ZAN_TRACE_TEXT_WORDS]; /* whatever was there, in a message of integers */
 } zan_trace_slot_st;
 ZAN_STATIC_ASSERT(sizeof(zan_trace_slot_st) == 192,
-                  "a record is three cache lines, of which most traces touch two");
+                  "a record is three cache lines, of which most traces touch one");
 
 /* X(name, text) */
 #define ZAN_COMMON_MESSAGES(X)                                                                     \

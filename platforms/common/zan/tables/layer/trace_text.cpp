@@ -66,8 +66,9 @@ bool zan_trace_take(const zan_trace_slot_st *slot, zan_trace_record_st *out)
     out->trans_id = (uint32_t)both;
     for (uint32_t i = 0; i < 7; i++)
         out->arg[i] = __atomic_load_n(&slot->arg[i], __ATOMIC_RELAXED);
-    uint64_t text[ZAN_TRACE_TEXT_WORDS];
-    for (uint32_t i = 0; i < ZAN_TRACE_TEXT_WORDS; i++)
+    uint64_t text[ZAN_TRACE_TEXT_WORDS] = {};
+    const bool has_text = (out->msg >> 40 & 0xff) != 0;
+    for (uint32_t i = 0; has_text && i < ZAN_TRACE_TEXT_WORDS; i++)
         text[i] = __atomic_load_n(&slot->text[i], __ATOMIC_RELAXED);
     memcpy(out->text, text, sizeof text);
     out->text[sizeof text - 1] = 0;
