@@ -3,7 +3,7 @@
  *   on       a call with its class on: a record of four integers in the thread's ring
  *   off      the same call with its class off
  *   at once  on, by two threads at the same time: each has a ring of its own, so that neither waits
- *   create   all routes, with all classes on and with all off
+ *   create   all routes: with all classes off, as they are at start, and with all on
  *
  * A round of calls goes through the ring once and more, so that every record is written to memory
  * that has left the nearest cache. Rounds are short, and the median is taken: those in which the
@@ -24,7 +24,15 @@ namespace bench
 namespace
 {
 
-constexpr size_t rounds = 8; /* of creates; even */
+/* Which classes are on. */
+enum setting_et {
+    NONE,
+    AT_START,
+    ALL,
+    SETTINGS
+};
+
+constexpr size_t rounds = 3 * SETTINGS; /* of creates */
 constexpr size_t calls_in_round = 20'000;
 constexpr zan_trace_class_t measured = ZAN_CLASS_ZAN_TRANSACTION_HISTORY_EVENT__;
 
@@ -65,47 +73,64 @@ template <class Time> double median_ns(size_t calls, Time time)
     return median(seconds) * 1e9 / (double)calls_in_round;
 }
 
-void set_all_classes(bool on)
+class classes_t
 {
-    memset(zan_trace_enabled, on, ZAN_NUM_TRACE_CLASSES);
-}
+public:
+    classes_t() : at_start_(zan_trace_enabled, zan_trace_enabled + ZAN_NUM_TRACE_CLASSES)
+    {
+    }
+    void set(setting_et setting) const
+    {
+        if (setting == AT_START)
+            std::copy(at_start_.begin(), at_start_.end(), zan_trace_enabled);
+        else
+            memset(zan_trace_enabled, setting == ALL, ZAN_NUM_TRACE_CLASSES);
+    }
 
-/* Batch by batch on and off in turn, so that what else the machine does falls on both; the next
- * round the other way round, so that each batch is created both ways. */
-void compare_creates(const batches_t &batches)
+private:
+    const std::vector<uint8_t> at_start_;
+};
+
+/* Batch by batch one setting after the other, so that what else the machine does falls on all of
+ * them; the next round begins with another, so that each batch is created in every setting. */
+void compare_creates(const classes_t &classes, const batches_t &batches)
 {
-    std::vector<double> seconds[2];
+    std::vector<double> seconds[SETTINGS];
     for (size_t round = 0; round < rounds; round++) {
         for (size_t i = 0; i < batches.count; i++) {
-            const bool on = (i + round) % 2;
-            set_all_classes(on);
-            seconds[on].push_back(batches.create(i));
+            const auto setting = (setting_et)((i + round) % SETTINGS);
+            classes.set(setting);
+            seconds[setting].push_back(batches.create(i));
         }
         batches.remove_all();
     }
-    const double on = median(seconds[true]), off = median(seconds[false]);
-    printf("create   all classes on %8.1f us a batch, off %8.1f us\n", on * 1e6, off * 1e6);
-    printf("create   ratio of on to off  %7.3f\n", on / off);
+    const double none = median(seconds[NONE]), at_start = median(seconds[AT_START]),
+                 all = median(seconds[ALL]);
+    printf("create   a batch with all classes off %.1f us, as at start %.1f us, all on %.1f us\n",
+           none * 1e6, at_start * 1e6, all * 1e6);
+    printf("create   ratio to all off: as at start %.3f, all on %.3f\n", at_start / none,
+           all / none);
 }
 
 } // namespace
 
 void count_traces(size_t calls, bool on)
 {
-    set_all_classes(on);
+    classes_t().set(on ? ALL : NONE);
     time_calls(calls);
 }
 
 void run_traces(size_t calls, const batches_t &batches)
 {
-    set_all_classes(true);
+    const classes_t classes;
+    classes.set(ALL);
     const double on = median_ns(calls, time_calls);
     const double at_once = median_ns(calls, time_calls_at_once);
-    set_all_classes(false);
+    classes.set(NONE);
     const double off = median_ns(calls, time_calls);
     printf("trace    on %.2f ns a call, off %.2f ns, by two threads at once %.2f ns\n", on, off,
            at_once);
-    compare_creates(batches);
+    compare_creates(classes, batches);
 }
 
 } // namespace bench
