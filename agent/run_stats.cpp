@@ -12,7 +12,7 @@
 namespace
 {
 
-constexpr uint32_t max_walks = 64, max_adjacencies = 16;
+constexpr uint32_t max_adjacencies = 16; /* of one object */
 
 uint64_t age_of(uint64_t at_ns)
 {
@@ -24,13 +24,12 @@ uint64_t age_of(uint64_t at_ns)
 
 std::vector<zan_stats_walk_st> walks()
 {
-    zan_host_stats_st rows[max_walks];
-    const uint32_t n = std::min(zan_host_stats_get(rows, max_walks), max_walks);
+    std::vector<zan_host_stats_st> rows(zan_host_stats_get(nullptr, 0));
+    zan_host_stats_get(rows.data(), (uint32_t)rows.size());
     std::vector<zan_stats_walk_st> out;
-    for (uint32_t i = 0; i < n; i++)
-        out.push_back({rows[i].kind == ZAN_STATS_ADJACENCY, rows[i].id, rows[i].objects,
-                       rows[i].passes, rows[i].failed, age_of(rows[i].last_ns), rows[i].took_ns,
-                       rows[i].longest_ns});
+    for (const zan_host_stats_st &row : rows)
+        out.push_back({row.kind == ZAN_STATS_ADJACENCY, row.id, row.objects, row.passes, row.failed,
+                       age_of(row.last_ns), row.took_ns, row.longest_ns});
     return out;
 }
 

@@ -4,6 +4,7 @@
 
 #include "zan_client.h"
 
+#include <initializer_list>
 #include <vector>
 
 /* A growing block of bytes, 16-byte aligned. */
@@ -59,18 +60,17 @@ int client_deliver(zan_client_t *client, const byte_block_t *frame);
 int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_t length,
                uint16_t reply_type, byte_block_t *reply);
 
-/* Split a reply into its head, of that many bytes, and `count` records behind it, in memory of
- * their own with one byte more. */
-int client_take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
-                        size_t record, void **out);
-
-/* The same with two kinds of records, one behind the other; both outs are null when it fails. */
+/* A kind of rows in a reply: where in its head their number (32 bits) stands, the size of one, and
+ * where they go. */
 struct client_rows_t {
-    size_t count, size;
+    size_t count_offset, size;
     void **out;
 };
-int client_take_two(zan_client_t *client, const byte_block_t *reply, size_t head,
-                    const client_rows_t &first, const client_rows_t &second);
+/* Take the reply apart that client_ask got, `asked` being what it returned, and free it: a head,
+ * then rows of each kind in their order, in memory of their own with one byte more. The outs are
+ * null when it fails. */
+int client_take(zan_client_t *client, int asked, byte_block_t *reply, void *head, size_t head_size,
+                std::initializer_list<client_rows_t> rows);
 
 /* What walks did, as it stands in a reply from `at` to its end, in a block of its own. */
 int client_take_walk_counts(zan_client_t *client, const byte_block_t *reply, size_t at,

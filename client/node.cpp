@@ -4,32 +4,55 @@
 #include <cstdlib>
 #include <cstring>
 
-int client_take_records(zan_client_t *client, const byte_block_t *reply, size_t head, size_t count,
-                        size_t record, void **out)
+/* The rows of one kind, from `*at` on; `*at` moves behind them. */
+static int take_rows(zan_client_t *client, const byte_block_t *reply, const void *head,
+                     const client_rows_t &rows, size_t *at)
 {
-    if (reply->len != head + count * record)
+    uint32_t count;
+    memcpy(&count, (const uint8_t *)head + rows.count_offset, sizeof count);
+    const size_t bytes = count * rows.size;
+    if (reply->len - *at < bytes)
         return client_lose(client, "the agent's reply has %zu bytes", reply->len);
-    *out = malloc(count * record + 1);
-    if (!*out)
+    *rows.out = malloc(bytes + 1);
+    if (!*rows.out)
         return client_fail(client, "no memory");
-    memcpy(*out, reply->bytes + head, count * record);
+    memcpy(*rows.out, reply->bytes + *at, bytes);
+    *at += bytes;
     return 0;
+}
+
+int client_take(zan_client_t *client, int asked, byte_block_t *reply, void *head, size_t head_size,
+                std::initializer_list<client_rows_t> rows)
+{
+    for (const client_rows_t &kind : rows)
+        *kind.out = nullptr;
+    int result = asked;
+    size_t at = head_size;
+    if (result == 0 && reply->len < head_size)
+        result = client_lose(client, "the agent's reply has %zu bytes", reply->len);
+    if (result == 0)
+        memcpy(head, reply->bytes, head_size);
+    for (const client_rows_t &kind : rows)
+        if (result == 0)
+            result = take_rows(client, reply, head, kind, &at);
+    if (result == 0 && reply->len != at)
+        result = client_lose(client, "the agent's reply has %zu bytes", reply->len);
+    free(reply->bytes);
+    for (const client_rows_t &kind : rows)
+        if (result != 0) {
+            free(*kind.out);
+            *kind.out = nullptr;
+        }
+    return result;
 }
 
 int zan_client_status(zan_client_t *client, zan_status_st *status, zan_table_status_st **tables)
 {
-    *tables = nullptr;
     byte_block_t reply = {};
-    int result = client_ask(client, ZAN_FRAME_STATUS, nullptr, 0, ZAN_FRAME_STATUS_REPLY, &reply);
-    if (result == 0 && reply.len < sizeof *status)
-        result = client_lose(client, "the agent's status has %zu bytes", reply.len);
-    if (result == 0) {
-        memcpy(status, reply.bytes, sizeof *status);
-        result = client_take_records(client, &reply, sizeof *status, status->num_tables,
-                                     sizeof **tables, (void **)tables);
-    }
-    free(reply.bytes);
-    return result;
+    return client_take(
+        client, client_ask(client, ZAN_FRAME_STATUS, nullptr, 0, ZAN_FRAME_STATUS_REPLY, &reply),
+        &reply, status, sizeof *status,
+        {{offsetof(zan_status_st, num_tables), sizeof **tables, (void **)tables}});
 }
 
 int client_take_walk_counts(zan_client_t *client, const byte_block_t *reply, size_t at,
@@ -71,61 +94,30 @@ int zan_client_walk_counts(zan_client_t *client, zan_walk_counts_st **counts)
     return result;
 }
 
-int client_take_two(zan_client_t *client, const byte_block_t *reply, size_t head,
-                    const client_rows_t &first, const client_rows_t &second)
-{
-    const size_t front = head + first.count * first.size;
-    if (reply->len < front)
-        return client_lose(client, "the agent's reply has %zu bytes", reply->len);
-    const byte_block_t block = {reply->bytes, front, front};
-    if (client_take_records(client, &block, head, first.count, first.size, first.out))
-        return -1;
-    if (client_take_records(client, reply, front, second.count, second.size, second.out) == 0)
-        return 0;
-    free(*first.out);
-    *first.out = nullptr;
-    return -1;
-}
-
 int zan_client_resources(zan_client_t *client, const zan_resources_st *request,
                          zan_resources_reply_st *reply, zan_resource_st **databases,
                          zan_resource_table_st **tables)
 {
-    *databases = nullptr;
-    *tables = nullptr;
     const zan_resources_st nothing = {};
     byte_block_t bytes = {};
-    int result = client_ask(client, ZAN_FRAME_RESOURCES, request ? request : &nothing,
-                            sizeof nothing, ZAN_FRAME_RESOURCES_REPLY, &bytes);
-    if (result == 0 && bytes.len < sizeof *reply)
-        result = client_lose(client, "the agent's resources have %zu bytes", bytes.len);
-    if (result == 0) {
-        memcpy(reply, bytes.bytes, sizeof *reply);
-        result = client_take_two(client, &bytes, sizeof *reply,
-                                 {reply->num_databases, sizeof **databases, (void **)databases},
-                                 {reply->num_tables, sizeof **tables, (void **)tables});
-    }
-    free(bytes.bytes);
-    return result;
+    const int asked = client_ask(client, ZAN_FRAME_RESOURCES, request ? request : &nothing,
+                                 sizeof nothing, ZAN_FRAME_RESOURCES_REPLY, &bytes);
+    return client_take(
+        client, asked, &bytes, reply, sizeof *reply,
+        {{offsetof(zan_resources_reply_st, num_databases), sizeof **databases, (void **)databases},
+         {offsetof(zan_resources_reply_st, num_tables), sizeof **tables, (void **)tables}});
 }
 
 int zan_client_compare(zan_client_t *client, uint32_t table_id, uint32_t max_differences,
                        zan_compare_reply_st *reply, zan_difference_st **differences)
 {
-    *differences = nullptr;
     const zan_compare_st request = {table_id, max_differences};
     byte_block_t bytes = {};
-    int result = client_ask(client, ZAN_FRAME_COMPARE, &request, sizeof request,
-                            ZAN_FRAME_COMPARE_REPLY, &bytes);
-    if (result == 0 && bytes.len < sizeof *reply)
-        result = client_lose(client, "the agent's comparison has %zu bytes", bytes.len);
-    if (result == 0) {
-        memcpy(reply, bytes.bytes, sizeof *reply);
-        result = client_take_records(client, &bytes, sizeof *reply, reply->num_differences,
-                                     sizeof **differences, (void **)differences);
-    }
-    free(bytes.bytes);
-    return result;
+    const int asked = client_ask(client, ZAN_FRAME_COMPARE, &request, sizeof request,
+                                 ZAN_FRAME_COMPARE_REPLY, &bytes);
+    return client_take(client, asked, &bytes, reply, sizeof *reply,
+                       {{offsetof(zan_compare_reply_st, num_differences), sizeof **differences,
+                         (void **)differences}});
 }
 
 /* Ask about one object: the frame is a head and the object that names it, or the head alone. */
@@ -155,56 +147,34 @@ static int ask_named(zan_client_t *client, uint16_t type, const void *head, size
 int zan_client_graph(zan_client_t *client, const zan_table_base_st *lookup, uint32_t depth,
                      uint32_t children, zan_graph_reply_st *reply, zan_graph_node_st **nodes)
 {
-    *nodes = nullptr;
     const zan_graph_st request = {depth, children, 0};
     byte_block_t bytes = {};
-    int result = ask_named(client, ZAN_FRAME_GRAPH, &request, sizeof request, lookup, &bytes);
-    if (result == 0 && bytes.len < sizeof *reply)
-        result = client_lose(client, "the agent's graph has %zu bytes", bytes.len);
-    if (result == 0) {
-        memcpy(reply, bytes.bytes, sizeof *reply);
-        result = client_take_records(client, &bytes, sizeof *reply, reply->num_nodes,
-                                     sizeof **nodes, (void **)nodes);
-    }
-    free(bytes.bytes);
-    return result;
+    const int asked = ask_named(client, ZAN_FRAME_GRAPH, &request, sizeof request, lookup, &bytes);
+    return client_take(client, asked, &bytes, reply, sizeof *reply,
+                       {{offsetof(zan_graph_reply_st, num_nodes), sizeof **nodes, (void **)nodes}});
 }
 
 int zan_client_stats(zan_client_t *client, const zan_table_base_st *lookup, bool walk_now,
                      zan_stats_reply_st *reply, zan_stats_walk_st **walks,
                      zan_stats_adj_st **adjacencies)
 {
-    *walks = nullptr;
-    *adjacencies = nullptr;
     const zan_stats_st request = {walk_now, 0};
     byte_block_t bytes = {};
-    int result = ask_named(client, ZAN_FRAME_STATS, &request, sizeof request, lookup, &bytes);
-    if (result == 0 && bytes.len < sizeof *reply)
-        result = client_lose(client, "the agent's statistics have %zu bytes", bytes.len);
-    if (result == 0) {
-        memcpy(reply, bytes.bytes, sizeof *reply);
-        result = client_take_two(
-            client, &bytes, sizeof *reply, {reply->num_walks, sizeof **walks, (void **)walks},
-            {reply->num_adjacencies, sizeof **adjacencies, (void **)adjacencies});
-    }
-    free(bytes.bytes);
-    return result;
+    const int asked = ask_named(client, ZAN_FRAME_STATS, &request, sizeof request, lookup, &bytes);
+    return client_take(client, asked, &bytes, reply, sizeof *reply,
+                       {{offsetof(zan_stats_reply_st, num_walks), sizeof **walks, (void **)walks},
+                        {offsetof(zan_stats_reply_st, num_adjacencies), sizeof **adjacencies,
+                         (void **)adjacencies}});
 }
 
 static int ask_failed(zan_client_t *client, uint16_t type, const zan_failed_st *request,
                       zan_failed_reply_st *reply, size_t row, void **rows)
 {
-    *rows = nullptr;
     byte_block_t bytes = {};
-    int result = client_ask(client, type, request, sizeof *request, (uint16_t)(type + 1), &bytes);
-    if (result == 0 && bytes.len < sizeof *reply)
-        result = client_lose(client, "the agent's list has %zu bytes", bytes.len);
-    if (result == 0) {
-        memcpy(reply, bytes.bytes, sizeof *reply);
-        result = client_take_records(client, &bytes, sizeof *reply, reply->num_rows, row, rows);
-    }
-    free(bytes.bytes);
-    return result;
+    const int asked =
+        client_ask(client, type, request, sizeof *request, (uint16_t)(type + 1), &bytes);
+    return client_take(client, asked, &bytes, reply, sizeof *reply,
+                       {{offsetof(zan_failed_reply_st, num_rows), row, rows}});
 }
 
 int zan_client_failed(zan_client_t *client, const zan_failed_st *request,
@@ -223,14 +193,9 @@ int zan_client_table(zan_client_t *client, uint32_t table_id, zan_table_record_s
 {
     const zan_table_st request = {table_id, 0};
     byte_block_t bytes = {};
-    int result = client_ask(client, ZAN_FRAME_TABLE, &request, sizeof request,
-                            ZAN_FRAME_TABLE_REPLY, &bytes);
-    if (result == 0 && bytes.len != sizeof *record)
-        result = client_lose(client, "the agent's record of a table has %zu bytes", bytes.len);
-    if (result == 0)
-        memcpy(record, bytes.bytes, sizeof *record);
-    free(bytes.bytes);
-    return result;
+    const int asked = client_ask(client, ZAN_FRAME_TABLE, &request, sizeof request,
+                                 ZAN_FRAME_TABLE_REPLY, &bytes);
+    return client_take(client, asked, &bytes, record, sizeof *record, {});
 }
 
 int zan_client_sim(zan_client_t *client, const zan_sim_st *request)
@@ -245,18 +210,11 @@ int zan_client_sim(zan_client_t *client, const zan_sim_st *request)
 int zan_client_trace(zan_client_t *client, uint64_t after, uint32_t max, zan_trace_reply_st *reply,
                      zan_trace_record_st **records)
 {
-    *records = nullptr;
     const zan_trace_st request = {after, max, 0};
     byte_block_t bytes = {};
-    int result = client_ask(client, ZAN_FRAME_TRACE, &request, sizeof request,
-                            ZAN_FRAME_TRACE_REPLY, &bytes);
-    if (result == 0 && bytes.len < sizeof *reply)
-        result = client_lose(client, "the agent's trace has %zu bytes", bytes.len);
-    if (result == 0) {
-        memcpy(reply, bytes.bytes, sizeof *reply);
-        result = client_take_records(client, &bytes, sizeof *reply, reply->num_records,
-                                     sizeof **records, (void **)records);
-    }
-    free(bytes.bytes);
-    return result;
+    const int asked = client_ask(client, ZAN_FRAME_TRACE, &request, sizeof request,
+                                 ZAN_FRAME_TRACE_REPLY, &bytes);
+    return client_take(
+        client, asked, &bytes, reply, sizeof *reply,
+        {{offsetof(zan_trace_reply_st, num_records), sizeof **records, (void **)records}});
 }

@@ -367,7 +367,8 @@ typedef struct zan_stats_walk_st {
     uint32_t is_adjacency;
     uint32_t id;      /* or index */
     uint64_t objects; /* now; or entries */
-    uint64_t passes, failed;
+    uint64_t passes;
+    uint64_t failed; /* descriptors that hardware did not give */
     uint64_t age_ns; /* since the last pass over it; of the agent's clock */
     uint64_t took_ns, longest_ns;
 } zan_stats_walk_st;

@@ -108,14 +108,10 @@ bool ask(session_t *session, const zan_counters_st &request, counters_t *c)
 
 int run_counters(session_t *session, const std::string &table, const counters_options_t &options)
 {
-    zan_counters_st request = {ZAN_COUNTERS_READ, ZAN_WIRE_NO_INDEX, 0, 0};
-    if (!table.empty()) {
-        std::string why;
-        const zan_table_def_t *def = find_table(table, &why);
-        if (!def)
-            return fail_text(why);
-        request.table_id = def->id;
-    }
+    zan_counters_st request = {ZAN_COUNTERS_READ, 0, 0, 0};
+    std::string why;
+    if (!find_table_or_all(table, &request.table_id, &why))
+        return fail_text(why);
     counters_t c;
     if (options.reset) {
         request.action = ZAN_COUNTERS_RESET;

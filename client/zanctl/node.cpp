@@ -194,14 +194,10 @@ void print_comparison(const zan_compare_reply_st &reply, const zan_difference_st
 
 int run_compare(session_t *session, const std::string &table)
 {
-    uint32_t table_id = ZAN_WIRE_NO_INDEX;
-    if (!table.empty()) {
-        std::string why;
-        const zan_table_def_t *def = find_table(table, &why);
-        if (!def)
-            return fail_text(why);
-        table_id = def->id;
-    }
+    uint32_t table_id;
+    std::string why;
+    if (!find_table_or_all(table, &table_id, &why))
+        return fail_text(why);
     zan_compare_reply_st reply;
     zan_difference_st *differences;
     if (zan_client_compare(session->client, table_id, differences_shown, &reply, &differences))

@@ -109,6 +109,13 @@ const zan_table_def_t *find_table(const std::string &name, std::string *why)
     return def;
 }
 
+bool find_table_or_all(const std::string &name, uint32_t *table_id, std::string *why)
+{
+    const zan_table_def_t *def = name.empty() ? nullptr : find_table(name, why);
+    *table_id = def ? def->id : ZAN_WIRE_NO_INDEX;
+    return def || name.empty();
+}
+
 object_ptr_t parse_object(std::string text, std::string *why)
 {
     const zan_table_def_t *def = find_table(take_word(&text), why);

@@ -33,6 +33,8 @@ std::string object_json(const zan_table_base_st *obj);
 std::string take_word(std::string *text);
 /* Null and a reason. */
 const zan_table_def_t *find_table(const std::string &name, std::string *why);
+/* The id of a table, or ZAN_WIRE_NO_INDEX, all tables, for no name. False and a reason. */
+bool find_table_or_all(const std::string &name, uint32_t *table_id, std::string *why);
 /* "TABLE FIELD=VALUE..."; null and a reason. */
 object_ptr_t parse_object(std::string text, std::string *why);
 

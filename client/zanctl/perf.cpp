@@ -235,14 +235,10 @@ bool ask(session_t *session, uint32_t table_id, perf_t *p)
 
 int run_perf(session_t *session, const std::string &table)
 {
-    uint32_t table_id = ZAN_WIRE_NO_INDEX;
-    if (!table.empty()) {
-        std::string why;
-        const zan_table_def_t *def = find_table(table, &why);
-        if (!def)
-            return fail_text(why);
-        table_id = def->id;
-    }
+    uint32_t table_id;
+    std::string why;
+    if (!find_table_or_all(table, &table_id, &why))
+        return fail_text(why);
     perf_t p;
     if (!ask(session, table_id, &p))
         return fail_session(session);

@@ -97,19 +97,19 @@ void print_object(FILE *out, const zan_table_base_st *obj, const answer_t &answe
     print_figures(out, figures_of(obj));
     const zan_stats_walk_st *walk = walk_of(answer, def->id);
     if (walk && walk->passes)
-        fprintf(out, "as hardware counted %.1f s ago\n", seconds(walk->age_ns));
+        fprintf(out, "walked %.1f s ago\n", seconds(walk->age_ns));
     else if (walk)
-        fprintf(out, "as hardware counts now: no walk was there yet\n");
+        fprintf(out, "not walked yet: as hardware counts now\n");
     else if (def->stats_table)
-        fprintf(out, "no walk brings them in: as hardware counts now what no client has set\n");
+        fprintf(out, "never walked: as hardware counts now what no client has set\n");
     for (uint32_t i = 0; i < answer.head.num_adjacencies; i++) {
         const zan_stats_adj_st &adj = answer.adjacencies[i];
         fprintf(out, "%s\n%20llu  packets\n%20llu  bytes\n", adjacency_name(adj.index),
                 (unsigned long long)adj.packets, (unsigned long long)adj.bytes);
         if (adj.counted)
-            fprintf(out, "as hardware counted %.1f s ago\n", seconds(adj.age_ns));
+            fprintf(out, "walked %.1f s ago\n", seconds(adj.age_ns));
         else
-            fprintf(out, "no walk was there yet\n");
+            fprintf(out, "not walked yet\n");
     }
 }
 

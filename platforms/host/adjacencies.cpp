@@ -14,6 +14,7 @@
 #include "host_adjacency_tables.h"
 #include "host_assert.h"
 #include "host_periodic_stats.h"
+#include "host_trace.h"
 #include "table_database.h"
 #include "table_properties.h"
 #include "thread_control.h"
@@ -124,6 +125,18 @@ block_t *step(block_t *next)
     return next;
 }
 
+/* Of one that is going nothing is asked; the visit tells of it. */
+void fetch(const zan_adj_props_t *props, zan_adj_entry_st *entry)
+{
+    if (!props->update_rdesc_from_hw ||
+        (__atomic_load_n(&entry->flag, __ATOMIC_ACQUIRE) & ZAN_ADJ_STALE))
+        return;
+    const zan_rcode rc = props->update_rdesc_from_hw(entry);
+    if (rc != EOK)
+        host_stats_not_fetched(entry->parent_id, HOST_TRACE_ID(ADJ_NOT_FETCHED, 3), entry->index,
+                               entry, rc);
+}
+
 /* ---- Blocks; dispatcher thread ---- */
 
 void free_left()
@@ -174,11 +187,14 @@ void zan_npi_init_adj_list(zan_table_base_st *db_obj)
     link(def->id, block);
 }
 
-void zan_npi_mark_adj_entries_as_stale(zan_table_base_st *db_obj, uint32_t)
+void zan_npi_mark_adj_entries_as_stale(zan_table_base_st *db_obj, uint32_t trace_id)
 {
     block_t *block = *block_of(db_obj);
-    for (uint32_t i = 0; block && i < block->num_entries; i++)
-        __atomic_fetch_or(&block->counted[i].entry.flag, ZAN_ADJ_STALE, __ATOMIC_RELEASE);
+    for (uint32_t i = 0; block && i < block->num_entries; i++) {
+        zan_adj_entry_st *entry = &block->counted[i].entry;
+        entry->stale_trace_id = trace_id;
+        __atomic_fetch_or(&entry->flag, ZAN_ADJ_STALE, __ATOMIC_RELEASE);
+    }
 }
 
 void zan_npi_free_adj_entries_list(zan_table_base_st *db_obj)
@@ -216,10 +232,7 @@ zan_rcode host_adj_walk(uint32_t index, zan_adj_visit_f visit, void *arg)
     }
     while (block) {
         zan_adj_entry_st *entry = &block->counted[at].entry;
-        /* Of one that is going nothing is asked; the visit tells of it. */
-        if (props->update_rdesc_from_hw &&
-            !(__atomic_load_n(&entry->flag, __ATOMIC_ACQUIRE) & ZAN_ADJ_STALE))
-            props->update_rdesc_from_hw(entry);
+        fetch(props, entry);
         rc = visit(entry, arg);
         const lock_t lock;
         block = step(rc == EOK ? block->next : nullptr);

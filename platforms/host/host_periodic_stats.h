@@ -13,7 +13,7 @@ typedef struct zan_host_stats_st {
     uint64_t objects;  /* that it holds now, or entries */
     uint64_t last_ns;  /* when the last pass was over it; 0: none was */
     uint64_t took_ns, longest_ns;
-    uint64_t failed; /* passes that did not get through */
+    uint64_t failed; /* descriptors that hardware did not give, over all passes; each is traced */
 } zan_host_stats_st;
 
 /* The counts of an object in one adjacency table, as the last pass left them. */
@@ -45,6 +45,11 @@ ZAN_EXTERN_C_END
  * thread. */
 bool host_stats_start(uint32_t period_ms);
 void host_stats_stop(void);
+
+/* Hardware did not give the descriptor of an object, or of an entry: count and trace it, at the
+ * error class of the parent's table. `message` is HOST_TRACE_ID(..., 3). Thread of the pass. */
+void host_stats_not_fetched(uint32_t parent_id, uint64_t message, uint32_t id, const void *what,
+                            zan_rcode rc);
 
 /* Entries of an adjacency table. Any thread. */
 uint64_t host_adj_count(uint32_t index);

@@ -8,8 +8,10 @@
  * The list only grows, at its end: the dispatcher thread writes a row and then the number of rows.
  */
 #include "clock.h"
+#include "host_assert.h"
 #include "host_periodic_stats.h"
 #include "host_threads.h"
+#include "host_trace.h"
 #include "statistics.h"
 #include "table_database.h"
 #include "table_properties.h"
@@ -26,13 +28,15 @@ struct active_t {
     uint64_t passes, failed, last_ns, took_ns, longest_ns; /* under `rows` */
 };
 
-constexpr uint32_t max_active = 64;
+constexpr uint32_t max_active = 64; /* tables and adjacency tables */
 active_t active[max_active];
 uint32_t num_active;
-static_assert(19 + 23 <= max_active, "as many as there are to register");
 
-pthread_mutex_t pass = PTHREAD_MUTEX_INITIALIZER; /* who has it is the secondary server thread */
-pthread_mutex_t rows = PTHREAD_MUTEX_INITIALIZER; /* what the passes did; no lock inside */
+/* Who has it is the secondary server thread. */
+pthread_mutex_t pass = PTHREAD_MUTEX_INITIALIZER;
+uint64_t not_fetched; /* descriptors, ever; under `pass` */
+/* What the passes did; the mutex of the adjacency entries inside. */
+pthread_mutex_t rows = PTHREAD_MUTEX_INITIALIZER;
 
 pthread_mutex_t rest = PTHREAD_MUTEX_INITIALIZER; /* the next six; no lock inside */
 pthread_cond_t woken = PTHREAD_COND_INITIALIZER;
@@ -51,30 +55,36 @@ uint64_t now_ns(clockid_t clock)
 
 /* ---- A pass ---- */
 
-/* A descriptor that was not brought up to date has the counts of before. */
+/* A descriptor that hardware did not give has the counts of before. */
 zan_rcode update_descriptor(zan_table_base_st *db_obj, void *arg)
 {
-    ((const srv_zan_table_props_t *)arg)->update_rdesc_from_hw(db_obj);
+    const zan_rcode rc = ((const srv_zan_table_props_t *)arg)->update_rdesc_from_hw(db_obj);
+    if (rc != EOK)
+        host_stats_not_fetched(db_obj->table_id, HOST_TRACE_ID(NOT_FETCHED, 3), db_obj->table_id,
+                               db_obj, rc);
     return EOK;
 }
 
-zan_rcode walk_table(uint32_t table_id)
+void walk_table(uint32_t table_id)
 {
     srv_zan_table_props_t *props = zan_srv_table_props_get(table_id);
     if (props->hook_source[ZAN_HOOK_update_rdesc_from_hw] != ZAN_HOOK_NONE)
         zan_db_walk(table_id, nullptr, update_descriptor, props, 0);
-    return props->stats_walk();
+    props->stats_walk();
 }
 
+/* What comes back is of no use: a failure is traced where it was, and the walk went on. */
 void walk(active_t *a)
 {
-    const uint64_t start = now_ns(CLOCK_MONOTONIC);
-    const zan_rcode rc = a->key.kind == ZAN_STATS_TABLE ? walk_table(a->key.id)
-                                                        : zan_srv_adj_props_get(a->key.id)->walk();
+    const uint64_t start = now_ns(CLOCK_MONOTONIC), failed = not_fetched;
+    if (a->key.kind == ZAN_STATS_TABLE)
+        walk_table(a->key.id);
+    else
+        zan_srv_adj_props_get(a->key.id)->walk();
     const uint64_t took = now_ns(CLOCK_MONOTONIC) - start;
     pthread_mutex_lock(&rows);
     a->passes++;
-    a->failed += rc != EOK;
+    a->failed += not_fetched - failed;
     a->last_ns = now_ns(CLOCK_REALTIME);
     a->took_ns = took;
     if (took > a->longest_ns)
@@ -88,18 +98,27 @@ void walk(active_t *a)
 bool have_a_rest()
 {
     timespec until;
-    clock_gettime(CLOCK_REALTIME, &until); /* as pthread_cond_timedwait(3) counts */
+    clock_gettime(CLOCK_MONOTONIC, &until);
     until.tv_sec += period / 1000;
     until.tv_nsec += (long)(period % 1000) * 1'000'000;
     until.tv_sec += until.tv_nsec / 1'000'000'000;
     until.tv_nsec %= 1'000'000'000;
     pthread_mutex_lock(&rest);
-    while (!stopping && !asked && pthread_cond_timedwait(&woken, &rest, &until) != ETIMEDOUT) {
+    while (!stopping && !asked &&
+           pthread_cond_clockwait(&woken, &rest, CLOCK_MONOTONIC, &until) != ETIMEDOUT) {
     }
     asked = false;
     const bool more = !stopping;
     pthread_mutex_unlock(&rest);
     return more;
+}
+
+bool is_stopping()
+{
+    pthread_mutex_lock(&rest);
+    const bool stop = stopping;
+    pthread_mutex_unlock(&rest);
+    return stop;
 }
 
 void count_pass(uint64_t *counter)
@@ -132,6 +151,15 @@ bool host_stats_start(uint32_t period_ms)
     return started;
 }
 
+void host_stats_not_fetched(uint32_t parent_id, uint64_t message, uint32_t id, const void *what,
+                            zan_rcode rc)
+{
+    not_fetched++;
+    const uint32_t error = zan_srv_table_props_get(parent_id)->ringlog_enums.level[0];
+    if (zan_trace_is_on(error))
+        _ringlog_3(error, message, id, (uint64_t)(uintptr_t)what, rc);
+}
+
 void host_stats_stop(void)
 {
     pthread_mutex_lock(&rest);
@@ -146,8 +174,7 @@ void host_stats_stop(void)
 
 void zan_periodic_stats_add_active_table(zan_periodic_stats_key_st key, uint32_t)
 {
-    if (num_active == max_active)
-        return;
+    HOST_ASSERT(num_active < max_active, "there is room for all tables that are walked");
     active[num_active].key = key;
     __atomic_store_n(&num_active, num_active + 1, __ATOMIC_RELEASE);
 }
@@ -159,7 +186,7 @@ void zan_host_stats_pass(void)
     const host_identity_t self = host_self();
     host_become({ZAN_THREAD_STATS, -1, 0, false});
     const uint32_t n = __atomic_load_n(&num_active, __ATOMIC_ACQUIRE);
-    for (uint32_t i = 0; i < n; i++)
+    for (uint32_t i = 0; i < n && !is_stopping(); i++)
         walk(&active[i]);
     host_become(self);
     count_pass(&passes_over);

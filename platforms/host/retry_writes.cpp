@@ -48,6 +48,9 @@ void make_request(const zan_table_def_t *def, const zan_table_base_st *obj, uint
         memset(zan_obj_at(request, def->adj_list_offset), 0, adj_list_bytes);
     if (def->obj_ref_cnt_offset)
         memset(zan_obj_at(request, def->obj_ref_cnt_offset), 0, sizeof(uint32_t));
+    for (uint32_t i = 0; def->periodic_stats && i < def->num_attrs; i++)
+        if (def->attrs[i].statistic)
+            *zan_obj_attr_set(&def->attrs[i], request, 0, 0) = 0;
 }
 
 /* ---- The delete of what is not stored ---- */

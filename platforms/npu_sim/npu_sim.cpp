@@ -455,32 +455,30 @@ zan_rcode npu_sim_get(zan_table_base_st *obj)
 zan_rcode npu_sim_latch(zan_table_base_st *obj)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
-    counters_latch(def, key_of(def, obj));
-    return EOK;
+    const zan_rcode rc = told_to_fail_on_any(def->id, ZAN_TABLE_GET);
+    if (rc == EOK)
+        counters_latch(def, key_of(def, obj));
+    return rc;
 }
 
 zan_rcode npu_sim_take(zan_table_base_st *obj)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
-    const zan_rcode rc = told_to_fail_on_any(def->id, ZAN_TABLE_GET);
-    if (rc != EOK)
-        return rc;
     return counters_take(def, key_of(def, obj), obj, false) ? (zan_rcode)EOK : NPU_SIM_RC_UNKNOWN;
 }
 
 zan_rcode npu_sim_adj_latch(zan_adj_entry_st *entry)
 {
     const zan_table_def_t *def = zan_table_defs[entry->parent_id];
-    counters_latch(def, key_of(def, entry->key));
-    return EOK;
+    const zan_rcode rc = told_to_fail_on_any(def->id, ZAN_TABLE_GET);
+    if (rc == EOK)
+        counters_latch(def, key_of(def, entry->key));
+    return rc;
 }
 
 zan_rcode npu_sim_adj_take(zan_adj_entry_st *entry)
 {
     const zan_table_def_t *def = zan_table_defs[entry->parent_id];
-    const zan_rcode rc = told_to_fail_on_any(def->id, ZAN_TABLE_GET);
-    if (rc != EOK)
-        return rc;
     return counters_take(def, key_of(def, entry->key), entry) ? (zan_rcode)EOK : NPU_SIM_RC_UNKNOWN;
 }
 

@@ -118,11 +118,12 @@ TEST_F(Statistics, AWalkBringsTheCountersOfAllNpusIntoTheDatabase)
     pass_after(10 * second);
     EXPECT_EQ(held(stats, "tx_packets"), before);
     EXPECT_GT(held("tnlstats tunnel_id=1", "rx_packets"), 0u);
-    const uint32_t message = ZAN_MSG_TABLE_BASE +
-                             table("l3intftxstats")->id * ZAN_MSG_TABLE_STRIDE +
-                             ZAN_TMSG_STATS_NOT_TAKEN;
-    ASSERT_FALSE(last_trace(message).empty());
-    EXPECT_EQ(last_trace(message)[1], 0x4fa0c005u);
+    ASSERT_FALSE(last_trace(HOST_TRACE_NOT_FETCHED).empty());
+    EXPECT_EQ(last_trace(HOST_TRACE_NOT_FETCHED)[2], 0x4fa0c005u);
+    zan_host_stats_st row;
+    zan_host_stats_get(&row, 1);
+    EXPECT_EQ(row.id, table("l3intftxstats")->id);
+    EXPECT_EQ(row.failed, 1u);
 }
 
 /* Before the first walk, and where none goes, a read asks hardware. */

@@ -22,7 +22,8 @@ typedef struct zan_adj_entry_st {
     uint8_t reserved;
     uint16_t index; /* of the adjacency table */
     uint16_t parent_id, key_size;
-    const void *key; /* of the object, key_size bytes that live as long as the entry */
+    uint32_t stale_trace_id; /* with the mark: the transaction that takes the object away */
+    const void *key;         /* of the object, key_size bytes that live as long as the entry */
     /* The latest counts, which the platform's hook update_db_from_rdesc writes. They are the
      * walk's: other threads read the replica. */
     uint64_t packets, bytes;
@@ -47,7 +48,8 @@ ZAN_EXTERN_C_BEGIN
 /* Dispatcher thread, with a database object of a table that has an adjacency list. */
 /* Make its entries, with counts of 0. Without memory it has fewer, and goes uncounted. */
 ZAN_EXPORT void zan_npi_init_adj_list(zan_table_base_st *db_obj);
-/* From now on no walk reads them. `trace_id` is the transaction that takes the object away. */
+/* From now on no walk reads them. `trace_id` is the transaction that takes the object away; a walk
+ * that meets a marked entry traces it. */
 ZAN_EXPORT void zan_npi_mark_adj_entries_as_stale(zan_table_base_st *db_obj, uint32_t trace_id);
 /* Give them back. An object without entries is left alone. */
 ZAN_EXPORT void zan_npi_free_adj_entries_list(zan_table_base_st *db_obj);

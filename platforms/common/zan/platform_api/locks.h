@@ -8,8 +8,11 @@
  *   2 fec id lock        identifier allocation; around the hook loops only, never across a
  *                        hardware step
  *   3 notification mutex one per table, in the server
- *   4 database locks     writes of database objects in the statistics tables, against the
- *                        statistics thread; never with another lock inside
+ *   4 database lock      creates and deletes of database objects in the statistics tables, against
+ *                        the statistics thread
+ *   5 statistics lock    updates of them, and reads of their counters
+ *
+ * Inside the last two come only locks of a platform's own, which have no other inside.
  *
  * Each of the first two is dropped and taken again under the other, so they have no order: only the
  * thread that runs flows may hold both, and any other takes one of them alone.

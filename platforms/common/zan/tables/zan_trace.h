@@ -135,7 +135,7 @@ ZAN_STATIC_ASSERT(sizeof(zan_trace_slot_st) == 192,
     X(STATS_WALKED, "statistics walk: %u s, %u ns, %u objects")                                    \
     X(STATS_NOT_TAKEN, "counters of obj %x not taken: rc %x")                                      \
     X(ADJ_WALKED, "statistics walk of adjacency table %u: %u s, %u ns, rc %x")                     \
-    X(ADJ_STALE, "adjacency table %u: entry %x is stale")                                          \
+    X(ADJ_STALE, "adjacency table %u: entry %x is stale since trans %u")                           \
     X(ADJ_NOT_TAKEN, "adjacency table %u: counters of entry %x not taken: rc %x")                  \
     X(EVENT_HOOK_ABSENT, "event without a hook: walk %x, obj %x")                                  \
     X(GET_DB_OBJ_MISS, "no stored object of that identity: trans %u, obj_id %u")                   \
@@ -233,6 +233,8 @@ ZAN_STATIC_ASSERT(sizeof(zan_trace_slot_st) == 192,
     X(BWALK_DONE, 7, "walk %u of table %u: %u visits, %u updates, %u deleted, %u revisits, rc %x") \
     X(WRITE_FAILED, 5, "write failed: table %u, operation %u, npus %x, rc %x, trans %u")           \
     X(RETRIED, 4, "retried: table %u, attempts %u, rc %x, trans %u")                               \
+    X(NOT_FETCHED, 3, "counters not fetched: table %u, obj %x, rc %x")                             \
+    X(ADJ_NOT_FETCHED, 3, "counters not fetched: adjacency table %u, entry %x, rc %x")             \
     X(TAKEN_OUT, 4, "taken out of service: table %u, for table %u, rc %x, trans %u")               \
     X(PUT_BACK, 3, "put back into service: table %u, rc %x, trans %u")
 

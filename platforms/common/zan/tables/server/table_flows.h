@@ -94,9 +94,12 @@ void kor_srv_npd_delay_delete(const zan_table_def_t *def, zan_table_base_st *obj
 void zan_server_api_update_db(const zan_table_def_t *def, zan_table_base_st *src,
                               zan_table_base_st *obj, zan_table_crud_ctx_t *crud,
                               zan_bool_t *ref_changed);
-/* Complete a request: every attribute that it does not set is copied from the stored object. */
+/* Complete a request: every attribute that it does not set is copied from the stored object. The
+ * second is for what the statistics walk writes, and is called under the lock of the write-back. */
 void zan_inherit_from_stored(const zan_table_def_t *def, zan_table_base_st *obj,
                              const zan_table_base_st *db_obj);
+void zan_inherit_statistics(const zan_table_def_t *def, zan_table_base_st *obj,
+                            const zan_table_base_st *db_obj);
 /* The steps of that, compiled at the table's first use; freed with the table. */
 bool zan_inherit_plan_make(const zan_table_def_t *def);
 void zan_inherit_plan_free(const zan_table_def_t *def);

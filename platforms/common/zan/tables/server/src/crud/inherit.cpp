@@ -18,12 +18,21 @@ struct zan_inherit_step_t {
 namespace
 {
 
+/* What the statistics walk writes is inherited when the object is written back: a walk may have
+ * been there since the update began. */
+bool belongs_to_the_walk(const zan_table_def_t *def, const zan_field_def_t *attr)
+{
+    return def->periodic_stats && attr->statistic;
+}
+
 template <class Step> void each_step(const zan_table_def_t *def, Step step)
 {
     step(def->npu_mask_req_set_offset, def->npu_mask_req_offset, sizeof(kor_npu_mask_t));
     const uint32_t max_npus = platcfg_config_get_max_num_npus();
     for (uint32_t i = 0; i < def->num_attrs; i++) {
         const zan_field_def_t *attr = &def->attrs[i];
+        if (belongs_to_the_walk(def, attr))
+            continue;
         if (attr->shape == ZAN_SHAPE_SINGLE || attr->shape == ZAN_SHAPE_ARRAY)
             step(attr->set_offset, attr->offset, (uint32_t)attr->width * attr->count);
         else if (attr->shape == ZAN_SHAPE_PER_NPU)
@@ -78,7 +87,6 @@ void zan_inherit_from_stored(const zan_table_def_t *def, zan_table_base_st *obj,
                              const zan_table_base_st *db_obj)
 {
     const zan_table_state_t *state = zan_table_state(def);
-    const zan_counters_hold_t hold(def);
     auto *to = (uint8_t *)obj;
     const auto *from = (const uint8_t *)db_obj;
     for (uint32_t i = 0; i < state->num_inherit_steps; i++) {
@@ -93,4 +101,18 @@ void zan_inherit_from_stored(const zan_table_def_t *def, zan_table_base_st *obj,
         inherit_members(def, obj, db_obj, members);
     if (def->obj_ref_cnt_offset) /* the server's alone */
         *kor_obj_ref_cnt(def, obj) = *(const uint32_t *)zan_obj_at(db_obj, def->obj_ref_cnt_offset);
+}
+
+void zan_inherit_statistics(const zan_table_def_t *def, zan_table_base_st *obj,
+                            const zan_table_base_st *db_obj)
+{
+    for (uint32_t i = 0; i < def->num_attrs; i++) {
+        const zan_field_def_t *attr = &def->attrs[i];
+        uint8_t *set = zan_obj_attr_set(attr, obj, 0, 0);
+        if (!belongs_to_the_walk(def, attr) || *set)
+            continue;
+        *set = *zan_obj_attr_set(attr, db_obj, 0, 0);
+        memcpy(zan_obj_attr(attr, obj, 0), zan_obj_attr(attr, db_obj, 0),
+               (size_t)attr->width * attr->count);
+    }
 }

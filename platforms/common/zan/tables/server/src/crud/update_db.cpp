@@ -90,6 +90,8 @@ bool write_contents(commit_t *c)
             return false;
         }
     }
+    if (c->def->periodic_stats)
+        zan_inherit_statistics(c->def, c->src, db_obj);
     kor_write_dbobj(c->def, c->src, db_obj);
     if (c->def->table_class != 0 && !c->def->object_mask_async) {
         *zan_obj_npu_mask_req(c->def, db_obj) = *zan_obj_npu_mask_req(c->def, c->src);

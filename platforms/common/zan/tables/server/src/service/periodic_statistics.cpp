@@ -27,7 +27,8 @@ zan_rcode take_entry(zan_adj_entry_st *entry, void *)
 {
     const zan_trace_class_t error = zan_slt_table_id(entry->parent_id, ZAN_TRACE_LEVEL_ERROR);
     if (__atomic_load_n(&entry->flag, __ATOMIC_ACQUIRE) & ZAN_ADJ_STALE) {
-        ZAN_TRACE_TABLE(error, entry->parent_id, ADJ_STALE, entry->index, entry);
+        ZAN_TRACE_TABLE(error, entry->parent_id, ADJ_STALE, entry->index, entry,
+                        entry->stale_trace_id);
         return EOK;
     }
     const zan_adj_props_t *props = zan_srv_adj_props_get(entry->index);
