@@ -10,6 +10,7 @@
 #include "metrics_server.h"
 #include "requests.h"
 
+#include "clock.h"
 #include "exec_queue.h"
 #include "host_control.h"
 #include "host_notifications.h"
@@ -93,6 +94,9 @@ void learn_node(node_t *node, const zan_agent_options_t *options)
         node->facts.node |= ZAN_NODE_CAN_COMPARE;
     node->stats_period_ms = stats_period_ms(options);
     node->started_ms = monotonic_ms();
+    timespec now;
+    zan_clock_gettime(CLOCK_REALTIME, &now);
+    node->started_ns = (uint64_t)now.tv_sec * 1'000'000'000 + (uint64_t)now.tv_nsec;
     learn_cycles(node);
     for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
         node->private_size[id] = kor_npd_get_table_size(id);
@@ -125,14 +129,16 @@ std::string open_trace(const zan_agent_options_t *options)
         return "";
     const std::string path = options->trace_file ? std::string(options->trace_file)
                                                  : std::string(options->socket_path) + ".trace";
+    std::error_code no_directory;
+    const std::string absolute = std::filesystem::absolute(path, no_directory).string();
+    errno = ENAMETOOLONG; /* for those whom the agent tells of it */
     make_parent_directory(path.c_str());
-    if (!zan_host_trace_open(path.c_str())) {
+    if (absolute.size() >= sizeof zan_about_st::trace_file || !zan_host_trace_open(path.c_str())) {
         fprintf(stderr, "zan_agent: no trace file %s (%s): the ring ends with the process\n",
                 path.c_str(), strerror(errno));
         return "";
     }
-    std::error_code no_directory;
-    return std::filesystem::absolute(path, no_directory).string();
+    return absolute;
 }
 
 answer_t run_request(node_t *node, const transport_t *transport, request_t *request)
@@ -192,11 +198,12 @@ void settle(node_t *node)
     node->trace_errors += zan_host_trace_new_errors();
 }
 
-void give_metrics(const node_t &node, const transport_t *transport, metrics_server_t *metrics)
+void give_metrics(node_t *node, const transport_t *transport, metrics_server_t *metrics)
 {
+    node->trace_errors += zan_host_trace_new_errors();
     std::string text;
     try {
-        text = metrics_text(node, transport);
+        text = metrics_text(*node, transport);
     } catch (const std::bad_alloc &) {
     }
     metrics_answer(metrics, std::move(text));
@@ -211,7 +218,7 @@ void serve(node_t *node, transport_t *transport, metrics_server_t *metrics)
         const int64_t wait_ms = std::min<int64_t>(rounds ? idle_ms : calm_ms, retry_ms);
         if (transport_take(transport, (int)wait_ms, &request)) {
             if (request.session == 0) {
-                give_metrics(*node, transport, metrics);
+                give_metrics(node, transport, metrics);
             } else {
                 answer_t answer = run_request(node, transport, &request);
                 transport_reply(transport, request, answer.type, std::move(answer.frame));

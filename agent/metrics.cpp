@@ -234,9 +234,12 @@ void put_hardware_errors(exposition_t *out, const std::vector<used_table_t> &tab
         for (uint32_t npu = 0; npu < num_npus; npu++) {
             const zan_table_npu_block_st &block = zan_get_global_ctx()->table[t.id].npu[npu];
             const std::string labels = of_npu(of_table(t.id), npu);
-            out->sample(exposition_t::with(labels, "operation", "create"), block.create_err_cnt);
-            out->sample(exposition_t::with(labels, "operation", "update"), block.update_err_cnt);
-            out->sample(exposition_t::with(labels, "operation", "delete"), block.delete_err_cnt);
+            out->sample(exposition_t::with(labels, "operation", "create"),
+                        npu_errors(&block.create_err_cnt));
+            out->sample(exposition_t::with(labels, "operation", "update"),
+                        npu_errors(&block.update_err_cnt));
+            out->sample(exposition_t::with(labels, "operation", "delete"),
+                        npu_errors(&block.delete_err_cnt));
         }
 }
 

@@ -1,6 +1,7 @@
 #include "metrics_server.h"
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -10,13 +11,14 @@
 
 #include <microhttpd.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 namespace
 {
 
 constexpr auto patience = std::chrono::seconds(5); /* with the dispatcher */
-constexpr unsigned max_connections = 16;
+constexpr unsigned max_connections = 16, max_of_one_address = 8;
 constexpr unsigned idle_s = 15; /* of a connection */
 constexpr char content_type[] = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
@@ -35,7 +37,8 @@ struct metrics_server_t {
 
     std::mutex mutex; /* over what follows */
     std::condition_variable answered;
-    bool asked = false;   /* and not answered yet */
+    bool asked = false; /* and not answered yet, since then: */
+    std::chrono::steady_clock::time_point asked_at;
     uint64_t answers = 0; /* so far */
     bool stopping = false;
     std::string text; /* of the last answer */
@@ -45,16 +48,18 @@ namespace
 {
 
 /* A text that is made from now on. One that somebody has asked for before and not waited for will
- * do. */
+ * do; nobody waits longer for it than the first, since requests are served one by one. */
 bool wait_for_text(metrics_server_t *server, std::string *text)
 {
     std::unique_lock lock(server->mutex);
     const uint64_t before = server->answers;
-    if (!server->asked && !server->stopping)
+    if (!server->asked && !server->stopping) {
         server->ask(server->arg);
-    server->asked = true;
-    server->answered.wait_for(lock, patience,
-                              [&] { return server->answers != before || server->stopping; });
+        server->asked = true;
+        server->asked_at = std::chrono::steady_clock::now();
+    }
+    server->answered.wait_until(lock, server->asked_at + patience,
+                                [&] { return server->answers != before || server->stopping; });
     *text = server->text;
     return server->answers != before && !text->empty();
 }
@@ -125,6 +130,12 @@ address_ptr_t parse_address(const std::string &where)
     return address_ptr_t(found);
 }
 
+bool is_any(const addrinfo &address)
+{
+    const auto *in6 = (const sockaddr_in6 *)address.ai_addr;
+    return IN6_IS_ADDR_UNSPECIFIED(&in6->sin6_addr);
+}
+
 void say_where(const metrics_server_t &server, const addrinfo &address)
 {
     char host[NI_MAXHOST] = "";
@@ -151,13 +162,16 @@ metrics_server_t *metrics_start(const char *where, void (*ask)(void *arg), void 
     auto server = std::make_unique<metrics_server_t>();
     server->ask = ask;
     server->arg = arg;
-    const unsigned flags = MHD_USE_AUTO_INTERNAL_THREAD |
-                           (address->ai_family == AF_INET6 ? MHD_USE_IPv6 : MHD_NO_FLAG);
+    /* The address of all interfaces is that of both families. */
+    const unsigned family = address->ai_family != AF_INET6 ? MHD_NO_FLAG
+                            : is_any(*address)             ? MHD_USE_DUAL_STACK
+                                                           : MHD_USE_IPv6;
+    const unsigned flags = MHD_USE_AUTO_INTERNAL_THREAD | family;
     errno = 0;
-    server->daemon =
-        MHD_start_daemon(flags, 0, nullptr, nullptr, handle, server.get(), MHD_OPTION_SOCK_ADDR,
-                         address->ai_addr, MHD_OPTION_CONNECTION_LIMIT, max_connections,
-                         MHD_OPTION_CONNECTION_TIMEOUT, idle_s, MHD_OPTION_END);
+    server->daemon = MHD_start_daemon(
+        flags, 0, nullptr, nullptr, handle, server.get(), MHD_OPTION_SOCK_ADDR, address->ai_addr,
+        MHD_OPTION_CONNECTION_LIMIT, max_connections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+        max_of_one_address, MHD_OPTION_CONNECTION_TIMEOUT, idle_s, MHD_OPTION_END);
     if (!server->daemon) {
         fprintf(stderr, "zan_agent: no metrics at %s: %s\n", where, strerror(errno));
         return nullptr;

@@ -27,6 +27,7 @@ struct node_t {
     uint32_t hooks[3]; /* slots by zan_hook_source_et */
     uint32_t stats_period_ms;
     int64_t started_ms;    /* CLOCK_MONOTONIC */
+    uint64_t started_ns;   /* CLOCK_REALTIME */
     uint32_t last_trans;   /* given to an object that came without a transaction */
     uint64_t first_cycles; /* at first_ms */
     int64_t first_ms;
@@ -100,6 +101,12 @@ bool set_resources(const npu_control_t &npus, const char *const *words);
 
 /* All figures of the node as OpenMetrics text. */
 std::string metrics_text(const node_t &node, const transport_t *transport);
+
+/* A failure count of an NPU, which its thread raises meanwhile. */
+inline uint32_t npu_errors(const uint32_t *count)
+{
+    return __atomic_load_n(count, __ATOMIC_RELAXED);
+}
 
 /* A request that cannot be run as it stands, with the field at fault; it is counted. */
 answer_t refuse_request(node_t *node, const char *field, const char *text);

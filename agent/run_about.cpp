@@ -1,8 +1,6 @@
 /* What the agent is: version, process, how it was started. */
 #include "requests.h"
 
-#include "clock.h"
-
 #include <algorithm>
 #include <cstring>
 #include <fstream>
@@ -24,16 +22,12 @@ answer_t run_about(node_t *node, const request_t &request)
     if (!request.payload.empty())
         return refuse_request(node, "length", "the request has no payload");
     const std::string words = command_line();
-    timespec now;
-    zan_clock_gettime(CLOCK_REALTIME, &now);
     zan_about_st about = {};
-    about.started_ns = (uint64_t)now.tv_sec * 1'000'000'000 + (uint64_t)now.tv_nsec -
-                       (uint64_t)(monotonic_ms() - node->started_ms) * 1'000'000;
+    about.started_ns = node->started_ns;
     about.pid = (uint32_t)getpid();
     about.command_line_len = (uint32_t)words.size();
     snprintf(about.version, sizeof about.version, "%s", ZAN_VERSION);
-    if (node->trace_file.size() < sizeof about.trace_file)
-        strcpy(about.trace_file, node->trace_file.c_str());
+    snprintf(about.trace_file, sizeof about.trace_file, "%s", node->trace_file.c_str());
     std::vector<uint8_t> frame(sizeof(zan_frame_hdr_st) + sizeof about);
     memcpy(frame.data() + sizeof(zan_frame_hdr_st), &about, sizeof about);
     frame.insert(frame.end(), words.begin(), words.end());

@@ -67,9 +67,9 @@ bool fill_table(const node_t *node, uint32_t table_id, zan_status_st *status,
     for (uint32_t npu = 0; npu < status->num_npus; npu++) {
         out->held[npu] = node->npus.count ? node->npus.count(npu, table_id) : 0;
         const zan_table_npu_block_st *errors = &ctx->table[table_id].npu[npu];
-        out->hw_create_errors[npu] = errors->create_err_cnt;
-        out->hw_update_errors[npu] = errors->update_err_cnt;
-        out->hw_delete_errors[npu] = errors->delete_err_cnt;
+        out->hw_create_errors[npu] = npu_errors(&errors->create_err_cnt);
+        out->hw_update_errors[npu] = npu_errors(&errors->update_err_cnt);
+        out->hw_delete_errors[npu] = npu_errors(&errors->delete_err_cnt);
         status->npu[npu].objects += out->held[npu];
         used |= out->held[npu] != 0;
     }

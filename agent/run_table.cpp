@@ -58,8 +58,8 @@ void fill_npus(const node_t *node, const zan_global_table_st &table, zan_table_r
 {
     for (uint32_t npu = 0; npu < out->num_npus; npu++) {
         const zan_table_npu_block_st &block = table.npu[npu];
-        out->npu[npu] = {block.create_err_cnt, block.delete_err_cnt, block.update_err_cnt,
-                         block.obj_cnt,
+        out->npu[npu] = {npu_errors(&block.create_err_cnt), npu_errors(&block.delete_err_cnt),
+                         npu_errors(&block.update_err_cnt), block.obj_cnt,
                          node->npus.count ? node->npus.count(npu, out->table_id) : 0};
     }
 }

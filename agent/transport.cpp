@@ -669,5 +669,7 @@ void transport_stop(transport_t *t)
     t->finish = true;
     transport_wake(t);
     t->thread.join();
+    if (!t->stopping) /* else it has gone already, and another agent may have one there */
+        unlink(t->path.c_str());
     free_transport(t);
 }

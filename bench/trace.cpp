@@ -76,19 +76,19 @@ template <class Time> double median_ns(size_t calls, Time time)
 class classes_t
 {
 public:
-    classes_t() : at_start_(zan_trace_enabled, zan_trace_enabled + ZAN_NUM_TRACE_CLASSES)
+    classes_t()
     {
+        for (zan_trace_class_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++)
+            at_start_.push_back(zan_trace_is_on(c));
     }
     void set(setting_et setting) const
     {
-        if (setting == AT_START)
-            std::copy(at_start_.begin(), at_start_.end(), zan_trace_enabled);
-        else
-            memset(zan_trace_enabled, setting == ALL, ZAN_NUM_TRACE_CLASSES);
+        for (zan_trace_class_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++)
+            zan_trace_switch(c, setting == AT_START ? at_start_[c] : setting == ALL);
     }
 
 private:
-    const std::vector<uint8_t> at_start_;
+    std::vector<bool> at_start_;
 };
 
 /* Batch by batch one setting after the other, so that what else the machine does falls on all of

@@ -14,7 +14,8 @@
 #define ZAN_COUNTER_SETS  8
 #define ZAN_COUNTER_BANKS (ZAN_COUNTER_SETS - 2)
 
-/* Hardware failures and objects of one table on one NPU. */
+/* Hardware failures and objects of one table on one NPU. The failures are counted by the thread
+ * that programs the NPU, and read by any: as atomics, relaxed. */
 typedef struct zan_table_npu_block_st {
     uint32_t create_err_cnt;
     uint32_t delete_err_cnt;

@@ -132,6 +132,12 @@ void kor_server_api_oor_accounting_from_async_write_update(const zan_table_def_t
     }
 }
 
+/* A count lost under a race is accepted. */
+static void count_one(uint32_t *counter)
+{
+    __atomic_store_n(counter, __atomic_load_n(counter, __ATOMIC_RELAXED) + 1, __ATOMIC_RELAXED);
+}
+
 void kor_server_api_increment_hw_err_counters(const zan_table_def_t *def, uint32_t operation_class,
                                               uint32_t npu_id, zan_rcode rc)
 {
@@ -141,13 +147,13 @@ void kor_server_api_increment_hw_err_counters(const zan_table_def_t *def, uint32
     zan_table_npu_block_st *block = &ctx->table[def->id].npu[npu_id];
     switch (operation_class) {
     case ZAN_HW_ERR_CREATE:
-        block->create_err_cnt++;
+        count_one(&block->create_err_cnt);
         break;
     case ZAN_HW_ERR_DELETE:
-        block->delete_err_cnt++;
+        count_one(&block->delete_err_cnt);
         break;
     case ZAN_HW_ERR_UPDATE:
-        block->update_err_cnt++;
+        count_one(&block->update_err_cnt);
         break;
     default:
         break;
