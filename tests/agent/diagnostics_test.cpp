@@ -127,6 +127,9 @@ TEST_F(diagnostics, traces_the_classes_that_are_on)
          "l3intf_verbose?"},
         {"trace classes --on", 2, "which classes?"},
         {"trace classes queue --on --off", 2, ""},
+        {"trace --file nowhere classes", 2, "classes excludes --file"},
+        {"trace --table l3intf classes event --off", 2, "classes excludes --table"},
+        {"trace classes event --off --errors", 2, "classes excludes --errors"},
     };
     for (const auto &c : cases) {
         const result_t result = run(c.arguments);
