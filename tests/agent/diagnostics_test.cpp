@@ -33,6 +33,15 @@ protected:
         EXPECT_NE(at, std::string::npos) << log.str();
         return (uint16_t)atoi(log.str().c_str() + at + before.size());
     }
+    static std::string shell(const std::string &command)
+    {
+        FILE *pipe = popen(command.c_str(), "r");
+        std::string text;
+        for (int c; (c = fgetc(pipe)) != EOF;)
+            text += (char)c;
+        EXPECT_EQ(pclose(pipe), 0) << command;
+        return text;
+    }
     /* The whole answer to a request, its head in front. */
     static std::string ask_http(uint16_t port, const std::string &request)
     {
@@ -281,14 +290,6 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     const result_t made = run("support " + archive);
     ASSERT_EQ(made.status, 0) << made.text;
 
-    auto shell = [](const std::string &command) {
-        FILE *pipe = popen(command.c_str(), "r");
-        std::string text;
-        for (int c; (c = fgetc(pipe)) != EOF;)
-            text += (char)c;
-        EXPECT_EQ(pclose(pipe), 0) << command;
-        return text;
-    };
     auto member = [&](const std::string &name) {
         return shell("tar xzOf " + archive + " case/" + name);
     };
@@ -315,6 +316,35 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     EXPECT_EQ(run("support " + archive).status, 2) << "it is there";
     EXPECT_TRUE(has(member("status.txt"), "l3intf "));
     EXPECT_EQ(run("support " + process.directory + "/none/case.tar.gz").status, 2);
+}
+
+TEST_F(diagnostics, says_what_an_archive_lacks)
+{
+    start({});
+    const std::string hidden = process.directory + "/.case.v2.tgz";
+    write_file(".case.v2.tgz.part", "what an interrupted run has left");
+    ASSERT_EQ(run("support " + hidden).status, 0);
+    EXPECT_EQ(access((hidden + ".part").c_str(), F_OK), -1);
+    EXPECT_EQ(shell("tar xzOf " + hidden + " .case.v2/tables.txt .case.v2/perf_tables.txt"),
+              "no table is in use\nno table is in use\n");
+    const std::string nameless = process.directory + "/.tar.gz";
+    ASSERT_EQ(run("support " + nameless).status, 0);
+    EXPECT_TRUE(has(shell("tar tzf " + nameless), "zan-support/about.txt\n"));
+
+    const json_t about = run_json("about");
+    ASSERT_EQ(unlink(about["agent"]["trace_file"].get<std::string>().c_str()), 0);
+    const std::string torn = process.directory + "/torn.tar.gz";
+    const result_t result = run("support " + torn);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(has(result.text, "zanctl: trace.ring is missing: "));
+    EXPECT_TRUE(has(shell("tar tzf " + torn), "torn/trace.txt\n"));
+
+    process.stop();
+    start({"--trace-file", "none"});
+    const std::string rest = process.directory + "/rest.tar.gz";
+    const result_t in_memory = run("support " + rest);
+    EXPECT_EQ(in_memory.status, 0);
+    EXPECT_TRUE(has(in_memory.text, "the agent keeps its trace ring in memory"));
 }
 
 } // namespace
