@@ -134,11 +134,18 @@ TEST_F(diagnostics, traces_the_classes_that_are_on)
         {"trace classes l3intf_verbos --on", 2,
          "there is no trace class l3intf_verbos; is it "
          "l3intf_verbose?"},
+        {"trace classes xx", 2, "there is no trace class xx: zanctl trace classes lists them"},
+        {"trace classes l3intf_verbose --off", 0, "1 class is off now"},
+        {"trace classes error", 0,
+         "error                                  on for 360 of 361 tables, not for macllnh\n"
+         "queue_error                            on\n"},
         {"trace classes --on", 2, "which classes?"},
         {"trace classes queue --on --off", 2, ""},
         {"trace --file nowhere classes", 2, "classes excludes --file"},
         {"trace --table l3intf classes event --off", 2, "classes excludes --table"},
         {"trace classes event --off --errors", 2, "classes excludes --errors"},
+        {"trace classes event", 0,
+         "event                                  on for 361 of 361 tables\n"},
     };
     for (const auto &c : cases) {
         const result_t result = run(c.arguments);
@@ -200,6 +207,7 @@ TEST_F(diagnostics, shows_what_was_slow_and_where)
     for (const char *part :
          {"dispatcher", "NPU 1", "at most", "33.6 ms", "update of ipnhgroup took "})
         EXPECT_TRUE(has(run("perf ipnhgroup").text, part));
+    EXPECT_TRUE(has(run("perf lagport").text, "lagport: not used yet\n"));
     EXPECT_EQ(run("perf nonsense").status, 2);
 }
 
