@@ -285,8 +285,11 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
             << where;
     EXPECT_EQ(ask_http(port, "GET /").find("HTTP/1.1 404"), 0u);
     EXPECT_EQ(ask_http(port, "DELETE /metrics").find("HTTP/1.1 405"), 0u);
-    EXPECT_EQ(ask_http(port, "HEAD /metrics").find("# EOF"), std::string::npos);
-    EXPECT_EQ(ask_http(port, "nonsense").find("200"), std::string::npos);
+    const std::string head = ask_http(port, "HEAD /metrics");
+    EXPECT_EQ(head.find("HTTP/1.1 200"), 0u) << head;
+    EXPECT_TRUE(has(head, "\r\nContent-Length: "));
+    EXPECT_EQ(head.find("\r\n\r\n"), head.size() - 4) << "no body";
+    EXPECT_EQ(ask_http(port, "nonsense").find("HTTP/1.1 400"), 0u);
 }
 
 TEST_F(diagnostics, archives_what_the_commands_show)
