@@ -48,12 +48,12 @@ typedef enum zan_frame_type_et {
     ZAN_FRAME_SIM_REPLY = 26,         /* empty */
     ZAN_FRAME_WATCH = 27,             /* zan_watch_st: the notifications that the client wants */
     ZAN_FRAME_WATCH_REPLY = 28,       /* empty */
+    ZAN_FRAME_NOTIFICATION = 29,      /* from the agent, unasked, tag 0: zan_notification_st, then
+                                         an object or another message */
     ZAN_FRAME_TRACE = 30,             /* zan_trace_st */
     ZAN_FRAME_TRACE_REPLY = 31,       /* zan_trace_reply_st, then num_records zan_trace_record_st */
     ZAN_FRAME_STATS = 32,          /* zan_stats_st, then nothing or one object that names another */
     ZAN_FRAME_STATS_REPLY = 33,    /* zan_stats_reply_st, then its rows */
-    ZAN_FRAME_NOTIFICATION = 29,   /* from the agent, unasked, tag 0: zan_notification_st, then
-                                      an object or another message */
     ZAN_FRAME_COUNTERS = 40,       /* zan_counters_st: do what it says, and answer */
     ZAN_FRAME_COUNTERS_REPLY = 41, /* zan_counters_reply_st, then num_tables
                                       zan_counters_table_st */

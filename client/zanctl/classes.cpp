@@ -53,16 +53,19 @@ size_t distance(const std::string &a, const std::string &b)
     return row[b.size()];
 }
 
+/* The name that is meant, if at most a third of the letters are wrong; else empty. */
 std::string nearest(const std::string &word)
 {
     std::string best;
-    size_t least = SIZE_MAX;
+    size_t most = word.size() / 3;
     for (zan_trace_class_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++)
-        for (const std::string &name : names_of(c))
-            if (distance(word, name) < least) {
-                least = distance(word, name);
-                best = name;
-            }
+        for (const std::string &name : names_of(c)) {
+            const size_t wrong = distance(word, name);
+            if (wrong > most || (wrong == most && !best.empty()))
+                continue;
+            most = wrong;
+            best = name;
+        }
     return best;
 }
 
@@ -82,9 +85,9 @@ bool select(const std::vector<std::string> &words, std::set<zan_trace_class_t> *
     }
     if (unknown.empty())
         return true;
-    const std::string &word = *unknown.begin();
-    *why = "there is no trace class " + word + "; is it " + nearest(word) +
-           "? zanctl trace classes lists them";
+    const std::string &word = *unknown.begin(), meant = nearest(word);
+    *why = "there is no trace class " + word + (meant.empty() ? ": " : "; is it " + meant + "? ") +
+           "zanctl trace classes lists them";
     return false;
 }
 
@@ -118,15 +121,20 @@ void print_level(FILE *out, uint32_t level, const zan_trace_classes_reply_st &re
     fprintf(out, "\n");
 }
 
-/* The tables' by level, the shared ones each. */
-void print_all(FILE *out, const zan_trace_classes_reply_st &reply)
+/* The tables' in short, the shared ones each: of a level that the words say alone, or of all. */
+void print_levels(FILE *out, const std::vector<std::string> &words,
+                  const std::set<zan_trace_class_t> &chosen,
+                  const zan_trace_classes_reply_st &reply)
 {
     for (uint32_t level = 0; level < std::size(levels); level++)
-        print_level(out, level, reply);
-    std::set<zan_trace_class_t> shared;
-    for (zan_trace_class_t c = ZAN_SHARED_TRACE_CLASS_BASE; c < ZAN_NUM_TRACE_CLASSES; c++)
-        shared.insert(c);
-    print(out, shared, reply);
+        if (words.empty() || words.front() == levels[level])
+            print_level(out, level, reply);
+    print(out, {chosen.lower_bound(ZAN_SHARED_TRACE_CLASS_BASE), chosen.end()}, reply);
+}
+
+bool is_level(const std::string &word)
+{
+    return std::find(std::begin(levels), std::end(levels), word) != std::end(levels);
 }
 
 json_t as_json(const std::set<zan_trace_class_t> &chosen, const zan_trace_classes_reply_st &reply)
@@ -159,10 +167,10 @@ int run_trace_classes(session_t *session, const std::vector<std::string> &words,
     if (session->json)
         fprintf(session->out, "%s\n", as_json(chosen, reply).dump().c_str());
     else if (switches)
-        fprintf(session->out, "%zu %s now\n", chosen.size(),
-                options.on ? "classes are on" : "classes are off");
-    else if (words.empty())
-        print_all(session->out, reply);
+        fprintf(session->out, "%zu %s %s now\n", chosen.size(),
+                chosen.size() == 1 ? "class is" : "classes are", options.on ? "on" : "off");
+    else if (words.empty() || (words.size() == 1 && is_level(words.front())))
+        print_levels(session->out, words, chosen, reply);
     else
         print(session->out, chosen, reply);
     return EXIT_WELL;

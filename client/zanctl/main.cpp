@@ -156,7 +156,11 @@ void add_commands(CLI::App *app, arguments_t *a)
     trace->add_flag("--errors", a->trace.errors, "errors only");
     trace->add_option("--last", a->trace.last, "so many at most, the newest")
         ->capture_default_str();
+    const std::vector<CLI::Option *> of_records =
+        trace->get_options([trace](const CLI::Option *o) { return o != trace->get_help_ptr(); });
     CLI::App *classes = trace->add_subcommand("classes", "which classes are traced");
+    for (CLI::Option *option : of_records)
+        classes->excludes(option);
     classes->add_option("words", a->words,
                         "classes; a table, a level (error, event, verbose) or queue, batch, "
                         "transaction_history... for all of it");

@@ -128,6 +128,8 @@ void print_table(FILE *out, const zan_perf_table_st &t, uint32_t num_npus)
         fprintf(out, "%s: from %s, transaction %u, to %s, transaction %u\n\n",
                 kor_table_name_get(t.table_id), clock_text(t.first_op_ns).c_str(), t.first_trans_id,
                 clock_text(t.last_op_ns).c_str(), t.last_trans_id);
+    else
+        fprintf(out, "%s: not used yet\n\n", kor_table_name_get(t.table_id));
     fprintf(out, "%-12s %10s %10s %10s\n", "", "count", "mean us", "max us");
     for (const kind_t &kind : kinds) {
         fprintf(out, "%-12s", kind.name.c_str());

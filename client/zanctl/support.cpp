@@ -1,7 +1,9 @@
 /* support: one archive with what the commands show of the node, and the trace ring as it is. */
 #include "zanctl.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <functional>
@@ -34,21 +36,49 @@ struct free_entry_t {
     }
 };
 
-/* The archive on its way: a file that was not there before, all of it in one directory. */
+/* The name of the directory in an archive of that name, which tar is to unpack below where it is.
+ */
+std::string directory_of(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    for (const std::string ending : {".tar.gz", ".tgz"})
+        if (name.size() >= ending.size() &&
+            name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
+            name.resize(name.size() - ending.size());
+            break;
+        }
+    const bool names_something = name.find_first_not_of('.') != std::string::npos;
+    return (names_something ? name : "zan-support") + "/";
+}
+
+[[noreturn]] void fail_file(const std::string &path, int error)
+{
+    throw std::runtime_error(path + ": " + strerror(error));
+}
+
+/* The archive on its way: all of it in one directory. It is written beside its place and moved
+ * there when it is whole; what an interrupted run has left there gives way. */
 class bundle_t
 {
 public:
-    explicit bundle_t(std::string path) : path_(std::move(path))
+    explicit bundle_t(std::string path)
+        : path_(std::move(path)), part_(path_ + ".part"), directory_(directory_of(path_))
     {
-        const size_t slash = path_.rfind('/');
-        const std::string file = slash == std::string::npos ? path_ : path_.substr(slash + 1);
-        directory_ = file.substr(0, file.find('.')) + "/";
+        struct stat facts;
+        if (lstat(path_.c_str(), &facts) == 0)
+            fail_file(path_, EEXIST);
         check(archive_write_add_filter_gzip(archive_.get()));
         check(archive_write_set_format_pax_restricted(archive_.get()));
-        fd_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        unlink(part_.c_str()); /* another user's stays, and is refused below */
+        fd_ = open(part_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (fd_ < 0)
-            throw std::runtime_error(path_ + ": " + strerror(errno));
-        check(archive_write_open_fd(archive_.get(), fd_));
+            fail_file(part_, errno);
+        if (archive_write_open_fd(archive_.get(), fd_) < ARCHIVE_WARN) {
+            close(fd_);
+            unlink(part_.c_str());
+            check(ARCHIVE_FATAL);
+        }
     }
     bundle_t(const bundle_t &) = delete;
     bundle_t &operator=(const bundle_t &) = delete;
@@ -57,7 +87,7 @@ public:
         archive_.reset();
         close(fd_);
         if (!complete_)
-            unlink(path_.c_str());
+            unlink(part_.c_str());
     }
     void begin(const std::string &name, uint64_t bytes)
     {
@@ -79,7 +109,9 @@ public:
     {
         check(archive_write_close(archive_.get()));
         if (fsync(fd_) != 0)
-            throw std::runtime_error(path_ + ": " + strerror(errno));
+            fail_file(part_, errno);
+        if (rename(part_.c_str(), path_.c_str()) != 0)
+            fail_file(path_, errno);
         complete_ = true;
     }
     const std::vector<member_t> &members() const
@@ -93,9 +125,9 @@ private:
         if (status >= ARCHIVE_WARN)
             return;
         const char *why = archive_error_string(archive_.get());
-        throw std::runtime_error(path_ + ": " + (why ? why : "it cannot be written"));
+        throw std::runtime_error(part_ + ": " + (why ? why : "it cannot be written"));
     }
-    std::string path_, directory_;
+    std::string path_, part_, directory_;
     int fd_;
     bool complete_ = false;
     std::unique_ptr<archive, free_archive_t> archive_{archive_write_new()};
@@ -112,34 +144,36 @@ std::string default_name()
     return text;
 }
 
+using faults_t = std::vector<std::string>;
 using command_f = std::function<int(session_t *)>;
 
-/* What a command prints for people. */
-std::string output_of(const session_t &session, const command_f &command)
+/* What a command prints for people, and how it ended. */
+std::string output_of(const session_t &session, const command_f &command, int *status)
 {
     char *text = nullptr;
     size_t size = 0;
     session_t inner = {session.client, false, open_memstream(&text, &size)};
     if (!inner.out)
         throw std::bad_alloc();
-    const int status = command(&inner);
-    if (status == EXIT_FAILED)
+    *status = command(&inner);
+    if (*status == EXIT_FAILED)
         fprintf(inner.out, "zanctl: %s\n", zan_client_error(session.client));
     fclose(inner.out);
     const std::unique_ptr<char, free_object_t> owned(text);
     return {text, size};
 }
 
-/* Tables that hold something or were asked to. */
+/* Tables that have counted anything. */
 std::vector<std::string> used_tables(const session_t &session)
 {
-    zan_status_st status;
-    zan_table_status_st *tables;
-    if (zan_client_status(session.client, &status, &tables))
+    const zan_counters_st request = {ZAN_COUNTERS_READ, ZAN_WIRE_NO_INDEX, 0, 0};
+    zan_counters_reply_st head;
+    zan_counters_table_st *tables;
+    if (zan_client_counters(session.client, &request, &head, &tables))
         throw std::runtime_error(zan_client_error(session.client));
-    const std::unique_ptr<zan_table_status_st, free_object_t> owned(tables);
+    const std::unique_ptr<zan_counters_table_st, free_object_t> owned(tables);
     std::vector<std::string> names;
-    for (uint32_t i = 0; i < status.num_tables; i++)
+    for (uint32_t i = 0; i < head.num_tables; i++)
         names.push_back(kor_table_name_get(tables[i].table_id));
     return names;
 }
@@ -150,6 +184,8 @@ command_f for_each(const std::vector<std::string> &tables,
 {
     return [&tables, command](session_t *session) {
         int worst = EXIT_WELL;
+        if (tables.empty())
+            fprintf(session->out, "no table is in use\n");
         for (const std::string &table : tables) {
             worst = std::max(worst, command(session, table));
             fprintf(session->out, "\n");
@@ -158,8 +194,10 @@ command_f for_each(const std::vector<std::string> &tables,
     };
 }
 
-void add_texts(bundle_t *bundle, const session_t &session)
+/* Gives what is missing of them, a line for each. */
+faults_t add_texts(bundle_t *bundle, const session_t &session)
 {
+    faults_t faults;
     const std::vector<std::string> used = used_tables(session);
     trace_options_t whole_ring;
     whole_ring.last = SIZE_MAX;
@@ -182,59 +220,83 @@ void add_texts(bundle_t *bundle, const session_t &session)
         {"trace.txt", [&](session_t *s) { return run_trace(s, whole_ring); }},
     };
     for (const auto &t : texts) {
-        const std::string text = output_of(session, t.command);
+        int status;
+        const std::string text = output_of(session, t.command, &status);
         bundle->begin(t.name, text.size());
         bundle->write(text.data(), text.size());
+        if (status != EXIT_WELL)
+            faults.push_back(std::string(t.name) +
+                             " is incomplete: " + zan_client_error(session.client));
     }
+    return faults;
 }
 
-/* The ring's file, for zanctl trace --file; the agent writes to it meanwhile. Left out where it
- * cannot be read: trace.txt has its records, too. */
-void add_ring(bundle_t *bundle, const session_t &session)
+/* The ring's file, for zanctl trace --file; the agent writes to it meanwhile. What is missing of it
+ * may be in trace.txt. */
+faults_t add_ring(bundle_t *bundle, const std::string &path)
 {
-    zan_about_st about;
-    char *command_line;
-    if (zan_client_about(session.client, &about, &command_line))
-        return;
-    free(command_line);
-    const int fd = *about.trace_file ? open(about.trace_file, O_RDONLY | O_CLOEXEC) : -1;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat facts;
-    if (fd < 0)
-        return;
-    if (fstat(fd, &facts) == 0) {
-        std::vector<uint8_t> part(1 << 20);
-        bundle->begin("trace.ring", (uint64_t)facts.st_size);
-        for (ssize_t n; (n = read(fd, part.data(), part.size())) > 0;)
-            bundle->write(part.data(), (size_t)n);
+    if (fd < 0 || fstat(fd, &facts) != 0) {
+        const int error = errno;
+        if (fd >= 0)
+            close(fd);
+        return {"trace.ring is missing: " + path + ": " + strerror(error)};
     }
+    std::vector<uint8_t> part(1 << 20);
+    bundle->begin("trace.ring", (uint64_t)facts.st_size);
+    off_t done = 0;
+    ssize_t n = 0;
+    for (; done < facts.st_size && (n = read(fd, part.data(), part.size())) > 0; done += n)
+        bundle->write(part.data(), (size_t)n);
     close(fd);
+    if (done < facts.st_size)
+        return {"trace.ring is incomplete: " + path + ": " +
+                (n < 0 ? strerror(errno) : "it has become shorter")};
+    return {};
 }
 
-void report(const session_t &session, const std::string &path, const bundle_t &bundle)
+void report(const session_t &session, const std::string &path, const bundle_t &bundle,
+            bool ring_in_memory, const faults_t &faults)
 {
-    json_t members = json_t::array();
-    if (!session.json)
-        fprintf(session.out, "%s\n", path.c_str());
-    for (const member_t &member : bundle.members()) {
-        members.push_back({{"name", member.name}, {"bytes", member.bytes}});
-        if (!session.json)
-            fprintf(session.out, "%12llu  %s\n", (unsigned long long)member.bytes,
-                    member.name.c_str());
+    for (const std::string &fault : faults)
+        fprintf(stderr, "zanctl: %s\n", fault.c_str());
+    if (session.json) {
+        json_t members = json_t::array();
+        for (const member_t &member : bundle.members())
+            members.push_back({{"name", member.name}, {"bytes", member.bytes}});
+        const json_t out = {{"archive", path},
+                            {"members", members},
+                            {"ring_in_memory", ring_in_memory},
+                            {"faults", faults}};
+        fprintf(session.out, "%s\n", out.dump().c_str());
+        return;
     }
-    if (session.json)
-        fprintf(session.out, "%s\n",
-                json_t({{"archive", path}, {"members", members}}).dump().c_str());
+    fprintf(session.out, "%s\n", path.c_str());
+    for (const member_t &member : bundle.members())
+        fprintf(session.out, "%12llu  %s\n", (unsigned long long)member.bytes, member.name.c_str());
+    if (ring_in_memory)
+        fprintf(session.out, "the agent keeps its trace ring in memory: trace.txt shows it\n");
 }
 
 } // namespace
 
 int run_support(session_t *session, const std::string &file)
 {
+    zan_about_st about;
+    char *command_line;
+    if (zan_client_about(session->client, &about, &command_line))
+        return fail_session(session);
+    free(command_line);
+    const bool ring_in_memory = !*about.trace_file;
+
     const std::string path = file.empty() ? default_name() : file;
     bundle_t bundle(path);
-    add_texts(&bundle, *session);
-    add_ring(&bundle, *session);
+    faults_t faults = add_texts(&bundle, *session);
+    if (!ring_in_memory)
+        for (const std::string &fault : add_ring(&bundle, about.trace_file))
+            faults.push_back(fault);
     bundle.finish();
-    report(*session, path, bundle);
-    return EXIT_WELL;
+    report(*session, path, bundle, ring_in_memory, faults);
+    return faults.empty() ? EXIT_WELL : EXIT_REFUSED;
 }

@@ -33,6 +33,15 @@ protected:
         EXPECT_NE(at, std::string::npos) << log.str();
         return (uint16_t)atoi(log.str().c_str() + at + before.size());
     }
+    static std::string shell(const std::string &command)
+    {
+        FILE *pipe = popen(command.c_str(), "r");
+        std::string text;
+        for (int c; (c = fgetc(pipe)) != EOF;)
+            text += (char)c;
+        EXPECT_EQ(pclose(pipe), 0) << command;
+        return text;
+    }
     /* The whole answer to a request, its head in front. */
     static std::string ask_http(uint16_t port, const std::string &request)
     {
@@ -125,8 +134,18 @@ TEST_F(diagnostics, traces_the_classes_that_are_on)
         {"trace classes l3intf_verbos --on", 2,
          "there is no trace class l3intf_verbos; is it "
          "l3intf_verbose?"},
+        {"trace classes xx", 2, "there is no trace class xx: zanctl trace classes lists them"},
+        {"trace classes l3intf_verbose --off", 0, "1 class is off now"},
+        {"trace classes error", 0,
+         "error                                  on for 360 of 361 tables, not for macllnh\n"
+         "queue_error                            on\n"},
         {"trace classes --on", 2, "which classes?"},
         {"trace classes queue --on --off", 2, ""},
+        {"trace --file nowhere classes", 2, "classes excludes --file"},
+        {"trace --table l3intf classes event --off", 2, "classes excludes --table"},
+        {"trace classes event --off --errors", 2, "classes excludes --errors"},
+        {"trace classes event", 0,
+         "event                                  on for 361 of 361 tables\n"},
     };
     for (const auto &c : cases) {
         const result_t result = run(c.arguments);
@@ -188,6 +207,7 @@ TEST_F(diagnostics, shows_what_was_slow_and_where)
     for (const char *part :
          {"dispatcher", "NPU 1", "at most", "33.6 ms", "update of ipnhgroup took "})
         EXPECT_TRUE(has(run("perf ipnhgroup").text, part));
+    EXPECT_TRUE(has(run("perf lagport").text, "lagport: not used yet\n"));
     EXPECT_EQ(run("perf nonsense").status, 2);
 }
 
@@ -265,8 +285,11 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
             << where;
     EXPECT_EQ(ask_http(port, "GET /").find("HTTP/1.1 404"), 0u);
     EXPECT_EQ(ask_http(port, "DELETE /metrics").find("HTTP/1.1 405"), 0u);
-    EXPECT_EQ(ask_http(port, "HEAD /metrics").find("# EOF"), std::string::npos);
-    EXPECT_EQ(ask_http(port, "nonsense").find("200"), std::string::npos);
+    const std::string head = ask_http(port, "HEAD /metrics");
+    EXPECT_EQ(head.find("HTTP/1.1 200"), 0u) << head;
+    EXPECT_TRUE(has(head, "\r\nContent-Length: "));
+    EXPECT_EQ(head.find("\r\n\r\n"), head.size() - 4) << "no body";
+    EXPECT_EQ(ask_http(port, "nonsense").find("HTTP/1.1 400"), 0u);
 }
 
 TEST_F(diagnostics, archives_what_the_commands_show)
@@ -278,14 +301,6 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     const result_t made = run("support " + archive);
     ASSERT_EQ(made.status, 0) << made.text;
 
-    auto shell = [](const std::string &command) {
-        FILE *pipe = popen(command.c_str(), "r");
-        std::string text;
-        for (int c; (c = fgetc(pipe)) != EOF;)
-            text += (char)c;
-        EXPECT_EQ(pclose(pipe), 0) << command;
-        return text;
-    };
     auto member = [&](const std::string &name) {
         return shell("tar xzOf " + archive + " case/" + name);
     };
@@ -312,6 +327,35 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     EXPECT_EQ(run("support " + archive).status, 2) << "it is there";
     EXPECT_TRUE(has(member("status.txt"), "l3intf "));
     EXPECT_EQ(run("support " + process.directory + "/none/case.tar.gz").status, 2);
+}
+
+TEST_F(diagnostics, says_what_an_archive_lacks)
+{
+    start({});
+    const std::string hidden = process.directory + "/.case.v2.tgz";
+    write_file(".case.v2.tgz.part", "what an interrupted run has left");
+    ASSERT_EQ(run("support " + hidden).status, 0);
+    EXPECT_EQ(access((hidden + ".part").c_str(), F_OK), -1);
+    EXPECT_EQ(shell("tar xzOf " + hidden + " .case.v2/tables.txt .case.v2/perf_tables.txt"),
+              "no table is in use\nno table is in use\n");
+    const std::string nameless = process.directory + "/.tar.gz";
+    ASSERT_EQ(run("support " + nameless).status, 0);
+    EXPECT_TRUE(has(shell("tar tzf " + nameless), "zan-support/about.txt\n"));
+
+    const json_t about = run_json("about");
+    ASSERT_EQ(unlink(about["agent"]["trace_file"].get<std::string>().c_str()), 0);
+    const std::string torn = process.directory + "/torn.tar.gz";
+    const result_t result = run("support " + torn);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(has(result.text, "zanctl: trace.ring is missing: "));
+    EXPECT_TRUE(has(shell("tar tzf " + torn), "torn/trace.txt\n"));
+
+    process.stop();
+    start({"--trace-file", "none"});
+    const std::string rest = process.directory + "/rest.tar.gz";
+    const result_t in_memory = run("support " + rest);
+    EXPECT_EQ(in_memory.status, 0);
+    EXPECT_TRUE(has(in_memory.text, "the agent keeps its trace ring in memory"));
 }
 
 } // namespace
