@@ -301,8 +301,12 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     const result_t made = run("support " + archive);
     ASSERT_EQ(made.status, 0) << made.text;
 
+    shell("tar xzf " + archive + " -C " + process.directory);
+    const std::string unpacked = process.directory + "/case/";
     auto member = [&](const std::string &name) {
-        return shell("tar xzOf " + archive + " case/" + name);
+        std::stringstream text;
+        text << std::ifstream(unpacked + name).rdbuf();
+        return text.str();
     };
     std::string said = made.text.substr(0, made.text.find('\n') + 1);
     EXPECT_EQ(said, archive + "\n");
@@ -311,7 +315,7 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     for (std::string name, bytes, in_archive; told >> bytes >> name; members++) {
         ASSERT_TRUE(listed >> in_archive);
         EXPECT_EQ(in_archive, "case/" + name);
-        EXPECT_EQ(shell("tar xzOf " + archive + " " + in_archive + " | wc -c"), bytes + "\n");
+        EXPECT_EQ(std::to_string(std::filesystem::file_size(unpacked + name)), bytes);
     }
     EXPECT_EQ(members, 14u) << made.text;
     for (const char *command : {"about", "counters", "resources", "failed", "quarantine", "events"})
@@ -320,9 +324,7 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     EXPECT_TRUE(has(member("tables.txt"), "l3intf (46): "));
     EXPECT_TRUE(has(member("perf_tables.txt"), "l3intf: from "));
     EXPECT_TRUE(has(member("trace.txt"), "l3intf_error"));
-    shell("tar xzf " + archive + " -C " + process.directory + " case/trace.ring");
-    EXPECT_TRUE(
-        has(run("trace --file " + process.directory + "/case/trace.ring").text, "l3intf_error"));
+    EXPECT_TRUE(has(run("trace --file " + unpacked + "trace.ring").text, "l3intf_error"));
 
     EXPECT_EQ(run("support " + archive).status, 2) << "it is there";
     EXPECT_TRUE(has(member("status.txt"), "l3intf "));
