@@ -1,7 +1,6 @@
 /* about: versions, table definitions, and how the agent was started. */
-#include "zanctl.h"
+#include "objects.h"
 
-#include <ctime>
 #include <sstream>
 
 namespace
@@ -14,16 +13,6 @@ std::string fingerprint_text(uint64_t fingerprint)
     return text;
 }
 
-std::string time_text(uint64_t ns)
-{
-    const auto seconds = (time_t)(ns / 1'000'000'000);
-    tm local = {};
-    localtime_r(&seconds, &local);
-    char text[64];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &local);
-    return text;
-}
-
 void print(FILE *out, const zan_about_st &about, const zan_hello_reply_st &node,
            const std::vector<std::string> &words)
 {
@@ -31,7 +20,8 @@ void print(FILE *out, const zan_about_st &about, const zan_hello_reply_st &node,
             ZAN_WIRE_VERSION, ZAN_NUM_TABLES, fingerprint_text(zan_schema_fingerprint).c_str());
     fprintf(out, "agent     version %s, protocol %u, definitions %s\n", about.version, node.version,
             fingerprint_text(node.fingerprint).c_str());
-    fprintf(out, "process   %u, since %s\n", about.pid, time_text(about.started_ns).c_str());
+    fprintf(out, "process   %u, since %s\n", about.pid,
+            time_text(about.started_ns, "%Y-%m-%d %H:%M:%S %z").c_str());
     fprintf(out, "trace     %s\n", *about.trace_file ? about.trace_file : "in memory");
     fprintf(out, "started as\n ");
     for (const std::string &word : words)

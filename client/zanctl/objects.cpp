@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace
 {
@@ -198,6 +199,16 @@ std::string npus_text(uint64_t mask)
         if (mask >> npu & 1)
             text += (text.empty() ? "" : ",") + std::to_string(npu);
     return text.empty() ? "-" : text;
+}
+
+std::string time_text(uint64_t ns, const char *form)
+{
+    const auto seconds = (time_t)(ns / 1'000'000'000);
+    tm local = {};
+    localtime_r(&seconds, &local);
+    char text[96];
+    strftime(text, sizeof text, form, &local);
+    return text;
 }
 
 const char *resource_state_name(uint32_t state)

@@ -41,6 +41,9 @@ object_ptr_t parse_object(std::string text, std::string *why);
 /* The NPUs of a mask as "0,2"; "-" for none. */
 std::string npus_text(uint64_t mask);
 
+/* A moment of CLOCK_REALTIME as local time, in the form of strftime(3). */
+std::string time_text(uint64_t ns, const char *form);
+
 /* Of a hardware database: "green", "yellow", "red". */
 const char *resource_state_name(uint32_t state);
 

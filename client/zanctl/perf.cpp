@@ -3,7 +3,6 @@
 #include "objects.h"
 
 #include <algorithm>
-#include <ctime>
 
 namespace
 {
@@ -66,15 +65,12 @@ std::string bound_text(uint32_t bucket)
     return text;
 }
 
+/* With milliseconds. */
 std::string clock_text(uint64_t ns)
 {
-    const auto seconds = (time_t)(ns / 1'000'000'000);
-    tm local = {};
-    localtime_r(&seconds, &local);
-    char text[64];
-    const size_t n = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    snprintf(text + n, sizeof text - n, ".%03u", (unsigned)(ns / 1'000'000 % 1000));
-    return text;
+    char fraction[8];
+    snprintf(fraction, sizeof fraction, ".%03u", (unsigned)(ns / 1'000'000 % 1000));
+    return time_text(ns, "%Y-%m-%d %H:%M:%S") + fraction;
 }
 
 /* ---- For people ---- */

@@ -1,5 +1,5 @@
 /* support: one archive with what the commands show of the node, and the trace ring as it is. */
-#include "zanctl.h"
+#include "objects.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -136,12 +136,7 @@ private:
 
 std::string default_name()
 {
-    const time_t now = time(nullptr);
-    tm local = {};
-    localtime_r(&now, &local);
-    char text[64];
-    strftime(text, sizeof text, "zan-support-%Y%m%d-%H%M%S.tar.gz", &local);
-    return text;
+    return time_text((uint64_t)time(nullptr) * 1'000'000'000, "zan-support-%Y%m%d-%H%M%S.tar.gz");
 }
 
 using faults_t = std::vector<std::string>;

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <set>
 
@@ -62,13 +61,10 @@ uint64_t time_of(const zan_trace_record_st &r, const zan_trace_reply_st &now)
 
 void print(const session_t *session, const zan_trace_record_st &r, uint64_t when_ns)
 {
-    char name[96], text[512], clock[32];
+    char name[96], text[512];
     zan_trace_class_print(r.trace_class, name, sizeof name);
     zan_trace_print(&r, text, sizeof text);
-    const auto seconds = (time_t)(when_ns / 1'000'000'000);
-    tm local = {};
-    localtime_r(&seconds, &local);
-    strftime(clock, sizeof clock, "%H:%M:%S", &local);
+    const std::string clock = time_text(when_ns, "%H:%M:%S");
     const auto us = (unsigned)(when_ns / 1000 % 1'000'000);
     const uint32_t table = zan_trace_message_table((uint32_t)r.msg);
     if (session->json) {
@@ -78,7 +74,7 @@ void print(const session_t *session, const zan_trace_record_st &r, uint64_t when
         out["text"] = text;
         fprintf(session->out, "%s\n", out.dump().c_str());
     } else {
-        fprintf(session->out, "%s.%06u %-24s %s%s%s (trans %u)\n", clock, us, name,
+        fprintf(session->out, "%s.%06u %-24s %s%s%s (trans %u)\n", clock.c_str(), us, name,
                 table != UINT32_MAX ? kor_table_name_get(table) : "",
                 table != UINT32_MAX ? ": " : "", text, r.trans_id);
     }
