@@ -9,17 +9,10 @@ namespace
 
 constexpr uint32_t poll_us = 20'000;
 
-struct free_rows_t {
-    void operator()(void *rows) const
-    {
-        free(rows);
-    }
-};
-
 struct answer_t {
     zan_stats_reply_st head;
-    std::unique_ptr<zan_stats_walk_st[], free_rows_t> walks;
-    std::unique_ptr<zan_stats_adj_st[], free_rows_t> adjacencies;
+    std::unique_ptr<zan_stats_walk_st[], free_object_t> walks;
+    std::unique_ptr<zan_stats_adj_st[], free_object_t> adjacencies;
 };
 
 const char *adjacency_name(uint32_t index)

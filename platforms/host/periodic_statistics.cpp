@@ -3,7 +3,8 @@
  * One thread, the secondary server thread, that walks all registered tables, rests, and begins
  * again. Of a table with counters of its own each descriptor is first brought up to date from
  * hardware, then the table's stats_walk takes the counters into the objects; an adjacency table's
- * walk does both. A pass may also be asked for, and then runs on the thread that asks.
+ * walk does both. Anybody may wake the thread for a pass, or make one on a thread of his own, which
+ * is the secondary server thread for that long.
  *
  * The list only grows, at its end: the dispatcher thread writes a row and then the number of rows.
  */
