@@ -10,8 +10,7 @@
  *   update   each to another group, asynchronous, in that shuffle
  *   delete   all of them, asynchronous, in that shuffle; nothing may be left
  *   walk     alone, see walk.cpp: a change carried to 1,000 up to N children of one object
- *   trace    alone, see trace.cpp: N calls, and the create of N routes with traces and
- * without
+ *   trace    alone, see trace.cpp: N calls, and the create of N routes with and without traces
  *
  * Times are noisy on a shared machine; quote the ratios. --only leaves the other side out, for
  * counting instructions; of the traces, `server` are N calls with their class on, `floor` with it
