@@ -83,7 +83,8 @@ ZAN_EXPORT bool zan_host_failed_get(uint32_t table_id, const void *key, zan_host
 /* On one object; with a null key on all of a table, with ZAN_NUM_TABLES on all. They return the
  * number of objects that it was done to.
  *   retry    attempt at the next run, with a new budget
- *   forget   attempt no more: hardware stays as it is until the next write
+ *   forget   attempt no more: hardware stays as it is until the next write; an attempt that is
+ *            under way is listed until the NPUs have answered
  *   release  put back into service, and after it what was taken out for it
  *   drop     free the object, and what was taken out for it: nothing is put back */
 ZAN_EXPORT uint32_t zan_host_failed_retry(uint32_t table_id, const void *key);

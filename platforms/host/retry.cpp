@@ -152,6 +152,7 @@ void take_failure(write_failure_t *failure)
     failed->rc = failure->rc;
     failed->npus |= failure->npus;
     failed->failed_again = true;
+    failed->forgotten &= failure->retry;
     if (stored)
         host_books_note(*failure, failed);
     /* An asynchronous delete takes the object out, whatever becomes of it: it was made anew since.
@@ -350,6 +351,8 @@ void settle(entry_t *entry)
     if (!failed->failed_again) {
         recovered++;
         host_room_found(entry);
+    }
+    if (!failed->failed_again || failed->forgotten) {
         leave(entry);
         return;
     }
@@ -534,19 +537,22 @@ uint32_t zan_host_failed_retry(uint32_t table_id, const void *key)
     const std::vector<entry_t *> entries = named(table_id, key);
     for (entry_t *entry : entries) {
         entry->second.spent = 0;
+        entry->second.forgotten = false;
         host_retry_call_soon(entry);
     }
     return (uint32_t)entries.size();
 }
 
-/* A round that is under way ends without those that are forgotten. */
+/* What is under way stays until the NPUs have answered: an answer that comes when nobody knows of
+ * the attempt would be a failure of its own. A client's write that fails meanwhile is one. */
 uint32_t zan_host_failed_forget(uint32_t table_id, const void *key)
 {
     const std::vector<entry_t *> entries = named(table_id, key);
     for (entry_t *entry : entries) {
-        round_sent.erase(std::remove(round_sent.begin(), round_sent.end(), entry),
-                         round_sent.end());
-        leave(entry);
+        if (entry->second.state == ZAN_HOST_FAILED_UNDER_WAY)
+            entry->second.forgotten = true;
+        else
+            leave(entry);
     }
     return (uint32_t)entries.size();
 }

@@ -18,6 +18,7 @@ struct failed_t {
     uint32_t spent;             /* of the budget */
     int64_t due_us;             /* by CLOCK_MONOTONIC */
     bool failed_again;          /* while the attempt was under way */
+    bool forgotten;             /* by the operator: the attempt under way is the last */
     bool blind;                 /* called for room that did not show */
     bool unstored;              /* the object that failed has left the database since */
     kor_npu_mask_t unaccounted; /* NPUs on which it will take an entry that is in no books */

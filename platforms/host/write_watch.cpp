@@ -59,8 +59,14 @@ kept_object_t copy_of(const zan_table_def_t *def, const zan_table_base_st *obj)
 void note(const zan_table_base_st *obj, uint32_t operation, zan_rcode rc)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
-    auto *failure = new (std::nothrow) write_failure_t{
-        nullptr, name_of(obj), npus_of(def, obj), operation, obj->base_trans_id, rc, nullptr};
+    auto *failure = new (std::nothrow) write_failure_t{.next = nullptr,
+                                                       .name = name_of(obj),
+                                                       .npus = npus_of(def, obj),
+                                                       .operation = operation,
+                                                       .trans_id = obj->base_trans_id,
+                                                       .rc = rc,
+                                                       .retry = zan_obj_base_get_retry_mode(obj),
+                                                       .obj = nullptr};
     if (!failure)
         return;
     if (operation == ZAN_TABLE_DELETE)

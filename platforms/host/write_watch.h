@@ -13,6 +13,7 @@ struct write_failure_t {
     uint32_t operation;
     uint32_t trans_id;
     zan_rcode rc;
+    bool retry;        /* the write was made in retry mode */
     kept_object_t obj; /* of a delete: what the NPU still holds */
 };
 

@@ -224,7 +224,8 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
     ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0);
     wait_for("failed", "1 failed now");
     EXPECT_TRUE(has(ask_http(port, "GET /metrics"), "\nzan_failed_objects 1\n"));
-    ASSERT_EQ(run("failed --forget").status, 0); /* no retry changes anything any more */
+    ASSERT_EQ(run("failed --forget").status, 0);
+    wait_for("failed", "0 failed now"); /* no retry changes anything any more */
     ASSERT_EQ(run("compare").status, 1);
 
     const std::string answer = ask_http(port, "GET /metrics");

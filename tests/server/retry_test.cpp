@@ -189,6 +189,32 @@ TEST_F(Retry, AnOperatorDecidesOtherwise)
     EXPECT_EQ(zan_host_retry_run(), UINT64_MAX) << "nothing waits";
 }
 
+/* What is under way when the operator lets go of it does not come back; a client's failure does. */
+TEST_F(Retry, ForgetsWhatIsUnderWay)
+{
+    const zan_table_def_t *def = table("iproute");
+    const std::string names[] = {route(0), route(1)};
+    fail("iproute", 0, ZAN_TABLE_CREATE);
+    fail("iproute", 0, ZAN_TABLE_UPDATE);
+    for (const std::string &name : names)
+        create(name);
+    settle();
+    zan_host_retry_run();
+    zan_host_clock_advance(1000000);
+    zan_host_retry_run();
+    zan_host_failed_st row = {};
+    for (const std::string &name : names) {
+        ASSERT_TRUE(failed(name, &row));
+        ASSERT_EQ(row.state, (uint32_t)ZAN_HOST_FAILED_UNDER_WAY);
+    }
+    EXPECT_EQ(zan_host_failed_forget(def->id, nullptr), 2u);
+    update(route(1) + " bgp_as=7");
+    settle();
+    zan_host_retry_run();
+    EXPECT_FALSE(failed(names[0], &row));
+    EXPECT_TRUE(failed(names[1], &row));
+}
+
 /* The books of the hardware databases agree with the NPUs however writes fail, and whatever a
  * client does before they are repeated; identifiers stay with who holds them. */
 TEST_F(Retry, BooksAndIdentifiersStayRight)
