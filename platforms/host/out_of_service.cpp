@@ -362,10 +362,10 @@ uint32_t zan_host_quarantine_drop(uint32_t table_id, const void *key)
 
 void zan_host_quarantine_replay_start(const zan_table_base_st *marker)
 {
-    const bool filter = zan_table_defs[marker->table_id]->replay_client_filter;
-    for (auto at = first_of(marker->table_id); is_of(at, marker->table_id); ++at)
-        if (!filter || at->second.copy->client_epoch == marker->client_epoch)
-            at->second.copy->flag |= ZAN_FLAG_STALE;
+    const zan_table_def_t *def = zan_table_defs[marker->table_id];
+    for (auto at = first_of(def->id); is_of(at, def->id); ++at)
+        if (!def->replay_client_filter || at->second.copy->client_epoch == marker->client_epoch)
+            zan_obj_mark_stale(def, at->second.copy);
 }
 
 void zan_host_quarantine_sent(const zan_table_base_st *obj)

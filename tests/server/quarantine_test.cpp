@@ -79,13 +79,19 @@ TEST_F(Quarantine, AReplaySeesThroughRetryAndQuarantine)
     };
     for (uint32_t i = 0; i < 4; i++)
         create(route(i));
+    const std::string lone_group = "ipnhgroup nhg_id=2";
+    create(lone_group + " num_primary_paths=1");
     settle();
     fail("iproute", 1, ZAN_TABLE_UPDATE);
+    fail("ipnhgroup", 1, ZAN_TABLE_UPDATE);
     for (uint32_t i = 0; i < 2; i++)
         update(route(i) + " bgp_as=7");
+    update(lone_group + " is_pbts=true");
     pass(1000);
-    ASSERT_EQ(counts().quarantined, 2u);
+    ASSERT_EQ(counts().quarantined, 3u);
     update(route(2) + " bgp_as=7"); /* goes into quarantine during the replay */
+    npu_sim_fail_no_more();
+    fail("iproute", 1, ZAN_TABLE_UPDATE);
     fail("ipnhgroup", 1, ZAN_TABLE_UPDATE, 2);
     const std::string group = "ipnhgroup nhg_id=1 nexthop_next_obj[0].ipnh.nh_id=1";
     update(group + " is_pbts=true");
@@ -96,12 +102,15 @@ TEST_F(Quarantine, AReplaySeesThroughRetryAndQuarantine)
     pass(1000);
     EXPECT_EQ(counts().recovered, 1u);
     EXPECT_TRUE(named(group)->flag & ZAN_FLAG_STALE) << "only its retry wrote it";
-    ASSERT_EQ(counts().quarantined, 3u);
+    ASSERT_EQ(counts().quarantined, 4u);
     npu_sim_fail_no_more();
+    zan_host_quarantine_release(table("ipnhgroup")->id, nullptr);
     for (uint32_t i = 0; i < 2; i++)
         zan_host_quarantine_release(def->id, zan_obj_key(def, object(route(i)).get()));
     pass(1000);
     EXPECT_EQ(zan_db_count(def->id), 3u);
+    EXPECT_EQ(dump(table("ipnhgroup")).back(), "nhg_id=2 is_pbts=true")
+        << "what the client has to set anew is not set";
     create(route(1));
     create(route(3));
     replay("iproute", ZAN_TABLE_REPLAY_END);

@@ -116,6 +116,17 @@ static inline uint8_t *zan_obj_attr_set(const zan_field_def_t *attr, const zan_t
            (attr->shape == ZAN_SHAPE_PER_NPU ? member : 0);
 }
 
+/* A replay has started: the object goes at its end, unless the client sends it again. With the mark
+ * goes what the client has to set anew. */
+static inline void zan_obj_mark_stale(const zan_table_def_t *def, zan_table_base_st *obj)
+{
+    obj->flag |= ZAN_FLAG_STALE;
+    const uint32_t members = zan_obj_num_held(def, obj);
+    for (uint32_t i = 0; i < def->num_attrs; i++)
+        if (def->attrs[i].clear_at_replay)
+            *zan_obj_attr_set(&def->attrs[i], obj, 0, members) = 0;
+}
+
 /* ---- Sizes and forms ---- */
 
 /* Bytes of the dynamic part for a member count; a multiple of 8, 0 for no members. */

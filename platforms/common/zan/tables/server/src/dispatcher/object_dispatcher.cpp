@@ -18,11 +18,7 @@ zan_rcode stale_mark(zan_table_base_st *db_obj, void *arg)
     if (def->replay_client_filter && marker && marker->client_epoch != db_obj->client_epoch)
         return EOK;
     zan_counter_raise(def->id, ZAN_CTR_REPLAY_MARKED);
-    db_obj->flag |= ZAN_FLAG_STALE;
-    const uint32_t members = zan_obj_num_held(def, db_obj);
-    for (uint32_t i = 0; i < def->num_attrs; i++)
-        if (def->attrs[i].clear_at_replay)
-            *zan_obj_attr_set(&def->attrs[i], db_obj, 0, members) = 0;
+    zan_obj_mark_stale(def, db_obj);
     return EOK;
 }
 
