@@ -57,23 +57,22 @@ std::string directory_of(const std::string &path)
     throw std::runtime_error(path + ": " + strerror(error));
 }
 
-/* The archive on its way: all of it in one directory. It is written beside its place and moved
- * there when it is whole; what an interrupted run has left there gives way. */
+/* The archive on its way: all of it in one directory. It is written beside its place, under a name
+ * that no other run has, and moved there when it is whole. */
 class bundle_t
 {
 public:
     explicit bundle_t(std::string path)
-        : path_(std::move(path)), part_(path_ + ".part"), directory_(directory_of(path_))
+        : path_(std::move(path)), part_(path_ + ".XXXXXX"), directory_(directory_of(path_))
     {
         struct stat facts;
         if (lstat(path_.c_str(), &facts) == 0)
             fail_file(path_, EEXIST);
         check(archive_write_add_filter_gzip(archive_.get()));
         check(archive_write_set_format_pax_restricted(archive_.get()));
-        unlink(part_.c_str()); /* another user's stays, and is refused below */
-        fd_ = open(part_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        fd_ = mkostemp(part_.data(), O_CLOEXEC); /* for its owner only */
         if (fd_ < 0)
-            fail_file(part_, errno);
+            fail_file(path_, errno);
         if (archive_write_open_fd(archive_.get(), fd_) < ARCHIVE_WARN) {
             close(fd_);
             unlink(part_.c_str());
@@ -109,7 +108,7 @@ public:
     {
         check(archive_write_close(archive_.get()));
         if (fsync(fd_) != 0)
-            fail_file(part_, errno);
+            fail_file(path_, errno);
         if (rename(part_.c_str(), path_.c_str()) != 0)
             fail_file(path_, errno);
         complete_ = true;
@@ -125,7 +124,7 @@ private:
         if (status >= ARCHIVE_WARN)
             return;
         const char *why = archive_error_string(archive_.get());
-        throw std::runtime_error(part_ + ": " + (why ? why : "it cannot be written"));
+        throw std::runtime_error(path_ + ": " + (why ? why : "it cannot be written"));
     }
     std::string path_, part_, directory_;
     int fd_;
