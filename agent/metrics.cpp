@@ -7,6 +7,7 @@
 
 #include "exec_queue.h"
 #include "global_context.h"
+#include "host_control.h"
 #include "host_notifications.h"
 #include "host_resources.h"
 #include "host_retry.h"
@@ -119,6 +120,8 @@ void put_node(exposition_t *out, const node_t &node, const transport_t *transpor
                node.refused + transport_num_refused(transport));
     put_figure(out, "zan_traced_errors", "counter", "",
                "Errors seen in the trace ring; at least that many.", node.trace_errors);
+    put_figure(out, "zan_lost_traces", "counter", "",
+               "Trace calls of threads that found no ring free.", zan_host_traces_lost());
     put_figure(out, "zan_pool_bytes", "gauge", "bytes", "Memory of stored objects.",
                zan_shm_bytes_in_use());
     put_figure(out, "zan_index_bytes", "gauge", "bytes", "Memory of the indices.",

@@ -65,6 +65,9 @@ ZAN_EXPORT void zan_host_trace_tick(void);
 /* The records of error classes since the last call, of all threads. It looks at what is new and at
  * nothing else; of what was overwritten meanwhile it knows nothing. Without locks. One thread. */
 ZAN_EXPORT uint64_t zan_host_trace_new_errors(void);
+/* Calls of threads that found no ring free, since the start: nothing is left of them. Any thread.
+ */
+ZAN_EXPORT uint64_t zan_host_traces_lost(void);
 
 /* ---- Internal queues ---- */
 

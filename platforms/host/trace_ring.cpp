@@ -47,7 +47,7 @@ struct alignas(64) ring_t {
 };
 
 ring_t rings[max_rings];
-uint64_t traces_without_ring;
+uint64_t traces_lost;    /* of threads that found no ring */
 zan_trace_file_st *file; /* the rings lie behind it; null: each in memory of its own */
 int file_fd = -1;        /* locked: its process lives */
 
@@ -105,7 +105,7 @@ ring_t *claim_ring()
     if (!claim.tried)
         own_ring = claim_ring();
     if (!own_ring)
-        __atomic_fetch_add(&traces_without_ring, 1, __ATOMIC_RELAXED);
+        __atomic_fetch_add(&traces_lost, 1, __ATOMIC_RELAXED);
     return own_ring != nullptr;
 }
 
@@ -354,6 +354,11 @@ static uint64_t count_new_errors(const ring_t *ring, const record_t *records, ui
     }
     *seen = end;
     return errors;
+}
+
+uint64_t zan_host_traces_lost(void)
+{
+    return __atomic_load_n(&traces_lost, __ATOMIC_RELAXED);
 }
 
 uint64_t zan_host_trace_new_errors(void)

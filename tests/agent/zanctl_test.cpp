@@ -474,6 +474,7 @@ TEST_F(zanctl, reads_the_trace_of_an_agent_that_was_killed)
     }
     EXPECT_FALSE(std::filesystem::exists(file + ".old"));
     start({"--trace-file", file});
+    ASSERT_EQ(run("status").status, 0); /* it serves, so it has its file */
     EXPECT_TRUE(std::filesystem::exists(file + ".old"));
     std::filesystem::remove_all(directory);
 }
