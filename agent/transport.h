@@ -1,24 +1,14 @@
 /* The transport: sessions over one Unix-domain socket, served by one I/O thread.
  *
  * The I/O thread alone touches sockets and sessions. It hands whole requests to the dispatcher
- * thread through a bounded queue and takes finished replies back. Nothing is trusted: a frame is
- * bounded, grows only as its bytes arrive, and must arrive in time; a client that sends nonsense is
- * told so and cut off; one that does not read its answers is not read from either.
+ * thread through a bounded queue and takes finished replies back.
  */
 #ifndef ZAN_TRANSPORT_H
 #define ZAN_TRANSPORT_H
 
-#include "watch_queue.h"
-#include "zan_table_def.h"
+#include "session.h"
 
 #include <vector>
-
-/* A request that arrived whole. Its payload is 16-byte aligned. */
-struct request_t {
-    uint64_t session;
-    zan_frame_hdr_st hdr;
-    std::vector<uint8_t> payload;
-};
 
 struct transport_t;
 
@@ -59,9 +49,5 @@ uint64_t transport_num_dropped(const transport_t *transport);
 
 /* Send what is left, for two seconds at most, close everything, free. */
 void transport_stop(transport_t *transport);
-
-/* An error as a frame with room for its header in front. */
-std::vector<uint8_t> make_error_frame(zan_wire_error_et error, uint32_t object_index,
-                                      const char *field, const char *text);
 
 #endif
