@@ -328,7 +328,7 @@ void clear_server_fields(const check_t *check, const object_t *obj)
     if (def->adj_list_offset)
         memset(zan_obj_at(base, def->adj_list_offset), 0, adj_list_bytes);
     if (def->obj_ref_cnt_offset)
-        memset(zan_obj_at(base, def->obj_ref_cnt_offset), 0, sizeof(uint32_t));
+        memset(zan_obj_at(base, def->obj_ref_cnt_offset), 0, ZAN_REF_CNT_BYTES);
     /* The gap of the private area. */
     const uint32_t dyn = zan_obj_dyn_size(def, obj->num_elements);
     memset((uint8_t *)base + def->obj_size, 0, base->total_obj_size - def->obj_size - dyn);

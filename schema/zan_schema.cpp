@@ -194,7 +194,6 @@ void json_field_def(json_t &j, const zan_field_def_t &f, bool attribute)
         j.field("shape", shape_names[f.shape]);
         j.field("count", f.count);
         j.field("trigger_mask", f.trigger_mask);
-        j.field("clear_at_replay", f.clear_at_replay);
         j.field("statistic", f.statistic);
     }
     j.field("server_visible", f.server_visible);

@@ -62,10 +62,12 @@ zan_table_base_st *lowest(zan_table_base_st *obj)
     return obj;
 }
 
-uint32_t *references_of(const zan_table_base_st *obj)
+/* The creates that it takes to have the object as it is. */
+uint32_t references_of(const zan_table_base_st *obj)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
-    return def->obj_ref_cnt_offset ? (uint32_t *)zan_obj_at(obj, def->obj_ref_cnt_offset) : nullptr;
+    const bool counted = def->obj_ref_cnt_offset && *zan_obj_ref_cnt_set(def, obj);
+    return counted ? std::max(*zan_obj_ref_cnt(def, obj), 1u) : 1;
 }
 
 /* A reference by handle would lead into whatever has the parent's block by the time the object is
@@ -99,14 +101,15 @@ void name_parents_by_key(zan_table_base_st *copy)
 /* One delete takes it out, however many references clients hold. */
 zan_rcode unstore(const object_name_t &name, const zan_table_base_st *copy)
 {
-    uint32_t *count = references_of(find_stored(name));
-    const uint32_t references = count ? std::exchange(*count, 1) : 0;
+    const zan_table_def_t *def = zan_table_defs[copy->table_id];
+    if (def->obj_ref_cnt_offset)
+        *zan_obj_ref_cnt_set(def, find_stored(name)) = 0;
     const zan_rcode rc = host_retry_request(copy, ZAN_TABLE_DELETE);
-    const zan_table_base_st *left = find_stored(name);
+    zan_table_base_st *left = find_stored(name);
     if (!left)
         return EOK;
-    if (count)
-        *references_of(left) = references;
+    if (def->obj_ref_cnt_offset)
+        memcpy(zan_obj_ref_cnt(def, left), zan_obj_ref_cnt(def, copy), ZAN_REF_CNT_BYTES);
     return rc != EOK ? rc : ZAN_RC_DELAY_DELETE;
 }
 
@@ -257,14 +260,8 @@ zan_rcode host_quarantine_take_out(const object_name_t &root, failed_t *failed)
     const zan_table_base_st *obj = lowest(find_stored(root));
     const object_name_t name = name_of(obj);
     const bool itself = same_name(name, root);
-    const uint32_t *references = references_of(obj);
-    reason_t reason = {zan_db_quarantine_add(obj),
-                       root,
-                       obj->rc_stamp,
-                       0,
-                       references ? *references : 1,
-                       false,
-                       {}};
+    reason_t reason = {
+        zan_db_quarantine_add(obj), root, obj->rc_stamp, 0, references_of(obj), false, {}};
     if (!reason.copy)
         return ZAN_RC_NO_MEMORY;
     name_parents_by_key(reason.copy);
@@ -364,8 +361,10 @@ void zan_host_quarantine_replay_start(const zan_table_base_st *marker)
 {
     const zan_table_def_t *def = zan_table_defs[marker->table_id];
     for (auto at = first_of(def->id); is_of(at, def->id); ++at)
-        if (!def->replay_client_filter || at->second.copy->client_epoch == marker->client_epoch)
+        if (!def->replay_client_filter || at->second.copy->client_epoch == marker->client_epoch) {
             zan_obj_mark_stale(def, at->second.copy);
+            at->second.references = 1;
+        }
 }
 
 void zan_host_quarantine_sent(const zan_table_base_st *obj)

@@ -47,7 +47,7 @@ void make_request(const zan_table_def_t *def, const zan_table_base_st *obj, uint
     if (def->adj_list_offset)
         memset(zan_obj_at(request, def->adj_list_offset), 0, adj_list_bytes);
     if (def->obj_ref_cnt_offset)
-        memset(zan_obj_at(request, def->obj_ref_cnt_offset), 0, sizeof(uint32_t));
+        memset(zan_obj_at(request, def->obj_ref_cnt_offset), 0, ZAN_REF_CNT_BYTES);
     for (uint32_t i = 0; def->periodic_stats && i < def->num_attrs; i++)
         if (def->attrs[i].statistic)
             *zan_obj_attr_set(&def->attrs[i], request, 0, 0) = 0;
@@ -144,7 +144,7 @@ zan_rcode host_retry_request(const zan_table_base_st *obj, zan_table_operation_e
     host_block_free(request);
     zan_table_base_st *stored = is_stale ? find_stored(name) : nullptr;
     if (stored) /* this was not the client, for whom a replay waits */
-        stored->flag |= ZAN_FLAG_STALE;
+        zan_obj_mark_stale(def, stored);
     return (zan_rcode)slot.err_code;
 }
 

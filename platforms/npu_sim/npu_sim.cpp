@@ -125,7 +125,7 @@ image_t image_of(const zan_table_def_t *def, const zan_table_base_st *obj)
 {
     image_t image((const char *)zan_obj_key(def, obj), def->obj_size - def->key_offset);
     if (def->obj_ref_cnt_offset)
-        blank(&image, def, def->obj_ref_cnt_offset, sizeof(uint32_t));
+        blank(&image, def, def->obj_ref_cnt_offset, ZAN_REF_CNT_BYTES);
     blank_statistics(&image, def);
     if (!def->num_elements_offset)
         return image;

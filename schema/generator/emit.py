@@ -131,7 +131,7 @@ def object_struct(t):
     out += ["    uint32_t trans_id;", "    kor_npu_mask_t npu_mask_req;",
             "    uint8_t npu_mask_req_set;", f"    kor_{t.name}_key_t key;"]
     if lay.obj_ref_cnt:
-        out.append("    uint32_t obj_ref_cnt;")
+        out += ["    uint32_t obj_ref_cnt;", "    uint8_t obj_ref_cnt_set;"]
     if lay.num_elements:
         out.append("    uint32_t num_elements;")
     out += [member(a) for a in t.attrs]
@@ -256,7 +256,7 @@ def field_row(f, offset, set_offset):
     return (f"    {{{quoted(f.name)}, {quoted(f.doc)}, {names[0]}, {names[1]}, "
             f"ZAN_TYPE_{f.type.upper()}, {SHAPES[f.shape]}, {f.width}, {f.count}, {offset}, "
             f"{set_offset}, {f.trigger_mask:#x}, {int(f.server_visible)}, "
-            f"{int(f.clear_at_replay)}, {int(f.statistic)}}},")
+            f"{int(f.statistic)}}},")
 
 
 def inherits(t, ref, parent, name):

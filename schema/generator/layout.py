@@ -81,6 +81,7 @@ def place_object(t, by_name, errors):
     lay.key = c.place(lay.key_size, lay.key_align)
     if t.obj_ref_cnt_limit:
         lay.obj_ref_cnt = c.place(4, 4)
+        c.place(1, 1)  # its is-set byte
     if t.repeated:
         lay.num_elements = c.place(4, 4)
     for a in t.attrs:

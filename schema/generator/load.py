@@ -88,7 +88,6 @@ class Field:
     trigger_bits: list = field(default_factory=list)  # attribute update bits that it raises
     inherit: list = field(default_factory=list)       # "ref.attr" or "union.variant.attr"
     server_visible: bool = False
-    clear_at_replay: bool = False
     statistic: bool = False                           # hardware's value
 
     @property
@@ -351,7 +350,6 @@ def read_fields(r, key):
             read_shape(f, one)
             one.trigger_bits = f.ints("trigger_bits", 63)
             one.inherit = f.strings("inherit")
-            one.clear_at_replay = f.take("clear_at_replay", bool, False)
             one.statistic = f.take("statistic", bool, False)
         f.done()
         fields.append(one)

@@ -140,9 +140,9 @@ class Generator(unittest.TestCase):
         self.assertEqual((lay.trans_id, lay.npu_mask_req, lay.npu_mask_req_set), (192, 200, 208))
         self.assertEqual((lay.key_offsets, lay.key_size, lay.key_bytes),
                          ({"k": 0, "p": 1, "n": 18}, 20, 20))
-        self.assertEqual((lay.key, lay.obj_ref_cnt, lay.num_elements), (210, 232, 236))
-        self.assertEqual(lay.attrs, {"x": (240, 248), "m": (256, 0), "c": (264, 280)})
-        self.assertEqual((lay.refs["u"], lay.obj_size), ((288, 40), 328))
+        self.assertEqual((lay.key, lay.obj_ref_cnt, lay.num_elements), (210, 232, 240))
+        self.assertEqual(lay.attrs, {"x": (248, 256), "m": (264, 0), "c": (272, 288)})
+        self.assertEqual((lay.refs["u"], lay.obj_size), ((296, 40), 336))
 
 
 if __name__ == "__main__":

@@ -60,7 +60,7 @@ inline std::string find_broken_invariant(const message_facts_t &facts,
             return "header clear";
         if (def->adj_list_offset && !is_clear(zan_obj_at(obj, def->adj_list_offset), 24))
             return "adjacency list clear";
-        if (def->obj_ref_cnt_offset && !is_clear(zan_obj_at(obj, def->obj_ref_cnt_offset), 4))
+        if (def->obj_ref_cnt_offset && !is_clear(zan_obj_at(obj, def->obj_ref_cnt_offset), 5))
             return "obj_ref_cnt clear";
         for (unsigned i = 0; i < def->num_attrs; i++)
             if (def->attrs[i].shape == ZAN_SHAPE_REPEATED &&

@@ -72,6 +72,7 @@ template <typename value_t> struct attr_t {
 
 struct sample_obj_t : front_t<vrf_key_t> {
     uint32_t obj_ref_cnt;
+    uint8_t obj_ref_cnt_set;
     uint32_t num_elements;
     attr_t<uint8_t> octet;
     attr_t<uint16_t> mtu;

@@ -109,8 +109,7 @@ TEST_F(Quarantine, AReplaySeesThroughRetryAndQuarantine)
         zan_host_quarantine_release(def->id, zan_obj_key(def, object(route(i)).get()));
     pass(1000);
     EXPECT_EQ(zan_db_count(def->id), 3u);
-    EXPECT_EQ(dump(table("ipnhgroup")).back(), "nhg_id=2 is_pbts=true")
-        << "what the client has to set anew is not set";
+    EXPECT_EQ(dump(table("ipnhgroup")).back(), "nhg_id=2 num_primary_paths=1 is_pbts=true");
     create(route(1));
     create(route(3));
     replay("iproute", ZAN_TABLE_REPLAY_END);

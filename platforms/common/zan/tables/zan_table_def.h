@@ -8,7 +8,8 @@
  * The fixed part of an object, in this order, each field at its natural alignment:
  *
  *   zan_table_base_st, [adjacency list, 24 bytes, 12 tables], trans_id, npu_mask_req,
- *   npu_mask_req_set, key, [obj_ref_cnt], [num_elements], attributes, references, unions, padding
+ *   npu_mask_req_set, key, [obj_ref_cnt and its is-set byte], [num_elements], attributes,
+ * references, unions, padding
  *
  * An attribute is its value followed by its is-set byte. A reference is a zan_ref_value_st followed
  * by the parent's key, and so is a union, whose variants share the one storage under the selector.
@@ -54,17 +55,16 @@ typedef struct zan_field_def_t {
     const char *doc;
     const zan_value_name_t *names; /* ZAN_TYPE_ENUM and ZAN_TYPE_BITS; null otherwise */
     uint16_t num_names;
-    uint8_t type;            /* zan_type_et */
-    uint8_t shape;           /* zan_shape_et; a key field is ZAN_SHAPE_SINGLE */
-    uint16_t width;          /* bytes of one value */
-    uint16_t count;          /* values in the fixed part: 1, N, ZAN_MAX_NPUS, or 0 when repeated */
-    uint32_t offset;         /* attribute: of the value, or of the pointer, in the object;
-                                key field: from the start of the key */
-    uint32_t set_offset;     /* of the is-set byte or bytes in the object; 0 in keys and repeated */
-    uint64_t trigger_mask;   /* attribute update bits that a change of this attribute raises */
-    uint8_t server_visible;  /* the flows read or write it by name */
-    uint8_t clear_at_replay; /* replay start clears its is-set byte */
-    uint8_t statistic;       /* hardware's value: counted or measured there, not programmed */
+    uint8_t type;           /* zan_type_et */
+    uint8_t shape;          /* zan_shape_et; a key field is ZAN_SHAPE_SINGLE */
+    uint16_t width;         /* bytes of one value */
+    uint16_t count;         /* values in the fixed part: 1, N, ZAN_MAX_NPUS, or 0 when repeated */
+    uint32_t offset;        /* attribute: of the value, or of the pointer, in the object;
+                               key field: from the start of the key */
+    uint32_t set_offset;    /* of the is-set byte or bytes in the object; 0 in keys and repeated */
+    uint64_t trigger_mask;  /* attribute update bits that a change of this attribute raises */
+    uint8_t server_visible; /* the flows read or write it by name */
+    uint8_t statistic;      /* hardware's value: counted or measured there, not programmed */
 } zan_field_def_t;
 
 /* An attribute that is copied from the parent at each resolution. Both have the same type. */
@@ -241,7 +241,7 @@ typedef struct zan_table_def_t {
     uint16_t key_size;            /* of the key structure */
     uint16_t key_bytes;           /* of its order-preserving byte form */
     uint32_t adj_list_offset;     /* 0: no adjacency list */
-    uint32_t obj_ref_cnt_offset;  /* uint32_t count of client references; 0: none */
+    uint32_t obj_ref_cnt_offset;  /* uint32_t count of client references, is-set byte; 0: none */
     uint32_t num_elements_offset; /* uint32_t member count; 0: no repeated part */
     uint32_t npu_bmap_offset;     /* 0: no npu_bmap attribute */
     uint32_t npu_bmap_set_offset;

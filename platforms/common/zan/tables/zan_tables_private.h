@@ -116,15 +116,26 @@ static inline uint8_t *zan_obj_attr_set(const zan_field_def_t *attr, const zan_t
            (attr->shape == ZAN_SHAPE_PER_NPU ? member : 0);
 }
 
-/* A replay has started: the object goes at its end, unless the client sends it again. With the mark
- * goes what the client has to set anew. */
+/* The count of client references of a table that has one, with its is-set byte behind it. One that
+ * is not set stands for none, whatever it reads: the clients that held them have begun anew. */
+#define ZAN_REF_CNT_BYTES 5u
+static inline uint32_t *zan_obj_ref_cnt(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    return (uint32_t *)zan_obj_at(obj, def->obj_ref_cnt_offset);
+}
+
+static inline uint8_t *zan_obj_ref_cnt_set(const zan_table_def_t *def, const zan_table_base_st *obj)
+{
+    return (uint8_t *)zan_obj_at(obj, def->obj_ref_cnt_offset + (uint32_t)sizeof(uint32_t));
+}
+
+/* A replay has started: the object goes at its end, unless the client sends it again, and its
+ * references have to be counted anew. */
 static inline void zan_obj_mark_stale(const zan_table_def_t *def, zan_table_base_st *obj)
 {
     obj->flag |= ZAN_FLAG_STALE;
-    const uint32_t members = zan_obj_num_held(def, obj);
-    for (uint32_t i = 0; i < def->num_attrs; i++)
-        if (def->attrs[i].clear_at_replay)
-            *zan_obj_attr_set(&def->attrs[i], obj, 0, members) = 0;
+    if (def->obj_ref_cnt_offset)
+        *zan_obj_ref_cnt_set(def, obj) = 0;
 }
 
 /* ---- Sizes and forms ---- */

@@ -199,9 +199,12 @@ void kor_drop_adj_entries(const zan_table_def_t *def, zan_table_base_st *db_obj,
 /* The objects of the table on each NPU of the mask: one more, or one less. */
 void kor_count_objects(const zan_table_def_t *def, kor_npu_mask_t mask, int32_t delta);
 zan_db_del_ctx_t kor_db_delete(const zan_table_def_t *def, zan_table_base_st *db_obj);
-/* One client reference more (up) or less; refused at the limit and at 0, traced either way. */
+/* One client reference more (up) or less; refused at the limit and at 0, traced either way. One
+ * that is not set is set by it, and has none to give. */
 bool kor_ref_adjust(const zan_table_def_t *def, zan_table_base_st *db_obj, bool up);
-uint32_t *kor_obj_ref_cnt(const zan_table_def_t *def, zan_table_base_st *obj);
+/* In a table that counts them, else nothing: set the count; take it over, set or not. */
+void kor_ref_set(const zan_table_def_t *def, zan_table_base_st *obj, uint32_t count);
+void kor_ref_copy(const zan_table_def_t *def, const zan_table_base_st *from, zan_table_base_st *to);
 /* What every post-operation hook is told: the four codes, and what the hook in front has left. */
 void zan_fill_post_rdesc(const zan_table_crud_ctx_t *crud, zan_rdesc_hook_ctx_t *post);
 void zan_obj_base_free_rdesc_on_npd_fail(zan_table_crud_ctx_t *crud, zan_table_base_st *new_obj);

@@ -160,8 +160,7 @@ void create_duplicate(create_op_t *op)
     zan_table_state(op->def)->info.dup_create_cnt++;
     if (db_obj->flag & ZAN_FLAG_STALE) {
         create_accept_stored(op);
-        if (op->def->obj_ref_cnt_offset)
-            *kor_obj_ref_cnt(op->def, db_obj) = 1;
+        kor_ref_set(op->def, db_obj, 1);
         return;
     }
     if (op->def->obj_ref_cnt_offset) {
@@ -374,13 +373,11 @@ bool create_store(create_op_t *op)
 {
     const zan_table_def_t *def = op->def;
     kor_count_objects(def, op->obj->npu_mask, 1);
-    if (def->obj_ref_cnt_offset)
-        *kor_obj_ref_cnt(def, op->obj) = 1;
+    kor_ref_set(def, op->obj, 1);
     ZAN_TRACE(zan_history_class(def, op->crud.retry_mode != 0), HISTORY_CREATE, def->id, op->block,
               op->crud.trans_id);
     zan_table_base_st *src = is_async(op) ? op->obj : op->crud.new_obj;
-    if (def->obj_ref_cnt_offset && src != op->obj)
-        *kor_obj_ref_cnt(def, src) = 1;
+    kor_ref_set(def, src, 1);
     const bool lock = def->db_lock == ZAN_DB_LOCK_DB || def->db_lock == ZAN_DB_LOCK_BOTH;
     if (lock)
         kor_db_lock();

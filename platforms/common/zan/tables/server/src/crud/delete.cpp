@@ -124,7 +124,7 @@ bool delete_last_reference(delete_op_t *op)
     zan_table_base_st *db_obj = op->crud.db_obj;
     if (!(op->obj->flag & ZAN_FLAG_QUEUED_DELETE))
         op->reference_taken = kor_ref_adjust(op->def, db_obj, false);
-    const uint32_t left = *kor_obj_ref_cnt(op->def, db_obj);
+    const uint32_t left = *zan_obj_ref_cnt(op->def, db_obj);
     if (left == 0)
         return true;
     zan_counter_raise(op->def->id, ZAN_CTR_DELETE_REF_CNT);

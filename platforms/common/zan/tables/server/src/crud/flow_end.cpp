@@ -98,7 +98,7 @@ void kor_count_objects(const zan_table_def_t *def, kor_npu_mask_t mask, int32_t 
 zan_db_del_ctx_t kor_db_delete(const zan_table_def_t *def, zan_table_base_st *db_obj)
 {
     if (def->obj_ref_cnt_offset)
-        ZAN_ASSERT(*kor_obj_ref_cnt(def, db_obj) == 0, "db_obj->obj_ref_cnt == 0");
+        ZAN_ASSERT(*zan_obj_ref_cnt(def, db_obj) == 0, "db_obj->obj_ref_cnt == 0");
     zan_db_del_ctx_t ctx = {db_obj, EOK, 1};
     zan_db_delete(&ctx);
     return ctx;

@@ -99,8 +99,7 @@ void zan_inherit_from_stored(const zan_table_def_t *def, zan_table_base_st *obj,
     const uint32_t members = zan_obj_num_elements(def, obj);
     if (members != 0 && members == zan_obj_num_held(def, db_obj))
         inherit_members(def, obj, db_obj, members);
-    if (def->obj_ref_cnt_offset) /* the server's alone */
-        *kor_obj_ref_cnt(def, obj) = *(const uint32_t *)zan_obj_at(db_obj, def->obj_ref_cnt_offset);
+    kor_ref_copy(def, db_obj, obj); /* the server's alone */
 }
 
 void zan_inherit_statistics(const zan_table_def_t *def, zan_table_base_st *obj,

@@ -71,14 +71,30 @@ void sanitize_input_obj(const zan_table_def_t *def, const zan_table_base_st *obj
                    "a read or ZAN_TABLE_RESERVE");
 }
 
-uint32_t *kor_obj_ref_cnt(const zan_table_def_t *def, zan_table_base_st *obj)
+void kor_ref_set(const zan_table_def_t *def, zan_table_base_st *obj, uint32_t count)
 {
-    return (uint32_t *)zan_obj_at(obj, def->obj_ref_cnt_offset);
+    if (!def->obj_ref_cnt_offset)
+        return;
+    *zan_obj_ref_cnt(def, obj) = count;
+    *zan_obj_ref_cnt_set(def, obj) = 1;
+}
+
+void kor_ref_copy(const zan_table_def_t *def, const zan_table_base_st *from, zan_table_base_st *to)
+{
+    if (!def->obj_ref_cnt_offset)
+        return;
+    *zan_obj_ref_cnt(def, to) = *zan_obj_ref_cnt(def, from);
+    *zan_obj_ref_cnt_set(def, to) = *zan_obj_ref_cnt_set(def, from);
 }
 
 bool kor_ref_adjust(const zan_table_def_t *def, zan_table_base_st *db_obj, bool up)
 {
-    uint32_t *count = kor_obj_ref_cnt(def, db_obj);
+    uint32_t *count = zan_obj_ref_cnt(def, db_obj);
+    if (!*zan_obj_ref_cnt_set(def, db_obj)) { /* nobody's: there is nothing to take from it */
+        kor_ref_set(def, db_obj, 0);
+        if (!up)
+            return false;
+    }
     if (up && *count >= def->obj_ref_cnt_limit) {
         ZAN_TRACE_TABLE(zan_slt_table_id(def->id, ZAN_TRACE_LEVEL_ERROR), def->id, REF_CNT_LIMIT,
                         db_obj, *count);

@@ -145,8 +145,7 @@ void kor_write_dbobj(const zan_table_def_t *def, const zan_table_base_st *src,
 {
     memcpy(zan_obj_key(def, db_obj), zan_obj_key(def, src), def->key_size);
     zan_obj_copy_attrs(def, src, db_obj);
-    if (def->obj_ref_cnt_offset)
-        *kor_obj_ref_cnt(def, db_obj) = *(uint32_t *)zan_obj_at(src, def->obj_ref_cnt_offset);
+    kor_ref_copy(def, src, db_obj);
     /* An asynchronous table has no step of its own for the object's mask, and its accounting reads
      * it from the stored object. */
     if (def->object_mask_async) {
@@ -179,8 +178,7 @@ zan_rcode kor_dbobj_get(const zan_table_def_t *def, const zan_table_base_st *db_
         const zan_counters_hold_t hold(def);
         zan_obj_copy_attrs(def, db_obj, obj);
     }
-    if (def->obj_ref_cnt_offset)
-        *kor_obj_ref_cnt(def, obj) = *(uint32_t *)zan_obj_at(db_obj, def->obj_ref_cnt_offset);
+    kor_ref_copy(def, db_obj, obj);
     return EOK;
 }
 
