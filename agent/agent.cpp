@@ -250,8 +250,9 @@ void drain(node_t *node)
 struct stop_transport_t {
     void operator()(transport_t *transport) const
     {
+        transport_finish(transport);
         zan_host_notif_set_receiver(nullptr, nullptr);
-        transport_stop(transport);
+        transport_free(transport);
     }
 };
 using transport_ptr_t = std::unique_ptr<transport_t, stop_transport_t>;

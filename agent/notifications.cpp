@@ -6,6 +6,8 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
+#include <utility>
 
 static_assert(ZAN_NOTIFY_RESOURCE == ZAN_HOST_NOTIF_RESOURCE, "types have one number");
 static_assert(sizeof(zan_notify_resource_st) == sizeof(zan_host_notif_resource_st), "one layout");
@@ -36,28 +38,44 @@ struct free_notification_t {
     }
 };
 
+notification_t as_notification(const zan_host_notification_t &from)
+{
+    const zan_notify_hdr_st &hdr = from.hdr;
+    notification_t n;
+    n.head = {hdr.type,
+              hdr.table_id,
+              hdr.table_operation,
+              hdr.trans_id,
+              hdr.npu_id,
+              hdr.jid,
+              from.lost,
+              0,
+              from.size,
+              0};
+    const auto *bytes = (const uint8_t *)(&from + 1);
+    n.message.assign(bytes, bytes + from.size);
+    n.object = object_of(n.head, n.message);
+    n.sequence = from.sequence;
+    return n;
+}
+
 } // namespace
 
+/* One that there is no memory for is lost, with what it was to tell of. */
 bool next_notification(notification_t *out)
 {
-    const std::unique_ptr<zan_host_notification_t, free_notification_t> from(zan_host_notif_take());
-    if (!from)
-        return false;
-    const zan_notify_hdr_st &hdr = from->hdr;
-    out->head = {hdr.type,
-                 hdr.table_id,
-                 hdr.table_operation,
-                 hdr.trans_id,
-                 hdr.npu_id,
-                 hdr.jid,
-                 from->lost,
-                 0,
-                 from->size,
-                 0};
-    const auto *bytes = (const uint8_t *)(from.get() + 1);
-    out->message.assign(bytes, bytes + from->size);
-    out->object = object_of(out->head, out->message);
-    return true;
+    static uint32_t lost; /* the I/O thread's */
+    using message_t = std::unique_ptr<zan_host_notification_t, free_notification_t>;
+    while (const message_t from{zan_host_notif_take()}) {
+        try {
+            *out = as_notification(*from);
+            out->head.lost += std::exchange(lost, 0);
+            return true;
+        } catch (const std::bad_alloc &) {
+            lost += 1 + from->lost;
+        }
+    }
+    return false;
 }
 
 void wake_transport(void *transport)

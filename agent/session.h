@@ -60,11 +60,8 @@ public:
     {
         return fd_;
     }
-    /* Replies wait to be sent. */
-    bool has_replies() const
-    {
-        return replies_ != 0;
-    }
+    /* Replies or notifications wait to be sent. */
+    bool has_output() const;
     /* A frame is on its way in, or a request to its reply. */
     bool is_busy() const
     {
@@ -101,7 +98,6 @@ private:
     bool take_frame(request_t *request);
     void greet();
     void watch();
-    bool has_output() const;
     const std::vector<uint8_t> &next_frame();
     void frame_is_sent();
     void queue_reply(std::vector<uint8_t> frame);

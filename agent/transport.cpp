@@ -134,7 +134,7 @@ bool is_wanted(const transport_t *t, const zan_notification_st &head)
     return false;
 }
 
-/* What was lost before it came here may have been for anybody. */
+/* What was lost before it came to a session may have been for anybody. */
 void tell_of_loss(transport_t *t, uint32_t lost)
 {
     for (session_t &s : t->sessions)
@@ -142,28 +142,36 @@ void tell_of_loss(transport_t *t, uint32_t lost)
             s.lose(lost);
 }
 
-/* Some notifications, into the queues of those who want them; then they are sent, and the thread
- * comes back for more. */
-void take_notifications(transport_t *t)
+/* Into the queues of those who want it. */
+void spread(transport_t *t, notification_t notification)
 {
-    constexpr uint32_t at_a_time = 256;
-    notification_t notification;
-    uint32_t taken = 0;
-    for (; taken < at_a_time && t->next_notification && t->next_notification(&notification);
-         taken++) {
-        tell_of_loss(t, std::exchange(notification.head.lost, 0));
-        if (!is_wanted(t, notification.head))
-            continue;
+    tell_of_loss(t, std::exchange(notification.head.lost, 0));
+    if (!is_wanted(t, notification.head))
+        return;
+    try {
         const auto shared = std::make_shared<const notification_t>(std::move(notification));
         for (session_t &s : t->sessions)
             if (s.wants(shared->head))
                 s.put(shared);
+    } catch (const std::bad_alloc &) {
+        tell_of_loss(t, 1);
+    }
+}
+
+/* Some notifications, into the queues and on their way; true when there may be more. */
+bool take_notifications(transport_t *t)
+{
+    constexpr uint32_t at_a_time = 256;
+    notification_t notification;
+    uint32_t taken = 0;
+    while (taken < at_a_time && t->next_notification && t->next_notification(&notification)) {
+        spread(t, std::move(notification));
+        taken++;
     }
     for (session_t &s : t->sessions)
         if (s.is_open())
             s.send_notifications();
-    if (taken == at_a_time)
-        transport_wake(t);
+    return taken == at_a_time;
 }
 
 void begin_stop(transport_t *t)
@@ -188,7 +196,7 @@ void check_deadlines(transport_t *t, int64_t now_ms)
 bool all_sent(const transport_t *t)
 {
     for (const session_t &s : t->sessions)
-        if (s.has_replies())
+        if (s.is_open() && s.has_output())
             return false;
     return true;
 }
@@ -201,6 +209,8 @@ bool is_over(transport_t *t)
     if (!t->finish_by)
         t->finish_by = now + farewell_ms;
     take_replies(t);
+    while (take_notifications(t)) {
+    }
     return all_sent(t) || now >= t->finish_by;
 }
 
@@ -231,7 +241,8 @@ void poll_once(transport_t *t)
             serve_session(t, of[i], fds[i].revents);
     if (fds[2].revents) {
         take_replies(t);
-        take_notifications(t);
+        if (take_notifications(t))
+            transport_wake(t);
     }
     if (fds[1].revents)
         begin_stop(t);
@@ -356,11 +367,15 @@ uint64_t transport_num_dropped(const transport_t *t)
     return t->counts.dropped;
 }
 
-void transport_stop(transport_t *t)
+void transport_finish(transport_t *t)
 {
     t->finish = true;
     transport_wake(t);
     t->thread.join();
+}
+
+void transport_free(transport_t *t)
+{
     if (!t->stopping) /* else it has gone already, and another agent may have one there */
         unlink(t->path.c_str());
     free_transport(t);

@@ -47,7 +47,10 @@ uint64_t transport_num_refused(const transport_t *transport);
 /* Notifications that were dropped since a session did not read them. Any thread. */
 uint64_t transport_num_dropped(const transport_t *transport);
 
-/* Send what is left, for two seconds at most, close everything, free. */
-void transport_stop(transport_t *transport);
+/* Send what is left, notifications too, for two seconds at most, and close all sessions. Once; only
+ * transport_wake, which does nothing any more, and transport_free are left to call. */
+void transport_finish(transport_t *transport);
+/* Behind transport_finish, when nobody calls transport_wake any more. */
+void transport_free(transport_t *transport);
 
 #endif

@@ -1,8 +1,10 @@
 /* Notifications on their way to clients: who delivers them takes them here.
  *
- * Without a receiver nothing is kept. With one, messages wait in two lists, both bounded: what the
- * server sends at once, and the default queue behind it. The queue refuses when it is full; the
- * other list drops its oldest message, and the next that is taken says how many were lost.
+ * Without a receiver nothing is kept. With one, messages wait in two lists, both bounded: types 2
+ * and 6, which the server sends at once, and behind them the default queue. A full queue refuses;
+ * the server then sends at once what was refused, and it stands behind the queue all the same. What
+ * is sent at once has room made for it: the oldest goes, and the next that is taken says how many
+ * were lost.
  */
 #ifndef ZAN_HOST_NOTIFICATIONS_H
 #define ZAN_HOST_NOTIFICATIONS_H
@@ -26,7 +28,8 @@ typedef struct zan_host_notification_t {
     struct zan_host_notification_t *next;
     zan_notify_hdr_st hdr;
     uint64_t arg;
-    uint32_t lost; /* that there was no room for, before this one */
+    uint64_t sequence; /* rises in the order in which they were made */
+    uint32_t lost;     /* that there was no room for, before this one */
     uint32_t size; /* bytes of the object in serialized form, or of another message, behind this */
 } zan_host_notification_t;
 

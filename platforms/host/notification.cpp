@@ -4,6 +4,7 @@
  * here, around the lists alone. Without memory a notification is lost and counted as such.
  */
 #include "host_notifications.h"
+#include "locks.h"
 #include "retry.h"
 #include "table_properties.h"
 
@@ -27,6 +28,7 @@ constexpr size_t max_bytes = 16 << 20; /* in each list; an object may have very 
 
 std::mutex mutex;
 list_t at_once, queue;
+uint64_t last_sequence;
 uint32_t lost;      /* since the last that was taken */
 uint64_t lost_ever; /* since the start */
 zan_host_notif_ready_f ready;
@@ -35,6 +37,7 @@ void *ready_arg;
 void append(list_t *list, zan_host_notification_t *message)
 {
     message->next = nullptr;
+    message->sequence = ++last_sequence;
     *list->end = message;
     list->end = &message->next;
     list->count++;
@@ -107,6 +110,13 @@ bool put(list_t *list, zan_host_notification_t *message, bool make_room)
     return true;
 }
 
+/* Types that wait for nothing. What the queue refused, too, is sent without asking it, but in its
+ * turn: the news of an object must not come in front of its past. */
+bool overtakes(uint32_t type)
+{
+    return (type & ~4u) == 2;
+}
+
 void fill_header(const zan_table_base_st *obj, uint32_t type, zan_notify_hdr_st *hdr)
 {
     const zan_table_def_t *def = zan_table_defs[obj->table_id];
@@ -143,6 +153,7 @@ uint32_t zan_srv_default_async_notif_queue_enqueue(const zan_table_base_st *obj,
     zan_host_notification_t *message = new_message(obj->total_obj_size);
     if (message) {
         message->arg = arg;
+        const zan_counters_hold_t hold(props->def); /* it may be a stored one */
         message->size = props->serialize(obj, message + 1);
         fill_header(obj, type, &message->hdr);
         props->fill_default_async_notif_cb((zan_table_base_st *)(message + 1), &message->hdr);
@@ -163,7 +174,7 @@ int kor_send_notification(uint32_t, const char *, const zan_notify_hdr_st *hdr, 
         message->hdr = *hdr;
         memcpy((void *)(message + 1), msg, size);
     }
-    put(&at_once, message, true);
+    put(overtakes(hdr->type) ? &at_once : &queue, message, true);
     return EOK;
 }
 

@@ -320,6 +320,35 @@ protected:
         return 2 * (1 + num_routes);
     }
 
+    /* A session that watches these tables, of which nobody reads what it is told. */
+    int watch(const std::vector<const char *> &tables)
+    {
+        const int fd = open_greeted();
+        watch(fd, tables);
+        EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_WATCH_REPLY);
+        const timeval patience = {30, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        return fd;
+    }
+    static void watch(int fd, const std::vector<const char *> &tables)
+    {
+        zan_watch_st wanted = {};
+        for (const char *table : tables)
+            wanted.tables[zan_table_def_find(table)->id / 64] |=
+                1ull << zan_table_def_find(table)->id % 64;
+        send_frame(fd, ZAN_FRAME_WATCH, &wanted, sizeof wanted);
+    }
+    static zan_notification_st head_of(const reply_t &frame)
+    {
+        zan_notification_st head = {};
+        EXPECT_EQ(frame.hdr.type, ZAN_FRAME_NOTIFICATION);
+        if (frame.payload.size() < sizeof head)
+            ADD_FAILURE() << "a notification of " << frame.payload.size() << " bytes";
+        else
+            memcpy(&head, frame.payload.data(), sizeof head);
+        return head;
+    }
+
 private:
     zan_failed_reply_st ask_quarantine(uint32_t action)
     {
@@ -347,32 +376,62 @@ private:
 /* Nothing is lost unsaid: what comes, what it stands for and what is told as lost are all. */
 TEST_F(watching, tells_a_watcher_that_does_not_read_what_it_missed)
 {
-    const int fd = open_greeted();
-    zan_watch_st watch = {};
-    for (const char *table : {"ipnhgroup", "iproute"})
-        watch.tables[zan_table_def_find(table)->id / 64] |= 1ull
-                                                            << zan_table_def_find(table)->id % 64;
-    send_frame(fd, ZAN_FRAME_WATCH, &watch, sizeof watch);
-    EXPECT_EQ(receive(fd).hdr.type, ZAN_FRAME_WATCH_REPLY);
+    const int fd = watch({"ipnhgroup", "iproute"}), tired = watch({"iproute"});
     const uint32_t all = take_out_and_put_back();
-
-    const timeval patience = {30, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     uint32_t heard = 0, told = 0;
-    while (heard + told < all) {
-        const reply_t frame = receive(fd);
-        ASSERT_EQ(frame.hdr.type, ZAN_FRAME_NOTIFICATION) << heard << " and " << told;
-        zan_notification_st head;
-        ASSERT_GT(frame.payload.size(), sizeof head);
-        memcpy(&head, frame.payload.data(), sizeof head);
+    while (heard + told < all && !HasFailure()) {
+        const zan_notification_st head = head_of(receive(fd));
         heard++;
         told += head.lost + head.replaced;
     }
     EXPECT_EQ(heard + told, all);
     EXPECT_GT(told, 0u) << "its queue is bounded";
 
-    send_frame(fd, ZAN_FRAME_GOODBYE, nullptr, 0);
-    EXPECT_TRUE(is_closed(fd));
+    watch(tired, {});
+    while (receive(tired).hdr.type == ZAN_FRAME_NOTIFICATION) {
+    }
+    for (const int one : {fd, tired}) {
+        send_frame(one, ZAN_FRAME_GOODBYE, nullptr, 0);
+        EXPECT_TRUE(is_closed(one)) << "nothing waits for one that watches no more";
+        close(one);
+    }
+}
+
+/* A delete that is told at once may overtake what was told of the object before; who reads hears it
+ * last all the same. */
+TEST_F(watching, hears_last_what_became_of_an_object)
+{
+    const int fd = watch({"llnh", "iproute"});
+    const std::string next_hop = "intf=1 adj_id=1";
+    auto run_all =
+        [&](std::initializer_list<std::tuple<const char *, std::string, zan_table_operation_et>>
+                operations) {
+            const batch_t batch(zan_batch_new(ZAN_BATCH_CONTINUE_ON_ERROR, 0));
+            for (const auto &[table, text, operation] : operations)
+                zan_batch_append(batch.get(), parse(table, text).get(), operation);
+            EXPECT_EQ(zan_client_run(client, batch.get()), 0) << zan_client_error(client);
+        };
+    for (uint32_t round = 0; round < 20; round++) {
+        run_all({{"l3intf", "intf=1", ZAN_TABLE_CREATE},
+                 {"llnh", next_hop + " l3intf_obj.l3intf.intf=1", ZAN_TABLE_CREATE},
+                 {"ipnhgroup",
+                  "nhg_id=1 nexthop_next_obj[0].llnh.intf=1 nexthop_next_obj[0].llnh.adj_id=1",
+                  ZAN_TABLE_CREATE}});
+        run_all({{"llnh", next_hop + " l3intf_obj.l3intf.intf=99", ZAN_TABLE_UPDATE},
+                 {"llnh", next_hop, ZAN_TABLE_DELETE},
+                 {"ipnhgroup", "nhg_id=1", ZAN_TABLE_DELETE},
+                 {"iproute", "vrf_id=0 prefix=10.0.0.0/8 next_obj.ipnhgroup.nhg_id=1",
+                  ZAN_TABLE_CREATE}}); /* refused, and told behind all others */
+        const uint32_t end = zan_table_def_find("iproute")->id;
+        uint32_t last = 0, heard = 0;
+        for (zan_notification_st head = head_of(receive(fd)); head.table_id != end && !HasFailure();
+             head = head_of(receive(fd))) {
+            last = head.type;
+            heard += 1 + head.replaced;
+        }
+        ASSERT_EQ(last, 6u) << "round " << round;
+        ASSERT_EQ(heard, 2u);
+    }
     close(fd);
 }
 
