@@ -8,16 +8,10 @@
 
 #include "message_check.h"
 #include "npu_control.h"
+#include "replays.h"
 #include "transport.h"
 
 #include <string>
-
-/* The last replay of a table. */
-struct replay_t {
-    bool running;
-    std::vector<uint32_t> before; /* its counters when it began; empty: none has */
-    uint32_t dropped;             /* objects in quarantine that were not sent again */
-};
 
 /* The node as the dispatcher thread knows it. */
 struct node_t {
@@ -32,7 +26,7 @@ struct node_t {
     uint64_t first_cycles; /* at first_ms */
     int64_t first_ms;
     uint64_t batches, objects, refused;
-    replay_t replays[ZAN_NUM_TABLES];
+    replays_t replays;
     uint32_t sim_failures;  /* rules that simulated NPUs were given */
     uint64_t trace_errors;  /* seen in the trace ring */
     std::string trace_file; /* with its directory; empty: the ring is in memory */

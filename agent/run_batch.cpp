@@ -3,8 +3,6 @@
 #include "requests.h"
 
 #include "clock.h"
-#include "global_context.h"
-#include "host_retry.h"
 #include "locks.h"
 #include "table_flows.h"
 #include "thread_control.h"
@@ -57,77 +55,6 @@ std::vector<uint8_t> make_reply(const zan_batch_frame_st &frame, const message_v
     return out;
 }
 
-using counters_t = std::vector<uint32_t>;
-
-counters_t counters_of(uint32_t table_id)
-{
-    const uint32_t *counters = zan_get_global_ctx()->counters[0][table_id];
-    return {counters, counters + ZAN_NUM_COUNTERS};
-}
-
-/* Of the tables whose replay the batch begins, in their order: the end of a replay is told against
- * that. */
-std::vector<counters_t> counters_before(const uint8_t *msg, size_t len)
-{
-    std::vector<counters_t> before;
-    for (size_t at = 0; at < len;) {
-        const auto *obj = (const zan_table_base_st *)(msg + at);
-        if (obj->table_operation == ZAN_TABLE_REPLAY_START)
-            before.push_back(counters_of(obj->table_id));
-        at += obj->total_obj_size;
-    }
-    return before;
-}
-
-/* Whether an object of a synchronous batch was done. */
-bool is_done(const uint8_t *slots, uint32_t payload, size_t index)
-{
-    const uint8_t *slot = slots + index * (payload + ZAN_RESPONSE_HDR_SIZE);
-    return ((const zan_table_response_st *)slot)->err_code == EOK;
-}
-
-/* What the batch meant to replays, operation by operation: which it began and ended, by its slots,
- * and what of the quarantine the client has sent again. A replay comes in synchronous batches only.
- */
-void note_operations(node_t *node, const uint8_t *msg, size_t len, const uint8_t *slots,
-                     uint32_t payload, std::vector<counters_t> before)
-{
-    size_t started = 0, index = 0;
-    for (size_t at = 0; at < len; index++) {
-        const auto *obj = (const zan_table_base_st *)(msg + at);
-        at += obj->total_obj_size;
-        replay_t *replay = &node->replays[obj->table_id];
-        switch (obj->table_operation) {
-        case ZAN_TABLE_REPLAY_START:
-            if (is_done(slots, payload, index)) {
-                *replay = {true, std::move(before[started]), 0};
-                zan_host_quarantine_replay_start(obj);
-            }
-            started++;
-            break;
-        case ZAN_TABLE_REPLAY_END:
-            if (is_done(slots, payload, index)) {
-                replay->running = false;
-                replay->dropped = zan_host_quarantine_replay_end(obj->table_id);
-            }
-            break;
-        case ZAN_TABLE_CREATE:
-        case ZAN_TABLE_UPDATE:
-            zan_host_quarantine_sent(obj);
-            break;
-        default:
-            break;
-        }
-    }
-}
-
-bool anything_in_quarantine()
-{
-    zan_host_retry_counts_st counts;
-    zan_host_retry_counts(&counts);
-    return counts.quarantined != 0;
-}
-
 } // namespace
 
 answer_t refuse_request(node_t *node, const char *field, const char *text)
@@ -159,14 +86,10 @@ answer_t run_batch(node_t *node, request_t *request, uint32_t reply_max)
     frame.hdr.client_id = (uint32_t)request->session;
     {
         const dispatcher_hold_t hold;
-        std::vector<counters_t> before;
-        if (verdict.replays)
-            before = counters_before(msg, len);
+        replay_batch_t replays(&node->replays, verdict, msg, len);
         reply->last_rc = zan_table_server_dispatcher(
             msg, (zan_table_response_st *)(answer.frame.data() + slots_at), frame.hdr, nullptr);
-        if (verdict.replays || anything_in_quarantine())
-            note_operations(node, msg, len, answer.frame.data() + slots_at, frame.payload_alloc_sz,
-                            std::move(before));
+        replays.note(answer.frame.data() + slots_at, frame.payload_alloc_sz);
     }
     if (reply->msg_len)
         memcpy(answer.frame.data() + slots_at + reply->slots_len, msg, len);

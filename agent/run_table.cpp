@@ -88,11 +88,15 @@ answer_t run_table(node_t *node, const request_t &request)
     const uint32_t sets[] = {0, 1, 2 + ctx->active_bank};
     for (uint32_t i = 0; i < 3; i++)
         memcpy(record.counters[i], ctx->counters[sets[i]][def->id], sizeof record.counters[i]);
-    const std::vector<uint32_t> &before = node->replays[def->id].before;
-    record.replaying = node->replays[def->id].running;
-    record.replay_dropped = node->replays[def->id].dropped;
-    for (uint32_t i = 0; i < before.size(); i++)
-        record.counters[3][i] = record.counters[0][i] - before[i];
+    const replay_t &replay = node->replays.of[def->id];
+    record.replaying = replay.running;
+    record.replay_kept = replay.kept;
+    record.replay_changed = replay.changed;
+    record.replay_deleted = replay.deleted;
+    record.replay_left = replay.left;
+    record.replay_dropped = replay.dropped;
+    for (uint32_t i = 0; i < replay.before.size(); i++)
+        record.counters[3][i] = record.counters[0][i] - replay.before[i];
     std::vector<uint8_t> frame(sizeof(zan_frame_hdr_st) + sizeof record);
     memcpy(frame.data() + sizeof(zan_frame_hdr_st), &record, sizeof record);
     return {ZAN_FRAME_TABLE_REPLY, std::move(frame)};

@@ -414,8 +414,13 @@ typedef struct zan_table_record_st {
     uint32_t counters[4][61];
     uint32_t replaying;      /* 1: a replay has begun and not ended */
     uint32_t replay_dropped; /* objects in quarantine that its last replay dropped at its end */
+    /* Of the objects that its last replay has marked: */
+    uint64_t replay_kept;    /* sent again as they stood */
+    uint64_t replay_changed; /* changed by what was sent, or made anew */
+    uint64_t replay_deleted; /* deleted by the client before the end */
+    uint64_t replay_left;    /* swept, and still stored: held back, or refused by hardware */
 } zan_table_record_st;
-ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1304, "record of a table");
+ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1336, "record of a table");
 
 /* The counters of the tables' operations (zan_counters.h), in sets: since the start, since the last
  * reset, and banks of which one counts at a time. */

@@ -15,6 +15,7 @@ struct arguments_t {
     std::string table, file;
     std::vector<std::string> from, files, set;
     uint64_t limit = 0;
+    std::optional<uint32_t> epoch;
     bool now = false;
     apply_options_t apply;
     graph_options_t graph;
@@ -140,7 +141,7 @@ void add_commands(CLI::App *app, arguments_t *a)
         ->required()
         ->check(CLI::IsMember({"start", "end"}));
     replay->add_option("tables", a->words, "iproute ip6route; without all that concern");
-    replay->add_option("--epoch", a->limit, "start: of the objects of this client's epoch only");
+    replay->add_option("--epoch", a->epoch, "start: of the objects of this client's epoch only");
     CLI::App *eod = app->add_subcommand("eod", "end of download: tell each NPU that all was sent");
     eod->add_option("tables", a->words, "ipacl; without all tables that hear it");
     CLI::App *stats = app->add_subcommand(
@@ -242,7 +243,7 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
     if (command == "history")
         return run_history(session, join(a.words));
     if (command == "replay")
-        return run_replay(session, a.file, a.words, (uint32_t)a.limit);
+        return run_replay(session, a.file, a.words, a.epoch);
     if (command == "eod")
         return run_eod(session, a.words);
     if (command == "watch")

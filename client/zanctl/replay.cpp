@@ -6,14 +6,15 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 namespace
 {
 
 using tables_t = std::vector<const zan_table_def_t *>;
 
-/* The tables of these names, or all that are in use: what one has may all lie in quarantine. False
- * and a reason. */
+/* The tables of these names, each once, or all that are in use: what one has may all lie in
+ * quarantine. False and a reason. */
 bool find_tables(session_t *session, const std::vector<std::string> &names, tables_t *tables,
                  std::string *why)
 {
@@ -21,7 +22,8 @@ bool find_tables(session_t *session, const std::vector<std::string> &names, tabl
         const zan_table_def_t *def = find_table(name, why);
         if (!def)
             return false;
-        tables->push_back(def);
+        if (std::find(tables->begin(), tables->end(), def) == tables->end())
+            tables->push_back(def);
     }
     if (!names.empty())
         return true;
@@ -61,7 +63,9 @@ std::vector<zan_rcode> run_on_tables(session_t *session, const tables_t &tables,
 /* What a replay came to, for one table. */
 struct outcome_of_replay_t {
     const zan_table_def_t *def;
-    uint64_t marked, kept, changed, made, swept, dropped;
+    uint64_t marked, made, swept;
+    uint64_t gone; /* marked, and none of what is told: it went out of service, most likely */
+    zan_table_record_st record;
 };
 
 outcome_of_replay_t read_outcome(const zan_table_record_st &r)
@@ -69,39 +73,51 @@ outcome_of_replay_t read_outcome(const zan_table_record_st &r)
     const uint32_t *since = r.counters[3];
     outcome_of_replay_t o = {};
     o.def = zan_table_def_get(r.table_id);
+    o.record = r;
     o.marked = since[ZAN_CTR_REPLAY_MARKED];
     o.swept = since[ZAN_CTR_REPLAY_SWEPT];
-    o.dropped = r.replay_dropped;
-    o.changed = since[ZAN_CTR_CREATE_CONVERTED];
-    o.kept = o.marked - std::min(o.marked, o.swept + o.changed);
-    o.made =
-        since[ZAN_CTR_CREATE] -
-        std::min<uint64_t>(since[ZAN_CTR_CREATE], since[ZAN_CTR_CREATE_REPLACE_EQUAL] +
-                                                      since[ZAN_CTR_CREATE_STRICT_EQUAL] +
-                                                      since[ZAN_CTR_CREATE_STRICT_DIFFERS] +
-                                                      since[ZAN_CTR_CREATE_DUPLICATE] + o.changed);
+    const uint64_t told = r.replay_kept + r.replay_changed + r.replay_deleted + o.swept;
+    o.gone = o.marked - std::min(o.marked, told);
+    const uint64_t creates = since[ZAN_CTR_CREATE];
+    o.made = creates - std::min<uint64_t>(creates, since[ZAN_CTR_CREATE_REPLACE_EQUAL] +
+                                                       since[ZAN_CTR_CREATE_STRICT_EQUAL] +
+                                                       since[ZAN_CTR_CREATE_STRICT_DIFFERS] +
+                                                       since[ZAN_CTR_CREATE_DUPLICATE] +
+                                                       since[ZAN_CTR_CREATE_CONVERTED]);
     return o;
 }
 
 void print(const session_t *session, const outcome_of_replay_t &o)
 {
+    const zan_table_record_st &r = o.record;
     if (session->json) {
         printf("%s\n", json_t({{"table", o.def->name},
                                {"marked", o.marked},
-                               {"kept", o.kept},
-                               {"changed", o.changed},
+                               {"kept", r.replay_kept},
+                               {"changed", r.replay_changed},
+                               {"deleted_by_client", r.replay_deleted},
                                {"asked_for_new", o.made},
                                {"swept", o.swept},
-                               {"dropped_from_quarantine", o.dropped}})
+                               {"still_there", r.replay_left},
+                               {"gone_meanwhile", o.gone},
+                               {"dropped_from_quarantine", r.replay_dropped}})
                            .dump()
                            .c_str());
         return;
     }
     printf("%-20s %llu kept, %llu changed, %llu asked for anew, %llu swept", o.def->name,
-           (unsigned long long)o.kept, (unsigned long long)o.changed, (unsigned long long)o.made,
-           (unsigned long long)o.swept);
-    if (o.dropped)
-        printf(", %llu dropped from quarantine", (unsigned long long)o.dropped);
+           (unsigned long long)r.replay_kept, (unsigned long long)r.replay_changed,
+           (unsigned long long)o.made, (unsigned long long)o.swept);
+    const struct {
+        uint64_t count;
+        const char *words;
+    } rest[] = {{r.replay_deleted, "deleted by the client"},
+                {o.gone, "gone otherwise meanwhile: see zanctl quarantine"},
+                {r.replay_dropped, "dropped from quarantine"},
+                {r.replay_left, "of the swept still there: see zanctl graph and failed"}};
+    for (const auto &one : rest)
+        if (one.count)
+            printf(", %llu %s", (unsigned long long)one.count, one.words);
     putchar('\n');
 }
 
@@ -172,7 +188,7 @@ int end_replay(session_t *session, tables_t tables, bool all)
 } // namespace
 
 int run_replay(session_t *session, const std::string &what, const std::vector<std::string> &names,
-               uint32_t epoch)
+               std::optional<uint32_t> epoch)
 {
     tables_t tables;
     std::string why;
@@ -180,8 +196,11 @@ int run_replay(session_t *session, const std::string &what, const std::vector<st
         return fail_text(why);
     if (what == "start" && tables.empty())
         return fail_text("no table is in use");
-    return what == "start" ? start_replay(session, tables, epoch)
-                           : end_replay(session, tables, names.empty());
+    if (what == "start")
+        return start_replay(session, tables, epoch ? *epoch : ZAN_EPOCH_ANY);
+    if (epoch)
+        return fail_text("--epoch goes with replay start: the end sweeps what that has marked");
+    return end_replay(session, tables, names.empty());
 }
 
 int run_eod(session_t *session, const std::vector<std::string> &names)

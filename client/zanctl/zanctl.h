@@ -112,7 +112,7 @@ int run_sim(session_t *session, const sim_options_t &options);
 /* Begin ("start") or end a replay of these tables; with none of those that hold objects, or whose
  * replay has begun. The epoch is the client's, for the tables that many clients share. */
 int run_replay(session_t *session, const std::string &what, const std::vector<std::string> &names,
-               uint32_t epoch);
+               std::optional<uint32_t> epoch);
 /* Tell each NPU that all of a table has been sent; with no name of all tables that hear it. */
 int run_eod(session_t *session, const std::vector<std::string> &names);
 /* The counters of one object, or with no text the walks that bring them in; `now`: after one more

@@ -94,12 +94,14 @@ ZAN_EXPORT uint32_t zan_host_quarantine_drop(uint32_t table_id, const void *key)
 
 /* A replay reaches what is in quarantine, too. Its owner tells of it behind the server's part, in
  * the order of the operations:
- *   start  mark the objects of the marker's table, as the server marks those that are stored
+ *   start  mark the objects of the table, as the server marks those that are stored: with a null
+ *          marker of all clients
  *   sent   a client's create or update, by key: whatever came of it, the mark goes
  *   end    free those of the table that are still marked; their number. What was taken out for one
  *          of them stays: it has a mark of its own, if its table is in a replay
  * A marked object that is put back is stored with its mark. */
-ZAN_EXPORT void zan_host_quarantine_replay_start(const zan_table_base_st *marker);
+ZAN_EXPORT void zan_host_quarantine_replay_start(uint32_t table_id,
+                                                 const zan_table_base_st *marker);
 ZAN_EXPORT void zan_host_quarantine_sent(const zan_table_base_st *obj);
 ZAN_EXPORT uint32_t zan_host_quarantine_replay_end(uint32_t table_id);
 ZAN_EXTERN_C_END

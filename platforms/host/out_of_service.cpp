@@ -357,11 +357,11 @@ uint32_t zan_host_quarantine_drop(uint32_t table_id, const void *key)
 
 /* ---- Replay ---- */
 
-void zan_host_quarantine_replay_start(const zan_table_base_st *marker)
+void zan_host_quarantine_replay_start(uint32_t table_id, const zan_table_base_st *marker)
 {
-    const zan_table_def_t *def = zan_table_defs[marker->table_id];
+    const zan_table_def_t *def = zan_table_defs[table_id];
     for (auto at = first_of(def->id); is_of(at, def->id); ++at)
-        if (!def->replay_client_filter || at->second.copy->client_epoch == marker->client_epoch) {
+        if (zan_obj_is_replayed(def, at->second.copy, marker)) {
             zan_obj_mark_stale(def, at->second.copy);
             at->second.references = 1;
         }

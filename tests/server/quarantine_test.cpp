@@ -75,7 +75,7 @@ TEST_F(Quarantine, AReplaySeesThroughRetryAndQuarantine)
         marker->table_operation = (uint8_t)operation;
         EXPECT_EQ(run(marker).rc, (zan_rcode)EOK);
         if (operation == ZAN_TABLE_REPLAY_START)
-            zan_host_quarantine_replay_start(marker.get());
+            zan_host_quarantine_replay_start(marker->table_id, marker.get());
     };
     for (uint32_t i = 0; i < 4; i++)
         create(route(i));

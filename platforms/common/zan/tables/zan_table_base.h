@@ -36,6 +36,9 @@ typedef enum zan_table_operation_et {
     ZAN_TABLE_OPERATION_COUNT
 } zan_table_operation_et;
 
+/* As client_epoch of a replay's marker: the objects of all clients. */
+#define ZAN_EPOCH_ANY 0xffffffffu
+
 /* Bits of zan_table_base_st.flag. "client" bits may be set by a client; the agent clears the rest.
  */
 enum {

@@ -129,6 +129,14 @@ static inline uint8_t *zan_obj_ref_cnt_set(const zan_table_def_t *def, const zan
     return (uint8_t *)zan_obj_at(obj, def->obj_ref_cnt_offset + (uint32_t)sizeof(uint32_t));
 }
 
+/* Whether a replay concerns an object: in tables that clients share, one of the marker's client. A
+ * null marker concerns all. */
+static inline bool zan_obj_is_replayed(const zan_table_def_t *def, const zan_table_base_st *obj,
+                                       const zan_table_base_st *marker)
+{
+    return !def->replay_client_filter || !marker || marker->client_epoch == obj->client_epoch;
+}
+
 /* A replay has started: the object goes at its end, unless the client sends it again, and its
  * references have to be counted anew. */
 static inline void zan_obj_mark_stale(const zan_table_def_t *def, zan_table_base_st *obj)

@@ -15,7 +15,7 @@ zan_rcode stale_mark(zan_table_base_st *db_obj, void *arg)
 {
     const auto *marker = (const zan_table_base_st *)arg;
     const zan_table_def_t *def = zan_table_defs[db_obj->table_id];
-    if (def->replay_client_filter && marker && marker->client_epoch != db_obj->client_epoch)
+    if (!zan_obj_is_replayed(def, db_obj, marker))
         return EOK;
     zan_counter_raise(def->id, ZAN_CTR_REPLAY_MARKED);
     zan_obj_mark_stale(def, db_obj);
@@ -60,7 +60,7 @@ zan_rcode zan_srv_crud_from_obj_base(const zan_table_def_t *def, zan_table_base_
     case ZAN_TABLE_GET_NEXT:
         return zan_server_api_get_common(def, obj, resp, arg);
     case ZAN_TABLE_REPLAY_START:
-        resp->obj = kor_core_replay_start(def, obj);
+        resp->obj = kor_core_replay_start(def, obj->client_epoch == ZAN_EPOCH_ANY ? nullptr : obj);
         return EOK;
     case ZAN_TABLE_REPLAY_END:
         resp->obj = kor_core_replay_end(def, obj);
