@@ -14,9 +14,10 @@ zan_rcode zan_server_api_eod(const zan_table_def_t *def, zan_table_base_st *obj,
     const uint32_t trans_id = obj->base_trans_id;
     zan_table_state_t *state = zan_table_state(def);
     memset(state->db_ctx.scratch, 0, sizeof state->db_ctx.scratch);
+    const kor_npu_mask_t mask = state->ctx->npu_mask_active;
     const bool stopped = zan_npu_bcast_dummy_wait(def, trans_id, false) == 1;
     zan_rcode rc = EOK;
-    for (kor_npu_mask_t left = state->ctx->npu_mask_active; left; left &= left - 1) {
+    for (kor_npu_mask_t left = mask; left; left &= left - 1) {
         const uint32_t npu = (uint32_t)__builtin_ctzll(left);
         timespec start, end, taken;
         obj->npu_id = (uint8_t)npu;
