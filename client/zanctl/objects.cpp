@@ -131,12 +131,22 @@ std::string take_word(std::string *text)
     return word;
 }
 
+/* At most a third of the letters may be wrong. A name that stands in the word is not enough: of
+ * tables and classes many begin with another's name. */
 std::string suggestion(const std::string &word, const std::vector<std::string> &names)
 {
-    nearest_name_t nearest = nearest_name_begin(word);
-    for (const std::string &name : names)
-        nearest_name_offer(&nearest, name);
-    return nearest.best.empty() ? ": " : "; is it " + std::string(nearest.best) + "? ";
+    std::string best;
+    size_t distance = word.size() / 3 + 1;
+    for (const std::string &name : names) {
+        if (word.size() > NEAREST_NAME_MAX || name.size() > NEAREST_NAME_MAX)
+            continue;
+        const size_t wrong = edit_distance(word, name);
+        if (wrong >= distance)
+            continue;
+        best = name;
+        distance = wrong;
+    }
+    return best.empty() ? ": " : "; is it " + best + "? ";
 }
 
 const zan_table_def_t *find_table(const std::string &name, std::string *why)
