@@ -23,7 +23,7 @@ struct filter_t {
     const zan_table_def_t *table; /* null: any */
     std::optional<uint32_t> trans;
     bool errors;
-    std::optional<double> since; /* seconds before the moment of the ring */
+    uint64_t from_ns; /* CLOCK_REALTIME */
 };
 
 bool is_of_table(const zan_trace_record_st &r, uint32_t table_id)
@@ -38,12 +38,17 @@ bool mentions(const zan_trace_record_st &r, uint64_t handle)
     return std::find(r.arg, end, handle) != end;
 }
 
-/* `now`: the moment that the filter counts back from. */
-bool passes(const zan_trace_record_st &r, uint64_t when_ns, uint64_t now_ns, const filter_t &f)
+bool passes(const zan_trace_record_st &r, uint64_t when_ns, const filter_t &f)
 {
     return (!f.table || is_of_table(r, f.table->id)) && (!f.trans || r.trans_id == *f.trans) &&
            (!f.errors || zan_trace_class_level(r.trace_class) == ZAN_TRACE_LEVEL_ERROR) &&
-           (!f.since || (double)when_ns >= (double)now_ns - *f.since * 1e9);
+           when_ns >= f.from_ns;
+}
+
+/* So many seconds before a moment; without a number the begin of time. */
+uint64_t moment_before(uint64_t ns, std::optional<double> seconds)
+{
+    return seconds ? (uint64_t)std::max(0.0, (double)ns - *seconds * 1e9) : 0;
 }
 
 uint64_t time_of(const zan_trace_record_st &r, const zan_trace_reply_st &now)
@@ -99,7 +104,7 @@ int read_ring(session_t *session, const filter_t &filter, uint64_t *after,
         const std::unique_ptr<zan_trace_record_st, free_object_t> own(records);
         for (uint32_t i = 0; i < reply.num_records; i++) {
             const uint64_t when_ns = time_of(records[i], reply);
-            if (passes(records[i], when_ns, reply.now_ns, filter))
+            if (passes(records[i], when_ns, filter))
                 found->push_back({records[i], when_ns});
             if (found->size() > most)
                 found->pop_front();
@@ -175,14 +180,15 @@ zan_trace_reply_st moment_of(const zan_trace_file_st &head)
 
 /* An agent may write to it meanwhile: a record is whole when a second look finds its number again.
  */
-int read_file(const std::string &path, const filter_t &filter, std::deque<shown_t> *found,
-              size_t most)
+int read_file(const trace_options_t &options, filter_t filter, std::deque<shown_t> *found)
 {
+    const std::string &path = options.file;
     ring_file_t file(path);
     const std::string fault = file.open_fault();
     if (!fault.empty())
         return fail_text(path + ": " + fault);
     const zan_trace_reply_st moment = moment_of(file.head);
+    filter.from_ns = moment_before(moment.now_ns, options.since);
     std::vector<zan_trace_slot_st> slots, again;
     for (uint64_t done = 0; done < file.slots(); done += slots.size()) {
         slots.resize(std::min<uint64_t>(file.slots() - done, slots_at_once));
@@ -194,15 +200,15 @@ int read_file(const std::string &path, const filter_t &filter, std::deque<shown_
             if (slots[i].sequence != again[i].sequence || !zan_trace_take(&slots[i], &r))
                 continue;
             const uint64_t when_ns = time_of(r, moment);
-            if (passes(r, when_ns, moment.now_ns, filter))
+            if (passes(r, when_ns, filter))
                 found->push_back({r, when_ns});
         }
     }
     std::sort(found->begin(), found->end(), [](const shown_t &a, const shown_t &b) {
         return a.record.sequence < b.record.sequence;
     });
-    if (found->size() > most)
-        found->erase(found->begin(), found->end() - (ptrdiff_t)most);
+    if (found->size() > options.last)
+        found->erase(found->begin(), found->end() - (ptrdiff_t)options.last);
     return EXIT_WELL;
 }
 
@@ -288,14 +294,17 @@ int run_trace(session_t *session, const trace_options_t &options)
         return fail_text(why);
     filter.trans = options.trans;
     filter.errors = options.errors;
-    filter.since = options.since;
     std::string day;
     if (!options.file.empty()) {
         std::deque<shown_t> found;
-        const int status = read_file(options.file, filter, &found, options.last);
+        const int status = read_file(options, filter, &found);
         print_all(session, found, &day);
         return status;
     }
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    filter.from_ns =
+        moment_before((uint64_t)now.tv_sec * 1'000'000'000 + (uint64_t)now.tv_nsec, options.since);
     uint64_t after = 0;
     for (;;) {
         std::deque<shown_t> found;
