@@ -337,8 +337,9 @@ int apply_stream(applying_t *a, std::istream *in, const std::string &name)
 void print_tally(const applying_t *a)
 {
     const tally_t &t = a->tally;
-    printf("%zu operations: %zu done, %zu failed, %zu forgiven, %zu cut%s\n", t.all(), t.done,
-           t.failed, t.forgiven, t.cut, a->stopped ? "; stopped at the first failure" : "");
+    printf("%s: %zu done, %zu failed, %zu forgiven, %zu cut%s\n",
+           plural(t.all(), "operation", "operations").c_str(), t.done, t.failed, t.forgiven, t.cut,
+           a->stopped ? "; stopped at the first failure" : "");
     if (a->options.async)
         printf("sent asynchronously: nobody waited, and each object was asked for afterwards\n");
 }
