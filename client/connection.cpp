@@ -9,6 +9,7 @@
 #include <new>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -181,6 +182,27 @@ int client_ask(zan_client_t *client, uint16_t type, const void *payload, uint32_
 
 /* ---- Open and close ---- */
 
+/* What to do about an agent that is not reached. */
+static int explain_connect(zan_client_t *client, const char *path, int error)
+{
+    struct stat facts = {};
+    if (error == EACCES || error == EPERM)
+        return client_lose(
+            client,
+            "no way to the agent at %s (%s): ask as its user, or as one who may write "
+            "to the socket",
+            path, strerror(error));
+    if (error == ECONNREFUSED && stat(path, &facts) == 0 && !S_ISSOCK(facts.st_mode))
+        return client_lose(client, "%s is a %s, no socket: name the one that zan_agent listens on",
+                           path, S_ISDIR(facts.st_mode) ? "directory" : "file");
+    if (error == ECONNREFUSED)
+        return client_lose(
+            client, "nobody listens at %s any more (%s): start zan_agent, or name its socket", path,
+            strerror(error));
+    return client_lose(client, "no agent at %s (%s): start zan_agent, or name its socket", path,
+                       strerror(error));
+}
+
 static int open_socket(zan_client_t *client, const char *path)
 {
     sockaddr_un address = {};
@@ -193,8 +215,7 @@ static int open_socket(zan_client_t *client, const char *path)
     if (client->fd < 0)
         return client_fail(client, "a socket: %s", strerror(errno));
     if (connect(client->fd, (const sockaddr *)&address, sizeof address) < 0)
-        return client_lose(client, "no agent at %s (%s): start zan_agent, or name its socket", path,
-                           strerror(errno));
+        return explain_connect(client, path, errno);
     return 0;
 }
 

@@ -35,38 +35,15 @@ std::vector<std::string> names_of(zan_trace_class_t c)
     return names;
 }
 
-/* Letters to put in, leave out or change on the way from one word to the other. */
-size_t distance(const std::string &a, const std::string &b)
+/* What is wrong with a word. */
+std::string unknown_class(const std::string &word)
 {
-    std::vector<size_t> row(b.size() + 1);
-    for (size_t j = 0; j <= b.size(); j++)
-        row[j] = j;
-    for (size_t i = 1; i <= a.size(); i++) {
-        size_t corner = row[0];
-        row[0] = i;
-        for (size_t j = 1; j <= b.size(); j++) {
-            const size_t changed = corner + (a[i - 1] != b[j - 1]);
-            corner = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, changed});
-        }
-    }
-    return row[b.size()];
-}
-
-/* The name that is meant, if at most a third of the letters are wrong; else empty. */
-std::string nearest(const std::string &word)
-{
-    std::string best;
-    size_t most = word.size() / 3;
+    std::vector<std::string> names;
     for (zan_trace_class_t c = 0; c < ZAN_NUM_TRACE_CLASSES; c++)
-        for (const std::string &name : names_of(c)) {
-            const size_t wrong = distance(word, name);
-            if (wrong > most || (wrong == most && !best.empty()))
-                continue;
-            most = wrong;
-            best = name;
-        }
-    return best;
+        for (const std::string &name : names_of(c))
+            names.push_back(name);
+    return "there is no trace class " + word + suggestion(word, names) +
+           "zanctl trace classes lists them";
 }
 
 /* The classes that the words name; all without a word. False and a reason. */
@@ -85,9 +62,7 @@ bool select(const std::vector<std::string> &words, std::set<zan_trace_class_t> *
     }
     if (unknown.empty())
         return true;
-    const std::string &word = *unknown.begin(), meant = nearest(word);
-    *why = "there is no trace class " + word + (meant.empty() ? ": " : "; is it " + meant + "? ") +
-           "zanctl trace classes lists them";
+    *why = unknown_class(*unknown.begin());
     return false;
 }
 

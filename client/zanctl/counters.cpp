@@ -40,11 +40,6 @@ bool is_told(uint32_t index, const zan_counters_table_st &t, bool zeros)
     return t.total[index] || (zeros && zan_counter_name(index));
 }
 
-std::string name_of(uint32_t index)
-{
-    return zan_counter_name(index) ? zan_counter_name(index) : "counter_" + std::to_string(index);
-}
-
 void print_table(FILE *out, const zan_counters_table_st &t, uint32_t active_bank, bool zeros)
 {
     const std::vector<column_t> columns = columns_of(t, active_bank);
@@ -55,7 +50,7 @@ void print_table(FILE *out, const zan_counters_table_st &t, uint32_t active_bank
     for (uint32_t i = 0; i < ZAN_WIRE_NUM_COUNTERS; i++) {
         if (!is_told(i, t, zeros))
             continue;
-        fprintf(out, "  %-28s", name_of(i).c_str());
+        fprintf(out, "  %-28s", counter_name(i).c_str());
         for (const column_t &column : columns)
             fprintf(out, " %11u", column.counters[i]);
         fprintf(out, "  %s\n", zan_counter_words(i) ? zan_counter_words(i) : "");
@@ -80,7 +75,7 @@ json_t table_json(const zan_counters_table_st &t, bool zeros)
         json_t banks = json_t::array();
         for (uint32_t bank = 0; bank < ZAN_WIRE_NUM_BANKS; bank++)
             banks.push_back(t.bank[bank][i]);
-        counters[name_of(i)] = {
+        counters[counter_name(i)] = {
             {"total", t.total[i]}, {"since_reset", t.since_reset[i]}, {"banks", banks}};
     }
     return {{"table", kor_table_name_get(t.table_id)}, {"counters", counters}};

@@ -2,6 +2,7 @@
  * and what is to be done about either. */
 #include "objects.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -42,15 +43,14 @@ std::string next_text(const row_t &row)
 void print(FILE *out, const std::vector<row_t> &rows, const zan_failed_reply_st &figures)
 {
     for (const row_t &row : rows)
-        fprintf(out, "%s: %s failed on NPU %s with %s; %u %s, next %s\n",
+        fprintf(out, "%s: %s failed on NPU %s with %s; %s, next %s\n",
                 name_of(row.table_id, row.key).c_str(),
                 zan_table_operation_str((uint8_t)row.operation), npus_text(row.npu_mask).c_str(),
-                code_text(row.rc).c_str(), row.attempts, row.attempts == 1 ? "retry" : "retries",
+                code_text(row.rc).c_str(), plural(row.attempts, "retry", "retries").c_str(),
                 next_text(row).c_str());
-    fprintf(out,
-            "%llu failed now; %llu retries since the start, %llu recovered, %llu taken out of "
-            "service\n",
-            (unsigned long long)figures.failed, (unsigned long long)figures.attempts,
+    fprintf(out, "%llu failed now; %s since the start, %llu recovered, %llu taken out of service\n",
+            (unsigned long long)figures.failed,
+            plural(figures.attempts, "retry", "retries").c_str(),
             (unsigned long long)figures.recovered, (unsigned long long)figures.taken_out);
 }
 
@@ -64,9 +64,8 @@ void print(FILE *out, const std::vector<quarantined_t> &rows, const zan_failed_r
     for (const quarantined_t &row : rows) {
         fprintf(out, "%s: ", name_of(row.table_id, row.key).c_str());
         if (is_root(row))
-            fprintf(out, "failed with %s after %u %s; %u taken out with it",
-                    code_text(row.rc).c_str(), row.attempts,
-                    row.attempts == 1 ? "retry" : "retries", row.followers);
+            fprintf(out, "failed with %s after %s; %u taken out with it", code_text(row.rc).c_str(),
+                    plural(row.attempts, "retry", "retries").c_str(), row.followers);
         else
             fprintf(out, "taken out for %s%s%s", name_of(row.root_table_id, row.root_key).c_str(),
                     row.rc ? "; could not be put back: " : "",
@@ -85,7 +84,7 @@ json_t as_json(const row_t &row)
         {"object", name_of(row.table_id, row.key)},
         {"operation", zan_table_operation_str((uint8_t)row.operation)},
         {"stored", row.stored != 0},
-        {"npus", row.npu_mask},
+        {"npus", npus_json(row.npu_mask)},
         {"attempts", row.attempts},
         {"waits_for", row.waits_for < std::size(waits) ? waits[row.waits_for] : "unknown"},
         {"next_ms", row.next_ms}};
@@ -102,6 +101,31 @@ json_t as_json(const quarantined_t &row)
                   {"releasing", row.releasing != 0}};
     put_code(&out, row.rc);
     return out;
+}
+
+template <class Row> json_t rows_json(const std::vector<Row> &rows)
+{
+    json_t out = json_t::array();
+    for (const Row &row : rows)
+        out.push_back(as_json(row));
+    return out;
+}
+
+json_t as_json(const std::vector<row_t> &rows, const zan_failed_reply_st &figures)
+{
+    return {{"failed", figures.failed},
+            {"retries", figures.attempts},
+            {"recovered", figures.recovered},
+            {"taken_out", figures.taken_out},
+            {"objects", rows_json(rows)}};
+}
+
+json_t as_json(const std::vector<quarantined_t> &rows, const zan_failed_reply_st &figures)
+{
+    return {{"quarantined", figures.quarantined},
+            {"taken_out", figures.taken_out},
+            {"put_back", figures.put_back},
+            {"objects", rows_json(rows)}};
 }
 
 /* All rows of a list, however many replies they take. */
@@ -124,6 +148,14 @@ int read_list(session_t *session, zan_failed_st request,
     }
 }
 
+void name_key(const zan_table_base_st *obj, zan_failed_st *request)
+{
+    const zan_table_def_t *def = zan_table_def_get(obj->table_id);
+    request->table_id = request->key_table_id = def->id;
+    memcpy(request->key, zan_obj_key(def, obj), def->key_size);
+    request->has_key = 1;
+}
+
 /* Name what the words name: one object, a table, or all. False and a reason. */
 bool name_objects(const std::string &words, zan_failed_st *request, std::string *why)
 {
@@ -134,81 +166,124 @@ bool name_objects(const std::string &words, zan_failed_st *request, std::string 
     const zan_table_def_t *def = find_table(take_word(&rest), why);
     if (!def)
         return false;
-    request->table_id = request->key_table_id = def->id;
-    if (rest.empty())
+    request->table_id = def->id;
+    if (rest.find_first_not_of(" \t\r") == std::string::npos)
         return true;
-    const object_ptr_t obj = parse_object(words, why);
+    const object_ptr_t obj = parse_keyed(words, why);
     if (!obj)
         return false;
-    if (obj->key_len == 0) {
-        *why = "name the object by its key";
-        return false;
-    }
-    memcpy(request->key, zan_obj_key(def, obj.get()), def->key_size);
-    request->has_key = 1;
+    name_key(obj.get(), request);
     return true;
 }
 
-int report_done(const session_t *session, const char *what, const zan_failed_reply_st &figures)
+template <class Row>
+using ask_f = int (*)(zan_client_t *, const zan_failed_st *, zan_failed_reply_st *, Row **);
+
+/* What is done to objects: in words to do, in words done, and the latter's name in JSON. */
+struct action_t {
+    uint32_t number; /* zan_failed_action_et */
+    const char *verb, *done, *name;
+};
+
+template <class Row>
+int act(session_t *session, const zan_failed_st &request, const action_t &action, ask_f<Row> ask)
 {
+    zan_failed_reply_st figures = {};
+    Row *rows = nullptr;
+    if (ask(session->client, &request, &figures, &rows))
+        return fail_session(session);
+    free(rows);
     if (session->json)
-        fprintf(session->out, "%s\n", json_t({{what, figures.done}}).dump().c_str());
+        fprintf(session->out, "%s\n", json_t({{action.name, figures.done}}).dump().c_str());
+    else if (figures.done)
+        fprintf(session->out, "%s: %s\n", action.done,
+                plural(figures.done, "object", "objects").c_str());
     else
-        fprintf(session->out, "%s: %u %s\n", what, figures.done,
-                figures.done == 1 ? "object" : "objects");
+        fprintf(stderr, "zanctl: nothing to %s\n", action.verb);
     return figures.done ? EXIT_WELL : EXIT_REFUSED;
 }
 
+/* The rows that are asked for. To the agent the object that a list names is the one behind which it
+ * begins: a single one is looked for among those of its table. */
 template <class Row>
-int run(session_t *session, const std::string &words, uint32_t action, const char *what,
-        int (*ask)(zan_client_t *, const zan_failed_st *, zan_failed_reply_st *, Row **))
+int read_named(session_t *session, const zan_failed_st &request, ask_f<Row> ask,
+               zan_failed_reply_st *figures, std::vector<Row> *rows)
+{
+    zan_failed_st all = request;
+    all.has_key = 0;
+    if (read_list(session, all, ask, figures, rows))
+        return fail_session(session);
+    if (!request.has_key)
+        return EXIT_WELL;
+    const zan_table_def_t *def = zan_table_def_get(request.key_table_id);
+    const auto is_other = [&](const Row &row) {
+        return zan_key_cmp(def, row.key, request.key) != 0;
+    };
+    rows->erase(std::remove_if(rows->begin(), rows->end(), is_other), rows->end());
+    return EXIT_WELL;
+}
+
+template <class Row>
+int list(session_t *session, const zan_failed_st &request, const char *none, ask_f<Row> ask)
+{
+    zan_failed_reply_st figures = {};
+    std::vector<Row> rows;
+    if (read_named(session, request, ask, &figures, &rows))
+        return EXIT_FAILED;
+    if (session->json) {
+        fprintf(session->out, "%s\n", as_json(rows, figures).dump().c_str());
+        return EXIT_WELL;
+    }
+    if (request.has_key && rows.empty())
+        fprintf(session->out, "%s: %s\n", name_of(request.key_table_id, request.key).c_str(), none);
+    print(session->out, rows, figures);
+    return EXIT_WELL;
+}
+
+/* Do something to the objects that the words name, or without an action list them; `none` is said
+ * of a single one that is not in the list. */
+template <class Row>
+int run(session_t *session, const std::string &words, const action_t *action, const char *none,
+        ask_f<Row> ask)
 {
     zan_failed_st request = {};
     std::string why;
     if (!name_objects(words, &request, &why))
         return fail_text(why);
-    request.action = action;
-    zan_failed_reply_st figures = {};
-    if (action != ZAN_FAILED_LIST) {
-        Row *rows = nullptr;
-        if (ask(session->client, &request, &figures, &rows))
-            return fail_session(session);
-        free(rows);
-        return report_done(session, what, figures);
-    }
-    std::vector<Row> rows;
-    if (request.has_key)
-        return fail_text("zanctl graph shows one object; this lists all, or those of a table");
-    if (read_list(session, request, ask, &figures, &rows))
-        return fail_session(session);
-    if (!session->json) {
-        print(session->out, rows, figures);
-        return EXIT_WELL;
-    }
-    json_t out = json_t::array();
-    for (const Row &row : rows)
-        out.push_back(as_json(row));
-    fprintf(session->out, "%s\n", out.dump().c_str());
-    return EXIT_WELL;
+    if (!action)
+        return list(session, request, none, ask);
+    request.action = action->number;
+    return act(session, request, *action, ask);
 }
 
 } // namespace
 
 int run_failed(session_t *session, const std::string &words, const failed_options_t &options)
 {
-    if (options.retry)
-        return run(session, words, ZAN_FAILED_RETRY, "tried again", zan_client_failed);
-    if (options.forget)
-        return run(session, words, ZAN_FAILED_FORGET, "forgotten", zan_client_failed);
-    return run(session, words, ZAN_FAILED_LIST, "", zan_client_failed);
+    static const action_t retry = {ZAN_FAILED_RETRY, "retry", "tried again", "retried"},
+                          forget = {ZAN_FAILED_FORGET, "forget", "forgotten", "forgotten"};
+    const action_t *action = options.retry ? &retry : options.forget ? &forget : nullptr;
+    return run(session, words, action, "no write of it has failed", zan_client_failed);
 }
 
 int run_quarantine(session_t *session, const std::string &words,
                    const quarantine_options_t &options)
 {
-    if (options.release)
-        return run(session, words, ZAN_FAILED_RELEASE, "released", zan_client_quarantine);
-    if (options.drop)
-        return run(session, words, ZAN_FAILED_DROP, "dropped", zan_client_quarantine);
-    return run(session, words, ZAN_FAILED_LIST, "", zan_client_quarantine);
+    static const action_t release = {ZAN_FAILED_RELEASE, "release", "released", "released"},
+                          drop = {ZAN_FAILED_DROP, "drop", "dropped", "dropped"};
+    const action_t *action = options.release ? &release : options.drop ? &drop : nullptr;
+    return run(session, words, action, "it is not in quarantine", zan_client_quarantine);
+}
+
+int find_in_quarantine(session_t *session, const zan_table_base_st *obj, bool *found)
+{
+    zan_failed_st request = {};
+    zan_failed_reply_st figures = {};
+    std::vector<quarantined_t> rows;
+    if (obj->key_len)
+        name_key(obj, &request);
+    if (obj->key_len && read_named(session, request, zan_client_quarantine, &figures, &rows))
+        return EXIT_FAILED;
+    *found = !rows.empty();
+    return EXIT_WELL;
 }

@@ -14,11 +14,6 @@ constexpr struct {
     const char *name;
 } colors[] = {{ZAN_COLOR_GREEN, "green"}, {ZAN_COLOR_RED, "red"}, {ZAN_COLOR_BROWN, "brown"}};
 
-std::string plural(uint32_t count, const char *one, const char *many)
-{
-    return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
 /* What there is to say of a node beside its name, in words. */
 std::vector<std::string> remarks(const zan_graph_node_st &node)
 {
@@ -136,8 +131,8 @@ void print_json(const nodes_t &nodes, bool cut)
         n["transaction"] = node.trans_id;
         put_code(&n, node.rc_stamp);
         n["inflight"] = node.inflight;
-        n["failed_npus"] = node.failed_npus;
-        n["failed_code"] = node.failed_rc;
+        n["failed_npus"] = npus_json(node.failed_npus);
+        n["failed_code"] = code_number(node.failed_rc);
         n["attempts"] = node.attempts;
         if (node.side != ZAN_GRAPH_SELF) {
             n["from"] = node.from;
@@ -153,7 +148,7 @@ void print_json(const nodes_t &nodes, bool cut)
 int run_graph(session_t *session, const std::string &text, const graph_options_t &options)
 {
     std::string why;
-    const order_t order = {ZAN_TABLE_GET, parse_object(text, &why), 0};
+    const order_t order = {ZAN_TABLE_GET, parse_named(text, &why), 0};
     if (!order.obj)
         return fail_text(why);
     zan_graph_reply_st reply = {};

@@ -4,6 +4,7 @@
  * again from three sides: a sample by key, every route in key order, and the database against what
  * the NPUs hold. Any refusal and any difference makes the exit status 1.
  */
+#include "objects.h"
 #include "progress.h"
 #include "routes.h"
 #include "topology.h"
@@ -184,7 +185,8 @@ void print_tables(const load_t *load)
         printf("%-14s %10llu %10llu\n", stage.def->name, (unsigned long long)stage.sent,
                (unsigned long long)load->stored_after[stage.def->id]);
     if (load->prefixes.repeats)
-        printf("%zu prefixes stood in the input more than once\n", load->prefixes.repeats);
+        printf("%s stood in the input more than once\n",
+               plural(load->prefixes.repeats, "prefix", "prefixes").c_str());
     printf("\nspeed     %.0f objects a second (%llu in %.2f s)\n",
            load->seconds > 0 ? (double)load->objects / load->seconds : 0.0,
            (unsigned long long)load->objects, load->seconds);

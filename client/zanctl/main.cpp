@@ -1,8 +1,10 @@
 /* The command line: options and commands, the session, the exit status. */
-#include "zanctl.h"
+#include "objects.h"
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 namespace
@@ -36,6 +38,17 @@ std::string join(const std::vector<std::string> &words)
     return text;
 }
 
+/* CLI11 takes "-1" for a large number where none is below 0. */
+CLI::Validator at_least(uint64_t least)
+{
+    return CLI::Validator(
+        [least](const std::string &word) {
+            const bool is_less = word[0] == '-' || strtod(word.c_str(), nullptr) < (double)least;
+            return is_less ? "it must be " + std::to_string(least) + " or more" : "";
+        },
+        "");
+}
+
 void add_commands(CLI::App *app, arguments_t *a)
 {
     app->add_option("--socket", a->socket, "the agent's socket")
@@ -57,7 +70,7 @@ void add_commands(CLI::App *app, arguments_t *a)
     CLI::App *list = app->add_subcommand("list", "list a table in key order");
     list->add_option("table", a->table)->required();
     list->add_option("--from", a->from, "begin at this key: KEY=VALUE...");
-    list->add_option("--limit", a->limit, "at most so many objects");
+    list->add_option("--limit", a->limit, "at most so many objects")->check(at_least(1));
     CLI::App *apply = app->add_subcommand(
         "apply",
         "run a file of operations, one a line; an update drops the plain references it leaves out");
@@ -94,8 +107,8 @@ void add_commands(CLI::App *app, arguments_t *a)
     resources->add_flag("--all", a->resources.all, "the unused ones too");
     resources->add_option("--db", a->resources.database,
                           "one database: to show, or to set something of");
-    resources->add_option("--capacity", a->resources.capacity,
-                          "entries that it takes; 0: no limit");
+    resources->add_option("--capacity", a->resources.capacity, "entries that it takes; 0: no limit")
+        ->check(at_least(0));
     resources->add_option("--npu", a->resources.npu, "of this NPU only")->check(CLI::Range(0, 7));
     resources->add_option("--thresholds", a->resources.thresholds,
                           "percent at which it is yellow, no longer, red, no longer: 80,75,95,90");
@@ -134,14 +147,15 @@ void add_commands(CLI::App *app, arguments_t *a)
     CLI::App *watch = app->add_subcommand(
         "watch", "print notifications as they come: of some tables, or of all and of the hardware");
     watch->add_option("tables", a->words, "iproute ip6route");
-    watch->add_option("--limit", a->limit, "end after so many");
+    watch->add_option("--limit", a->limit, "end after so many")->check(at_least(1));
     CLI::App *replay = app->add_subcommand(
         "replay", "start: mark what is stored; end: delete what was not sent again since");
     replay->add_option("what", a->file, "start or end")
         ->required()
         ->check(CLI::IsMember({"start", "end"}));
     replay->add_option("tables", a->words, "iproute ip6route; without all that concern");
-    replay->add_option("--epoch", a->epoch, "start: of the objects of this client's epoch only");
+    replay->add_option("--epoch", a->epoch, "start: of the objects of this client's epoch only")
+        ->check(CLI::Range(0u, UINT32_MAX));
     CLI::App *eod = app->add_subcommand("eod", "end of download: tell each NPU that all was sent");
     eod->add_option("tables", a->words, "ipacl; without all tables that hear it");
     CLI::App *stats = app->add_subcommand(
@@ -149,13 +163,17 @@ void add_commands(CLI::App *app, arguments_t *a)
     stats->add_option("object", a->words, "l3intftxstats intf=100");
     stats->add_flag("--now", a->now, "walk over all counters first");
     CLI::App *trace = app->add_subcommand("trace", "the trace ring, a line for each record");
-    trace->add_flag("-f,--follow", a->trace.follow, "and what comes, until it is stopped");
+    CLI::Option *follow =
+        trace->add_flag("-f,--follow", a->trace.follow, "and what comes, until it is stopped");
     trace->add_option("--table", a->trace.table, "of one table only");
     trace->add_option("--trans", a->trace.trans, "of one transaction only");
-    trace->add_option("--since", a->trace.since, "of the last so many seconds only");
-    trace->add_option("--file", a->trace.file, "of this file, which an agent has left");
+    trace->add_option("--since", a->trace.since, "of the last so many seconds only")
+        ->check(at_least(0));
+    trace->add_option("--file", a->trace.file, "of this file, which an agent has left")
+        ->excludes(follow);
     trace->add_flag("--errors", a->trace.errors, "errors only");
     trace->add_option("--last", a->trace.last, "so many at most, the newest")
+        ->check(at_least(1))
         ->capture_default_str();
     const std::vector<CLI::Option *> of_records =
         trace->get_options([trace](const CLI::Option *o) { return o != trace->get_help_ptr(); });
@@ -171,16 +189,19 @@ void add_commands(CLI::App *app, arguments_t *a)
         "history", "what the trace ring knows of an object: TABLE KEY=VALUE...");
     history->add_option("object", a->words, "iproute vrf_id=0 prefix=10.0.0.0/8")->required();
     CLI::App *sim = app->add_subcommand("sim", "how the simulated NPUs behave from now on");
-    sim->add_flag("--well", a->sim.well, "as they should");
-    sim->add_option("--fail", a->sim.fail, "so many writes fail; 0: all");
-    sim->add_option("--chance", a->sim.chance, "so many of a thousand writes fail")
+    CLI::Option_group *how = sim->add_option_group("how");
+    how->add_flag("--well", a->sim.well, "as they should");
+    how->add_option("--fail", a->sim.fail, "so many writes fail; 0: all");
+    how->add_option("--chance", a->sim.chance, "so many of a thousand writes fail")
         ->check(CLI::Range(0u, 1000u));
-    sim->add_option("--latency", a->sim.latency, "microseconds that each write takes");
-    sim->add_flag("--hang", a->sim.hang, "an NPU starts nothing any more");
+    how->add_option("--latency", a->sim.latency, "microseconds that each write takes");
+    how->add_flag("--hang", a->sim.hang, "an NPU starts nothing any more");
+    how->require_option(0, 1);
     sim->add_option("--npu", a->sim.npu, "this NPU only")->check(CLI::Range(0, 7));
     sim->add_option("--table", a->sim.table, "writes of this table only");
     sim->add_option("--operation", a->sim.operation, "create, update or delete only");
-    sim->add_option("--code", a->sim.code, "the code that they fail with")->capture_default_str();
+    sim->add_option("--code", a->sim.code, "the code that they fail with")
+        ->default_str("0x4fa0c005");
     app->add_subcommand("status", "what the node holds and did");
     CLI::App *compare =
         app->add_subcommand("compare", "compare the database with what the NPUs hold");
@@ -261,6 +282,32 @@ int run_command(const CLI::App &app, const arguments_t &a, session_t *session)
     return run_load(session, a.files);
 }
 
+/* A word where a command should stand: what CLI11 says of it is about subcommands, and help for
+ * people who asked for another's is no success. "" when that is not what is wrong. */
+std::string unknown_command(const CLI::App &app)
+{
+    const std::vector<std::string> rest = app.remaining();
+    if (!app.get_subcommands().empty() || rest.empty())
+        return "";
+    if (rest.front()[0] == '-')
+        return "there is no option " + rest.front() + ": zanctl --help lists them";
+    std::vector<std::string> names;
+    for (const CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; }))
+        names.push_back(command->get_name());
+    return "there is no command " + rest.front() + suggestion(rest.front(), names) +
+           "zanctl --help lists them";
+}
+
+/* What did not reach a full disk is no success, whatever the command says. */
+int flush_output(int status)
+{
+    errno = 0;
+    if (fflush(stdout) == 0 && !ferror(stdout))
+        return status;
+    return fail_text(std::string("not all could be written: ") +
+                     (errno ? strerror(errno) : "an earlier write to standard output failed"));
+}
+
 } // namespace
 
 int fail_text(const std::string &text)
@@ -282,7 +329,10 @@ int main(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
-        return app.exit(e) ? EXIT_FAILED : EXIT_WELL;
+        const std::string unknown = unknown_command(app);
+        if (!unknown.empty())
+            return fail_text(unknown);
+        return flush_output(app.exit(e) ? EXIT_FAILED : EXIT_WELL);
     }
     char why[512];
     session_t session = {nullptr, arguments.json, stdout};
@@ -297,5 +347,5 @@ int main(int argc, char **argv)
         status = fail_text(e.what());
     }
     zan_client_close(session.client);
-    return status;
+    return flush_output(status);
 }

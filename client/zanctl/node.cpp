@@ -101,11 +101,11 @@ json_t status_json(const zan_status_st &status, const zan_table_status_st *table
 
 void print_node(FILE *out, const zan_status_st &s)
 {
-    fprintf(out, "node      %u NPUs%s%s%s, %u clients, up %.1f s\n", s.num_npus,
+    fprintf(out, "node      %s%s%s%s, %s, up %.1f s\n", plural(s.num_npus, "NPU", "NPUs").c_str(),
             s.node & ZAN_NODE_STANDBY ? ", standby" : "",
             s.node & ZAN_NODE_PER_OBJECT_NPU_MASK ? ", per-object NPU masks" : "",
-            s.node & ZAN_NODE_STEPPED ? ", stepped" : "", s.num_clients,
-            (double)s.uptime_ms / 1000);
+            s.node & ZAN_NODE_STEPPED ? ", stepped" : "",
+            plural(s.num_clients, "client", "clients").c_str(), (double)s.uptime_ms / 1000);
     fprintf(out, "hooks     %llu platform, %llu default, %llu open\n",
             (unsigned long long)s.hooks_platform, (unsigned long long)s.hooks_default,
             (unsigned long long)s.hooks_none);

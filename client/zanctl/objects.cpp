@@ -1,6 +1,9 @@
 /* Objects as text: get and list, and the report of an operation. */
 #include "objects.h"
 
+#include "layer/nearest_name.h"
+#include "zan_counters.h"
+
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -60,6 +63,33 @@ void report_text(const order_t &order, const outcome_t &outcome)
             words.c_str());
 }
 
+/* A code without a name is an errno in its low bits by custom, of the component that it says. */
+std::string code_words(zan_rcode rc)
+{
+    constexpr uint32_t server_component = 0xf90;
+    if (*zan_rcode_name(rc))
+        return rcd_strerror(rc);
+    return ((rc >> 16 & 0xfff) == server_component ? "of the server: " : "of the platform: ") +
+           std::string(strerror((int)(rc & 0xfff)));
+}
+
+/* "l3intf: name the object by its key: intf=..." */
+std::string ask_for_key(const zan_table_def_t *def)
+{
+    std::string text = std::string(def->name) + ": name the object by its key:";
+    for (unsigned i = 0; i < def->num_keys; i++)
+        text += std::string(" ") + def->keys[i].name + "=...";
+    return text;
+}
+
+object_ptr_t named(object_ptr_t obj, bool is_named, std::string *why)
+{
+    if (!obj || is_named)
+        return obj;
+    *why = ask_for_key(zan_table_def_get(obj->table_id));
+    return nullptr;
+}
+
 struct listing_t {
     const session_t *session;
     uint64_t left;
@@ -101,13 +131,36 @@ std::string take_word(std::string *text)
     return word;
 }
 
+/* At most a third of the letters may be wrong. A name that stands in the word is not enough: of
+ * tables and classes many begin with another's name. */
+std::string suggestion(const std::string &word, const std::vector<std::string> &names)
+{
+    std::string best;
+    size_t distance = word.size() / 3 + 1;
+    for (const std::string &name : names) {
+        if (word.size() > NEAREST_NAME_MAX || name.size() > NEAREST_NAME_MAX)
+            continue;
+        const size_t wrong = edit_distance(word, name);
+        if (wrong >= distance)
+            continue;
+        best = name;
+        distance = wrong;
+    }
+    return best.empty() ? ": " : "; is it " + best + "? ";
+}
+
 const zan_table_def_t *find_table(const std::string &name, std::string *why)
 {
     const zan_table_def_t *def = zan_table_def_find(name.c_str());
-    if (!def)
-        *why =
-            name.empty() ? "which table?" : "there is no table " + name + ": zan_schema lists them";
-    return def;
+    if (def)
+        return def;
+    std::vector<std::string> names;
+    for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++)
+        names.emplace_back(kor_table_name_get(id));
+    *why = name.empty()
+               ? "which table?"
+               : "there is no table " + name + suggestion(name, names) + "zan_schema lists them";
+    return nullptr;
 }
 
 bool find_table_or_all(const std::string &name, uint32_t *table_id, std::string *why)
@@ -127,6 +180,20 @@ object_ptr_t parse_object(std::string text, std::string *why)
     if (!obj)
         *why = std::string(def->name) + ": " + reason;
     return obj;
+}
+
+object_ptr_t parse_keyed(const std::string &text, std::string *why)
+{
+    object_ptr_t obj = parse_object(text, why);
+    const bool is_named = obj && obj->key_len;
+    return named(std::move(obj), is_named, why);
+}
+
+object_ptr_t parse_named(const std::string &text, std::string *why)
+{
+    object_ptr_t obj = parse_object(text, why);
+    const bool is_named = obj && (obj->key_len || obj->obj_handle);
+    return named(std::move(obj), is_named, why);
 }
 
 json_t outcome_json(const order_t &order, const outcome_t &outcome)
@@ -182,14 +249,22 @@ int read_and_print(session_t *session, const order_t &order, bool *well)
     return EXIT_WELL;
 }
 
+std::string code_number(zan_rcode rc)
+{
+    char text[16];
+    snprintf(text, sizeof text, "0x%08x", rc);
+    return text;
+}
+
 std::string code_text(zan_rcode rc)
 {
-    char text[160];
-    if (*zan_rcode_name(rc))
-        snprintf(text, sizeof text, "0x%08x %s: %s", rc, zan_rcode_name(rc), rcd_strerror(rc));
-    else /* its low bits are an errno by custom */
-        snprintf(text, sizeof text, "0x%08x of the platform: %s", rc, strerror((int)(rc & 0xfff)));
-    return text;
+    const std::string name = zan_rcode_name(rc);
+    return code_number(rc) + " " + (name.empty() ? "" : name + ": ") + code_words(rc);
+}
+
+std::string plural(uint64_t count, const char *one, const char *many)
+{
+    return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
 std::string npus_text(uint64_t mask)
@@ -199,6 +274,20 @@ std::string npus_text(uint64_t mask)
         if (mask >> npu & 1)
             text += (text.empty() ? "" : ",") + std::to_string(npu);
     return text.empty() ? "-" : text;
+}
+
+json_t npus_json(uint64_t mask)
+{
+    json_t out = json_t::array();
+    for (uint32_t npu = 0; npu < ZAN_MAX_NPUS; npu++)
+        if (mask >> npu & 1)
+            out.push_back(npu);
+    return out;
+}
+
+std::string counter_name(uint32_t index)
+{
+    return zan_counter_name(index) ? zan_counter_name(index) : "counter_" + std::to_string(index);
 }
 
 std::string time_text(uint64_t ns, const char *form)
@@ -219,11 +308,9 @@ const char *resource_state_name(uint32_t state)
 
 void put_code(json_t *out, zan_rcode rc)
 {
-    char code[16];
-    snprintf(code, sizeof code, "0x%08x", rc);
-    (*out)["code"] = code;
+    (*out)["code"] = code_number(rc);
     (*out)["name"] = zan_rcode_name(rc);
-    (*out)["words"] = rc ? rcd_strerror(rc) : "";
+    (*out)["words"] = rc ? code_words(rc) : "";
 }
 
 std::string key_text(const zan_table_base_st *obj)
@@ -241,7 +328,7 @@ std::string key_text(const zan_table_base_st *obj)
 int run_get(session_t *session, const std::string &text)
 {
     std::string why;
-    const order_t order = {ZAN_TABLE_GET, parse_object(text, &why), 0};
+    const order_t order = {ZAN_TABLE_GET, parse_named(text, &why), 0};
     if (!order.obj)
         return fail_text(why);
     bool well;
@@ -255,7 +342,7 @@ int run_list(session_t *session, const std::string &table, const std::string &fr
     const zan_table_def_t *def = find_table(table, &why);
     object_ptr_t first;
     if (def && !from.empty())
-        first = parse_object(table + " " + from, &why);
+        first = parse_keyed(table + " " + from, &why);
     if (!def || (!from.empty() && !first))
         return fail_text(why);
     listing_t listing = {session, limit ? limit : UINT64_MAX};

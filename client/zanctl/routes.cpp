@@ -140,49 +140,106 @@ void check_one(const routes_t *routes, zan_rcode rc, const zan_table_base_st *fo
 struct walk_t {
     routes_t *routes;
     route_check_t *check;
-    uint64_t next; /* rank in key order that the next answer should have */
+    uint64_t next;              /* rank in key order that the next answer should have */
+    std::vector<uint64_t> gaps; /* ranks in front of which strangers stand */
 };
+
+/* Whether an object stands in front of the route of a rank, or behind it; every object stands in
+ * front of the rank behind the last. */
+bool is_before(const routes_t *routes, const zan_table_base_st *found, uint64_t rank)
+{
+    if (rank == routes->count)
+        return true;
+    routes->make(routes->in_key_order[rank]);
+    return zan_key_cmp(routes->def, zan_obj_key(routes->def, found),
+                       zan_obj_key(routes->def, routes->obj.get())) < 0;
+}
+
+bool is_behind(const routes_t *routes, const zan_table_base_st *found, uint64_t rank)
+{
+    routes->make(routes->in_key_order[rank]);
+    return zan_key_cmp(routes->def, zan_obj_key(routes->def, found),
+                       zan_obj_key(routes->def, routes->obj.get())) > 0;
+}
+
+void note_missing(walk_t *walk, uint64_t rank, const std::string &words)
+{
+    walk->routes->make(walk->routes->in_key_order[rank]);
+    walk->check->missing.push_back(walk->routes->in_key_order[rank]);
+    note_wrong(walk->check, walk->routes, "missing: " + words);
+}
+
+/* The first object that does not stand in front of the route of this rank. */
+void check_place(walk_t *walk, uint64_t rank, const zan_table_base_st *found)
+{
+    routes_t *routes = walk->routes;
+    int32_t index = -1;
+    if (is_behind(routes, found, rank)) {
+        note_missing(walk, rank, "the walk goes on with " + key_text(found));
+        return;
+    }
+    walk->check->walked++;
+    if (!zan_obj_attrs_differ(routes->def, routes->obj.get(), found, &index))
+        return;
+    walk->check->different.push_back(routes->in_key_order[rank]);
+    note_wrong(walk->check, routes,
+               std::string("not what was sent: ") + difference_name(routes->def, index));
+}
 
 /* The answer to "what comes behind the sent key of rank next - 1?" */
 void check_answer(walk_t *walk, zan_rcode rc, const zan_table_base_st *found)
 {
-    routes_t *routes = walk->routes;
-    const zan_table_def_t *def = routes->def;
+    const routes_t *routes = walk->routes;
     const uint64_t rank = walk->next++;
-    if (rank == routes->count) { /* behind the last: nothing, or a stranger */
-        walk->check->strangers += rc == EOK;
-        return;
-    }
-    routes->make(routes->in_key_order[rank]);
-    const void *expected = zan_obj_key(def, routes->obj.get());
     if (rc != EOK || !found) {
-        walk->check->missing.push_back(routes->in_key_order[rank]);
-        note_wrong(walk->check, routes, "missing: " + code_text(rc));
-        return;
-    }
-    const int order = zan_key_cmp(def, zan_obj_key(def, found), expected);
-    int32_t index = -1;
-    if (order == 0) {
-        walk->check->walked++;
-        if (!zan_obj_attrs_differ(def, routes->obj.get(), found, &index))
-            return;
-        walk->check->different.push_back(routes->in_key_order[rank]);
-        note_wrong(walk->check, routes,
-                   std::string("not what was sent: ") + difference_name(def, index));
-    } else if (order > 0) {
-        walk->check->missing.push_back(routes->in_key_order[rank]);
-        note_wrong(walk->check, routes, "missing: the walk goes on with " + key_text(found));
+        if (rank < routes->count) /* behind the last there should be nothing */
+            note_missing(walk, rank, code_text(rc));
+    } else if (!is_before(routes, found, rank)) {
+        check_place(walk, rank, found);
+    } else if (rank == 0 || is_behind(routes, found, rank - 1)) {
+        walk->gaps.push_back(rank);
     } else {
-        bool behind = rank == 0;
-        if (rank) {
-            routes->make(routes->in_key_order[rank - 1]);
-            behind =
-                zan_key_cmp(def, zan_obj_key(def, found), zan_obj_key(def, routes->obj.get())) > 0;
-        }
-        (behind ? walk->check->strangers : walk->check->misordered)++;
-        if (!behind)
-            note_wrong(walk->check, routes, "followed by " + key_text(found));
+        walk->check->misordered++;
+        note_wrong(walk->check, routes, "followed by " + key_text(found));
     }
+}
+
+/* ---- Strangers: what stands between two routes and was not sent ---- */
+
+struct gap_t {
+    walk_t *walk;
+    uint64_t rank; /* of the route behind it */
+    bool ended;
+};
+
+int visit_gap(const zan_table_base_st *found, void *arg)
+{
+    auto *gap = (gap_t *)arg;
+    const routes_t *routes = gap->walk->routes;
+    if (gap->rank && !is_behind(routes, found, gap->rank - 1))
+        return 0; /* the route in front of it */
+    gap->ended = !is_before(routes, found, gap->rank);
+    if (gap->ended)
+        check_place(gap->walk, gap->rank, found);
+    else
+        gap->walk->check->strangers++;
+    return gap->ended;
+}
+
+/* Go on behind the strangers to the route that was expected in their place. */
+bool cross_gap(session_t *session, walk_t *walk, uint64_t rank)
+{
+    const routes_t *routes = walk->routes;
+    gap_t gap = {walk, rank, false};
+    if (rank)
+        routes->make(routes->in_key_order[rank - 1]);
+    zan_rcode rc;
+    if (zan_client_walk(session->client, routes->def, rank ? routes->obj.get() : nullptr, visit_gap,
+                        &gap, &rc))
+        return false;
+    if (!gap.ended && rank < routes->count)
+        note_missing(walk, rank, code_text(rc ? rc : ZAN_RC_NOT_FOUND));
+    return true;
 }
 
 } // namespace
@@ -274,7 +331,7 @@ bool check_sample(session_t *session, routes_t *routes, route_check_t *check)
 bool check_order(session_t *session, routes_t *routes, route_check_t *check,
                  const progress_f &progress)
 {
-    walk_t walk = {routes, check, 0};
+    walk_t walk = {routes, check, 0, {}};
     pipeline_t pipeline(session, ZAN_BATCH_CONTINUE_ON_ERROR,
                         [&](const zan_batch_t *batch, uint64_t) {
                             for (uint32_t i = 0; i < zan_batch_count(batch); i++) {
@@ -296,7 +353,10 @@ bool check_order(session_t *session, routes_t *routes, route_check_t *check,
         if (zan_batch_count(pipeline.open()) >= batch_objects && !pipeline.flush())
             return false;
     }
-    return pipeline.finish();
+    bool good = pipeline.finish();
+    for (size_t i = 0; good && i < walk.gaps.size(); i++)
+        good = cross_gap(session, &walk, walk.gaps[i]);
+    return good;
 }
 
 bool ask_again(session_t *session, routes_t *routes, const std::vector<uint32_t> &which,

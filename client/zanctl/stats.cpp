@@ -215,7 +215,7 @@ int run_stats(session_t *session, const std::string &text, bool now)
         return EXIT_WELL;
     }
     std::string why;
-    const order_t order = {ZAN_TABLE_GET, parse_object(text, &why), 0};
+    const order_t order = {ZAN_TABLE_GET, parse_named(text, &why), 0};
     if (!order.obj)
         return fail_text(why);
     const zan_table_def_t *def = zan_table_defs[order.obj->table_id];

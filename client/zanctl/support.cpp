@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -52,6 +54,57 @@ std::string directory_of(const std::string &path)
     return (names_something ? name : "zan-support") + "/";
 }
 
+/* The piece that a signal is to remove, or "". */
+char piece[PATH_MAX];
+
+extern "C" void remove_piece(int signal)
+{
+    unlink(piece);
+    raise(signal); /* whose own action is back */
+}
+
+/* A new file beside that of `path`, for its owner only, which goes when a signal ends the program.
+ * Its descriptor, or -1 with errno. */
+int make_piece(std::string *path)
+{
+    if (path->size() >= sizeof piece) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    sigset_t ending, before;
+    sigemptyset(&ending);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&ending, signal);
+    sigprocmask(SIG_BLOCK, &ending, &before);
+    const int fd = mkostemp(path->data(), O_CLOEXEC);
+    const int error = errno;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action = {};
+        if (fd < 0 || sigaction(signal, nullptr, &action) != 0 || action.sa_handler == SIG_IGN)
+            continue;
+        action.sa_handler = remove_piece;
+        action.sa_mask = ending;
+        action.sa_flags = (int)SA_RESETHAND;
+        sigaction(signal, &action, nullptr);
+    }
+    if (fd >= 0)
+        memcpy(piece, path->c_str(), path->size() + 1);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return fd;
+}
+
+/* Give a file a name that nothing has. False with errno: EEXIST, or another. */
+bool rename_to_new(const std::string &from, const std::string &to)
+{
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS)
+        return false;
+    /* A file system that has no such rename has links. */
+    return link(from.c_str(), to.c_str()) == 0 && unlink(from.c_str()) == 0;
+}
+
 [[noreturn]] void fail_file(const std::string &path, int error)
 {
     throw std::runtime_error(path + ": " + strerror(error));
@@ -70,7 +123,7 @@ public:
             fail_file(path_, EEXIST);
         check(archive_write_add_filter_gzip(archive_.get()));
         check(archive_write_set_format_pax_restricted(archive_.get()));
-        fd_ = mkostemp(part_.data(), O_CLOEXEC); /* for its owner only */
+        fd_ = make_piece(&part_);
         if (fd_ < 0)
             fail_file(path_, errno);
         if (archive_write_open_fd(archive_.get(), fd_) < ARCHIVE_WARN) {
@@ -109,7 +162,7 @@ public:
         check(archive_write_close(archive_.get()));
         if (fsync(fd_) != 0)
             fail_file(path_, errno);
-        if (rename(part_.c_str(), path_.c_str()) != 0)
+        if (!rename_to_new(part_, path_))
             fail_file(path_, errno);
         complete_ = true;
     }
@@ -277,6 +330,8 @@ void report(const session_t &session, const std::string &path, const bundle_t &b
 
 int run_support(session_t *session, const std::string &file)
 {
+    if (file == "-")
+        return fail_text("an archive goes to a file: name it, or leave the name out");
     zan_about_st about;
     char *command_line;
     if (zan_client_about(session->client, &about, &command_line))

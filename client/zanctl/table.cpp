@@ -65,11 +65,11 @@ void print(FILE *out, const zan_table_record_st &r)
         fprintf(out, "%-4u %12u %12llu %14u %14u %14u\n", npu, n.objects,
                 (unsigned long long)n.held, n.create_errors, n.update_errors, n.delete_errors);
     }
-    fprintf(out, "counters\n");
+    fprintf(out, "counters since the start\n");
     for (uint32_t i = 0; i < std::size(r.counters[0]); i++)
         if (r.counters[0][i])
-            fprintf(out, "  %12u  %2u  %s\n", r.counters[0][i], i,
-                    zan_counter_words(i) ? zan_counter_words(i) : "unnamed");
+            fprintf(out, "  %12u  %-28s  %s\n", r.counters[0][i], counter_name(i).c_str(),
+                    zan_counter_words(i) ? zan_counter_words(i) : "");
 }
 
 json_t as_json(const std::vector<figure_t> &figures)

@@ -9,14 +9,14 @@
 #include <set>
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace
 {
 
-constexpr unsigned poll_us = 200'000; /* while the ring is followed */
+constexpr unsigned poll_us = 200'000;    /* while the ring is followed */
+constexpr uint64_t slots_at_once = 8192; /* of a file */
 
 /* What is shown. */
 struct filter_t {
@@ -24,9 +24,6 @@ struct filter_t {
     std::optional<uint32_t> trans;
     bool errors;
     uint64_t from_ns; /* CLOCK_REALTIME */
-    /* Of one object: its handle, and the transactions that wrote it. */
-    uint64_t handle;
-    std::set<uint32_t> transactions;
 };
 
 bool is_of_table(const zan_trace_record_st &r, uint32_t table_id)
@@ -43,11 +40,15 @@ bool mentions(const zan_trace_record_st &r, uint64_t handle)
 
 bool passes(const zan_trace_record_st &r, uint64_t when_ns, const filter_t &f)
 {
-    if (f.handle && !mentions(r, f.handle) && !f.transactions.count(r.trans_id))
-        return false;
     return (!f.table || is_of_table(r, f.table->id)) && (!f.trans || r.trans_id == *f.trans) &&
            (!f.errors || zan_trace_class_level(r.trace_class) == ZAN_TRACE_LEVEL_ERROR) &&
            when_ns >= f.from_ns;
+}
+
+/* So many seconds before a moment; without a number the begin of time. */
+uint64_t moment_before(uint64_t ns, std::optional<double> seconds)
+{
+    return seconds ? (uint64_t)std::max(0.0, (double)ns - *seconds * 1e9) : 0;
 }
 
 uint64_t time_of(const zan_trace_record_st &r, const zan_trace_reply_st &now)
@@ -59,7 +60,9 @@ uint64_t time_of(const zan_trace_record_st &r, const zan_trace_reply_st &now)
     return now.now_ns - (uint64_t)(int64_t)(std::clamp(ago, -year, year) * 1e9);
 }
 
-void print(const session_t *session, const zan_trace_record_st &r, uint64_t when_ns)
+/* The lines have the time of day alone: the day stands in front of its first line. */
+void print(const session_t *session, const zan_trace_record_st &r, uint64_t when_ns,
+           std::string *day)
 {
     char name[96], text[512];
     zan_trace_class_print(r.trace_class, name, sizeof name);
@@ -74,6 +77,10 @@ void print(const session_t *session, const zan_trace_record_st &r, uint64_t when
         out["text"] = text;
         fprintf(session->out, "%s\n", out.dump().c_str());
     } else {
+        const std::string today = time_text(when_ns, "%Y-%m-%d %z");
+        if (today != *day)
+            fprintf(session->out, "%s\n", today.c_str());
+        *day = today;
         fprintf(session->out, "%s.%06u %-24s %s%s%s (trans %u)\n", clock.c_str(), us, name,
                 table != UINT32_MAX ? kor_table_name_get(table) : "",
                 table != UINT32_MAX ? ": " : "", text, r.trans_id);
@@ -111,47 +118,53 @@ int read_ring(session_t *session, const filter_t &filter, uint64_t *after,
 
 /* ---- A ring in a file ---- */
 
-struct mapped_t {
-    const uint8_t *bytes = nullptr;
-    size_t size = 0;
-    ~mapped_t()
+/* It is read and not mapped: where the disk is full, a page of a sparse file may be there to read
+ * and not to map. */
+struct ring_file_t {
+    std::string path;
+    int fd = -1;
+    zan_trace_file_st head;
+    explicit ring_file_t(std::string name) : path(std::move(name))
     {
-        if (bytes)
-            munmap((void *)bytes, size);
     }
-    bool map(const std::string &path)
+    ring_file_t(const ring_file_t &) = delete;
+    ring_file_t &operator=(const ring_file_t &) = delete;
+    ~ring_file_t()
     {
-        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd >= 0)
+            close(fd);
+    }
+    uint64_t slots() const
+    {
+        return (uint64_t)head.num_rings * head.records_per_ring;
+    }
+    /* Some slots from this one on. False when they cannot be read. */
+    bool read_slots(uint64_t first, std::vector<zan_trace_slot_st> *out) const
+    {
+        const size_t bytes = out->size() * sizeof(zan_trace_slot_st);
+        const uint64_t at = ZAN_TRACE_FILE_HEAD_SIZE + first * sizeof(zan_trace_slot_st);
+        return pread(fd, out->data(), bytes, (off_t)at) == (ssize_t)bytes;
+    }
+    /* What is wrong with it, or "". */
+    std::string open_fault()
+    {
         struct stat facts = {};
-        if (fd < 0)
-            return false;
-        if (fstat(fd, &facts) == 0 && facts.st_size > 0) {
-            void *memory = mmap(nullptr, (size_t)facts.st_size, PROT_READ, MAP_SHARED, fd, 0);
-            if (memory != MAP_FAILED) {
-                bytes = (const uint8_t *)memory;
-                size = (size_t)facts.st_size;
-            }
-        }
-        close(fd);
-        return bytes;
+        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0 || fstat(fd, &facts) != 0)
+            return strerror(errno);
+        if (S_ISDIR(facts.st_mode))
+            return "it is a directory: name the trace file in it";
+        if (pread(fd, &head, sizeof head, 0) != (ssize_t)sizeof head ||
+            head.magic != ZAN_TRACE_FILE_MAGIC || head.record_size != sizeof(zan_trace_slot_st))
+            return "it is no trace file";
+        if (head.fingerprint != zan_schema_fingerprint)
+            return "its agent was built from other table definitions than this zanctl";
+        const auto size = (uint64_t)facts.st_size;
+        if (slots() > size || size < ZAN_TRACE_FILE_HEAD_SIZE + slots() * head.record_size)
+            return "it is cut short";
+        return "";
     }
 };
-
-/* What is wrong with the file, or "". */
-std::string file_fault(const mapped_t &map, zan_trace_file_st *head)
-{
-    if (map.size < ZAN_TRACE_FILE_HEAD_SIZE)
-        return "it is no trace file";
-    memcpy(head, map.bytes, sizeof *head);
-    if (head->magic != ZAN_TRACE_FILE_MAGIC || head->record_size != sizeof(zan_trace_slot_st))
-        return "it is no trace file";
-    if (head->fingerprint != zan_schema_fingerprint)
-        return "its agent was built from other table definitions than this zanctl";
-    const uint64_t slots = (uint64_t)head->num_rings * head->records_per_ring;
-    if (slots > map.size || map.size < ZAN_TRACE_FILE_HEAD_SIZE + slots * head->record_size)
-        return "it is cut short";
-    return "";
-}
 
 /* The last moment in the file takes the place of now. */
 zan_trace_reply_st moment_of(const zan_trace_file_st &head)
@@ -165,39 +178,110 @@ zan_trace_reply_st moment_of(const zan_trace_file_st &head)
     return now;
 }
 
-int read_file(const std::string &path, const filter_t &filter, std::deque<shown_t> *found,
-              size_t most)
+/* An agent may write to it meanwhile: a record is whole when a second look finds its number again.
+ */
+int read_file(const trace_options_t &options, filter_t filter, std::deque<shown_t> *found)
 {
-    mapped_t map;
-    if (!map.map(path))
-        return fail_text(path + ": " + strerror(errno));
-    zan_trace_file_st head;
-    const std::string fault = file_fault(map, &head);
+    const std::string &path = options.file;
+    ring_file_t file(path);
+    const std::string fault = file.open_fault();
     if (!fault.empty())
         return fail_text(path + ": " + fault);
-    const zan_trace_reply_st moment = moment_of(head);
-    const auto *slots = (const zan_trace_slot_st *)(map.bytes + ZAN_TRACE_FILE_HEAD_SIZE);
-    for (uint64_t i = 0; i < (uint64_t)head.num_rings * head.records_per_ring; i++) {
-        zan_trace_record_st r;
-        if (!zan_trace_take(&slots[i], &r))
-            continue;
-        const uint64_t when_ns = time_of(r, moment);
-        if (passes(r, when_ns, filter))
-            found->push_back({r, when_ns});
+    const zan_trace_reply_st moment = moment_of(file.head);
+    filter.from_ns = moment_before(moment.now_ns, options.since);
+    std::vector<zan_trace_slot_st> slots, again;
+    for (uint64_t done = 0; done < file.slots(); done += slots.size()) {
+        slots.resize(std::min<uint64_t>(file.slots() - done, slots_at_once));
+        again.resize(slots.size());
+        if (!file.read_slots(done, &slots) || !file.read_slots(done, &again))
+            return fail_text(path + ": it cannot be read to its end");
+        for (size_t i = 0; i < slots.size(); i++) {
+            zan_trace_record_st r;
+            if (slots[i].sequence != again[i].sequence || !zan_trace_take(&slots[i], &r))
+                continue;
+            const uint64_t when_ns = time_of(r, moment);
+            if (passes(r, when_ns, filter))
+                found->push_back({r, when_ns});
+        }
     }
     std::sort(found->begin(), found->end(), [](const shown_t &a, const shown_t &b) {
         return a.record.sequence < b.record.sequence;
     });
-    if (found->size() > most)
-        found->erase(found->begin(), found->end() - (ptrdiff_t)most);
+    if (found->size() > options.last)
+        found->erase(found->begin(), found->end() - (ptrdiff_t)options.last);
     return EXIT_WELL;
 }
 
-void print_all(const session_t *session, const std::deque<shown_t> &found)
+void print_all(const session_t *session, const std::deque<shown_t> &found, std::string *day)
 {
     for (const shown_t &shown : found)
-        print(session, shown.record, shown.when_ns);
+        print(session, shown.record, shown.when_ns, day);
     fflush(session->out);
+}
+
+/* ---- The life of one object ---- */
+
+struct life_t {
+    uint32_t table_id;
+    std::string key;
+    uint64_t handle; /* 0: it is not stored */
+};
+
+/* Whether its string is that; it may be cut. */
+bool is_text(const zan_trace_record_st &r, const std::string &wanted)
+{
+    std::string text = r.text;
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text == wanted ||
+           (text.size() + 2 >= sizeof r.text && wanted.compare(0, text.size(), text) == 0);
+}
+
+/* What is refused names the object by its key. */
+bool names_key(const zan_trace_record_st &r, const life_t &life)
+{
+    const auto number = (uint32_t)r.msg;
+    if (zan_trace_message_table(number) != life.table_id)
+        return false;
+    switch ((number - ZAN_MSG_TABLE_BASE) % ZAN_MSG_TABLE_STRIDE) {
+    case ZAN_TMSG_KEY_NOT_FOUND:
+    case ZAN_TMSG_KEY_PRINT:
+    case ZAN_TMSG_KEY_PRINT_OLD:
+        return is_text(r, life.key);
+    default:
+        return false;
+    }
+}
+
+bool is_creation(const zan_trace_record_st &r, const life_t &life)
+{
+    return (uint32_t)r.msg == ZAN_MSG_HISTORY_CREATE && r.arg[0] == life.table_id &&
+           r.arg[1] == life.handle;
+}
+
+/* What goes well names the object by its handle, which is an address: others may have had it before
+ * the last creation there. What the transactions traced that are found so belongs to the life too.
+ */
+std::deque<shown_t> life_in(const std::deque<shown_t> &ring, const life_t &life,
+                            bool *from_creation)
+{
+    const auto last = std::find_if(ring.rbegin(), ring.rend(), [&life](const shown_t &shown) {
+        return is_creation(shown.record, life);
+    });
+    *from_creation = last != ring.rend();
+    const uint64_t since = *from_creation ? last->record.sequence : 0;
+    const auto is_of_life = [&](const zan_trace_record_st &r) {
+        return names_key(r, life) ||
+               (life.handle && r.sequence >= since && mentions(r, life.handle));
+    };
+    std::set<uint32_t> transactions;
+    for (const shown_t &shown : ring)
+        if (shown.record.trans_id != 0 && is_of_life(shown.record))
+            transactions.insert(shown.record.trans_id);
+    std::deque<shown_t> found;
+    for (const shown_t &shown : ring)
+        if (is_of_life(shown.record) || transactions.count(shown.record.trans_id))
+            found.push_back(shown);
+    return found;
 }
 
 } // namespace
@@ -210,59 +294,68 @@ int run_trace(session_t *session, const trace_options_t &options)
         return fail_text(why);
     filter.trans = options.trans;
     filter.errors = options.errors;
-    if (options.since) {
-        timespec now;
-        clock_gettime(CLOCK_REALTIME, &now);
-        filter.from_ns = (uint64_t)(((double)now.tv_sec - *options.since) * 1e9);
-    }
+    std::string day;
     if (!options.file.empty()) {
         std::deque<shown_t> found;
-        const int status = read_file(options.file, filter, &found, options.last);
-        print_all(session, found);
+        const int status = read_file(options, filter, &found);
+        print_all(session, found, &day);
         return status;
     }
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    filter.from_ns =
+        moment_before((uint64_t)now.tv_sec * 1'000'000'000 + (uint64_t)now.tv_nsec, options.since);
     uint64_t after = 0;
     for (;;) {
         std::deque<shown_t> found;
         if (read_ring(session, filter, &after, &found, options.last))
             return EXIT_FAILED;
-        print_all(session, found);
+        print_all(session, found, &day);
         if (!options.follow)
             return EXIT_WELL;
         usleep(poll_us);
     }
 }
 
-/* What mentions the object tells which transactions wrote it; what those traced belongs to its life
- * too. */
 int run_history(session_t *session, const std::string &text)
 {
     std::string why;
-    const order_t order = {ZAN_TABLE_GET, parse_object(text, &why), 0};
-    if (!order.obj)
+    const object_ptr_t obj = parse_named(text, &why);
+    if (!obj)
         return fail_text(why);
     zan_graph_reply_st reply = {};
     zan_graph_node_st *node = nullptr;
-    if (zan_client_graph(session->client, order.obj.get(), 0, 0, &reply, &node))
+    if (zan_client_graph(session->client, obj.get(), 0, 0, &reply, &node))
         return fail_session(session);
     const std::unique_ptr<zan_graph_node_st, free_object_t> own(node);
-    if (reply.num_nodes == 0) {
-        report(session, order, {result_t::FAILED, (zan_rcode)reply.err_code, "", "", ""});
-        return EXIT_REFUSED;
-    }
-    filter_t filter = {};
-    filter.handle = node->handle;
-    std::deque<shown_t> found;
+    const bool is_stored = reply.num_nodes != 0;
+    const life_t life = {obj->table_id, is_stored ? node->key : key_text(obj.get()),
+                         is_stored ? node->handle : 0};
+    const std::string name = std::string(kor_table_name_get(life.table_id)) + " " + life.key;
+    bool is_quarantined = false, from_creation;
+    if (!is_stored && find_in_quarantine(session, obj.get(), &is_quarantined))
+        return EXIT_FAILED;
+    std::deque<shown_t> ring;
     uint64_t after = 0;
-    if (read_ring(session, filter, &after, &found, SIZE_MAX))
+    if (read_ring(session, {}, &after, &ring, SIZE_MAX))
         return EXIT_FAILED;
-    for (const shown_t &shown : found)
-        if (shown.record.trans_id != 0)
-            filter.transactions.insert(shown.record.trans_id);
-    found.clear();
-    after = 0;
-    if (read_ring(session, filter, &after, &found, SIZE_MAX))
-        return EXIT_FAILED;
-    print_all(session, found);
-    return EXIT_WELL;
+
+    const std::deque<shown_t> found = life_in(ring, life, &from_creation);
+    std::string day;
+    print_all(session, found, &day);
+    if (is_quarantined)
+        fprintf(stderr, "zanctl: it is in quarantine: zanctl quarantine %s says why\n",
+                name.c_str());
+    if (!is_stored)
+        fprintf(
+            stderr,
+            "zanctl: %s is not stored: the ring names what was refused by its key, and all else "
+            "by an address that it has no more\n",
+            name.c_str());
+    else if (!from_creation && !found.empty())
+        fprintf(stderr, "zanctl: the ring no longer holds its creation: some of this may be of "
+                        "another that had its address before\n");
+    if (found.empty())
+        fprintf(stderr, "zanctl: the ring holds nothing of it any more\n");
+    return found.empty() ? EXIT_REFUSED : EXIT_WELL;
 }

@@ -16,8 +16,20 @@ namespace
 
 constexpr uint32_t moved_every = 10;
 
+/* What a table still holds, or all tables. */
 struct left_t {
     uint64_t stored = 0, identifiers = 0, on_npus = 0;
+    bool is_something() const
+    {
+        return stored || identifiers || on_npus;
+    }
+    left_t &operator+=(const left_t &other)
+    {
+        stored += other.stored;
+        identifiers += other.identifiers;
+        on_npus += other.on_npus;
+        return *this;
+    }
 };
 
 struct unload_t {
@@ -29,6 +41,8 @@ struct unload_t {
     refusals_t refused;
     zan_compare_reply_st comparison = {};
     left_t left;
+    std::vector<std::pair<std::string, left_t>>
+        tables_left; /* by name, those that hold something */
     zan_status_st status;
 };
 
@@ -113,10 +127,12 @@ bool count_left(unload_t *u, const routes_t &ipv4, const routes_t &ipv6)
     for (uint32_t i = 0; i < u->status.num_tables; i++) {
         if (!ours[tables[i].table_id])
             continue;
-        u->left.stored += tables[i].stored;
-        u->left.identifiers += tables[i].identifiers;
+        left_t left = {tables[i].stored, tables[i].identifiers, 0};
         for (uint32_t npu = 0; npu < u->status.num_npus; npu++)
-            u->left.on_npus += tables[i].held[npu];
+            left.on_npus += tables[i].held[npu];
+        u->left += left;
+        if (left.is_something())
+            u->tables_left.emplace_back(kor_table_name_get(tables[i].table_id), left);
     }
     free(tables);
     return true;
@@ -128,8 +144,8 @@ bool is_good(const unload_t *u)
 {
     const zan_compare_reply_st &c = u->comparison;
     return u->check.missing.empty() && u->check.different.empty() && !u->check.misordered &&
-           !c.missing && !c.different && !c.surplus && u->refused.empty() && !u->left.stored &&
-           !u->left.identifiers && !u->left.on_npus;
+           !c.missing && !c.different && !c.surplus && u->refused.empty() &&
+           !u->left.is_something();
 }
 
 void report_text(const unload_t *u)
@@ -145,6 +161,10 @@ void report_text(const unload_t *u)
     printf("left      %llu stored, %llu identifiers, %llu on NPUs; the pool holds %llu bytes\n",
            (unsigned long long)u->left.stored, (unsigned long long)u->left.identifiers,
            (unsigned long long)u->left.on_npus, (unsigned long long)u->status.pool_bytes);
+    for (const auto &[table, left] : u->tables_left)
+        printf("  %s: %llu stored, %llu identifiers, %llu on NPUs\n", table.c_str(),
+               (unsigned long long)left.stored, (unsigned long long)left.identifiers,
+               (unsigned long long)left.on_npus);
     printf("%s\n", is_good(u) ? "all gone" : "NOT all gone: see above");
 }
 
@@ -160,7 +180,13 @@ void report_json(const unload_t *u)
     out["left"] = {{"stored", u->left.stored},
                    {"identifiers", u->left.identifiers},
                    {"on_npus", u->left.on_npus},
-                   {"pool_bytes", u->status.pool_bytes}};
+                   {"pool_bytes", u->status.pool_bytes},
+                   {"tables", json_t::array()}};
+    for (const auto &[table, left] : u->tables_left)
+        out["left"]["tables"].push_back({{"table", table},
+                                         {"stored", left.stored},
+                                         {"identifiers", left.identifiers},
+                                         {"on_npus", left.on_npus}});
     printf("%s\n", out.dump().c_str());
 }
 

@@ -1,6 +1,8 @@
 /* create, update, delete and apply: operations in batches, and what became of each. */
 #include "writes.h"
 
+#include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -213,6 +215,23 @@ bool find_operation(const std::string &word, uint8_t *operation)
     return false;
 }
 
+/* What an operation goes to: an object with its key where it is to be made, a named one, or a
+ * table.
+ */
+object_ptr_t parse_for(uint8_t operation, const std::string &text, std::string *why)
+{
+    switch (operation) {
+    case ZAN_TABLE_CREATE:
+        return parse_keyed(text, why);
+    case ZAN_TABLE_UPDATE:
+    case ZAN_TABLE_DELETE:
+    case ZAN_TABLE_GET:
+        return parse_named(text, why);
+    default:
+        return parse_object(text, why);
+    }
+}
+
 /* A line of a file; no object in an empty one or a comment. */
 bool parse_line(const std::string &line, order_t *order, std::string *why)
 {
@@ -224,7 +243,7 @@ bool parse_line(const std::string &line, order_t *order, std::string *why)
         *why = word + " is no operation: create, update, delete or get";
         return false;
     }
-    order->obj = parse_object(rest, why);
+    order->obj = parse_for(order->operation, rest, why);
     return order->obj != nullptr;
 }
 
@@ -281,7 +300,16 @@ int take_order(applying_t *a, order_t order)
     return EXIT_WELL;
 }
 
-int apply_stream(applying_t *a, std::istream *in)
+/* Of a line that may be anything: a compressed file, too. */
+std::string printable(std::string text)
+{
+    for (char &c : text)
+        if (!isprint((unsigned char)c))
+            c = '.';
+    return text;
+}
+
+int apply_stream(applying_t *a, std::istream *in, const std::string &name)
 {
     std::string line, why;
     size_t number = 0;
@@ -290,21 +318,28 @@ int apply_stream(applying_t *a, std::istream *in)
         order_t order = {0, nullptr, ++number};
         if (!parse_line(line, &order, &why)) {
             status = flush(a);
-            return status != EXIT_WELL ? status
-                                       : fail_text("line " + std::to_string(number) + ": " + why +
-                                                   " (what stands before it was applied)");
+            return status != EXIT_WELL
+                       ? status
+                       : fail_text("line " + std::to_string(number) + ": " + printable(why) +
+                                   " (what stands before it was applied)");
         }
         if (order.obj)
             status = take_order(a, std::move(order));
     }
-    return status == EXIT_WELL && !a->stopped ? flush(a) : status;
+    const std::string fault = in->bad() ? strerror(errno) : "";
+    if (status == EXIT_WELL && !a->stopped)
+        status = flush(a);
+    if (status == EXIT_WELL && !fault.empty())
+        return fail_text(name + ": " + fault + " (what was read of it was applied)");
+    return status;
 }
 
 void print_tally(const applying_t *a)
 {
     const tally_t &t = a->tally;
-    printf("%zu operations: %zu done, %zu failed, %zu forgiven, %zu cut%s\n", t.all(), t.done,
-           t.failed, t.forgiven, t.cut, a->stopped ? "; stopped at the first failure" : "");
+    printf("%s: %zu done, %zu failed, %zu forgiven, %zu cut%s\n",
+           plural(t.all(), "operation", "operations").c_str(), t.done, t.failed, t.forgiven, t.cut,
+           a->stopped ? "; stopped at the first failure" : "");
     if (a->options.async)
         printf("sent asynchronously: nobody waited, and each object was asked for afterwards\n");
 }
@@ -367,7 +402,7 @@ outcome_t server_answer(session_t *session, const order_t &order, const zan_tabl
  */
 object_ptr_t parse_update(session_t *session, const std::string &text, std::string *why)
 {
-    object_ptr_t obj = parse_object(text, why);
+    object_ptr_t obj = parse_named(text, why);
     if (!obj)
         return nullptr;
     const zan_table_def_t *def = zan_table_def_get(obj->table_id);
@@ -391,7 +426,7 @@ int run_write(session_t *session, uint8_t operation, const std::string &text)
     std::vector<order_t> orders(1);
     orders[0] = {operation,
                  operation == ZAN_TABLE_UPDATE ? parse_update(session, text, &why)
-                                               : parse_object(text, &why),
+                                               : parse_for(operation, text, &why),
                  0};
     if (!orders[0].obj)
         return fail_text(why);
@@ -409,7 +444,8 @@ int run_apply(session_t *session, const std::string &file, const apply_options_t
             return fail_text(file + ": " + strerror(errno));
     }
     applying_t a = {session, options, {}, {}, false};
-    const int status = apply_stream(&a, file == "-" ? &std::cin : &stream);
+    const int status = file == "-" ? apply_stream(&a, &std::cin, "standard input")
+                                   : apply_stream(&a, &stream, file);
     if (status != EXIT_WELL)
         return status;
     if (!session->json)

@@ -152,8 +152,10 @@ int run_unload(session_t *session, const std::vector<std::string> &files);
 int fail_session(const session_t *session);
 int fail_text(const std::string &text);
 
-/* "0x2f908002", the name and the words of a code; as fields of a JSON object. */
+/* "0x2f908002", the name and the words of a code; all or the number alone, or as fields of a JSON
+ * object. */
 std::string code_text(zan_rcode rc);
+std::string code_number(zan_rcode rc);
 void put_code(json_t *out, zan_rcode rc);
 std::string key_text(const zan_table_base_st *obj);
 

@@ -224,6 +224,12 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
     ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0);
     wait_for("failed", "1 failed now");
     EXPECT_TRUE(has(ask_http(port, "GET /metrics"), "\nzan_failed_objects 1\n"));
+    const json_t failed = run_json("failed ipnhgroup nhg_id=7");
+    EXPECT_EQ(failed["failed"], 1);
+    ASSERT_EQ(failed["objects"].size(), 1u);
+    EXPECT_EQ(failed["objects"][0]["npus"].dump(), "[1]");
+    EXPECT_EQ(failed["objects"][0]["words"], "of the platform: Input/output error");
+    EXPECT_EQ(run_json("failed ipnhgroup nhg_id=8")["objects"].size(), 0u);
     ASSERT_EQ(run("failed --forget").status, 0);
     wait_for("failed", "0 failed now"); /* no retry changes anything any more */
     ASSERT_EQ(run("compare").status, 1);
@@ -328,6 +334,7 @@ TEST_F(diagnostics, archives_what_the_commands_show)
     EXPECT_TRUE(has(run("trace --file " + unpacked + "trace.ring").text, "l3intf_error"));
 
     EXPECT_EQ(run("support " + archive).status, 2) << "it is there";
+    EXPECT_EQ(run("support -").status, 2) << "a file of that name is not meant";
     EXPECT_TRUE(has(member("status.txt"), "l3intf "));
     EXPECT_EQ(run("support " + process.directory + "/none/case.tar.gz").status, 2);
 }

@@ -33,12 +33,21 @@ TEST_F(zanctl, says_what_was_refused_and_why)
         {"create iproute vrf_id=0 prefix=10.0.0.0/8 next_obj=none", 1,
          "refused: next_obj: 0x4f908016 ZAN_RC_INVALID"},
         {"create nonsense a=1", 2, "there is no table nonsense"},
+        {"list iproutee", 2, "there is no table iproutee; is it iproute?"},
+        {"create l3intf ipv4_mtu=6", 2, "l3intf: name the object by its key: intf=..."},
+        {"graph macllnh", 2, "macllnh: name the object by its key: intf=... adj_id=..."},
+        {"list l3intf --limit -1", 2, "--limit: it must be 1 or more"},
+        {"list l3intf > /dev/full", 2, ""},
+        {"apply /", 2, "/: Is a directory"},
+        {"failed --retry", 1, "nothing to retry"},
+        {"sim --well --fail 1", 2, ""},
         {"get l3intf intf=100", 0, "l3intf intf=100 ipv4_mtu=1500\n"},
         {"get l3intf intf=100 --json", 0, "\"ipv4_mtu\":1500"},
         {"get l3intf intf=7", 1, "0x2f908002 ZAN_RC_NOT_FOUND"},
         {"compare", 0, "0 missing, 0 different, 0 too many"},
         {"--json status", 0, "\"table\":\"l3intf\",\"stored\":1"},
-        {"frobnicate", 2, ""},
+        {"quarantin", 2, "there is no command quarantin; is it quarantine?"},
+        {"frobnicate --help", 2, "there is no command frobnicate: "},
     };
     for (const auto &c : cases) {
         const result_t result = run(c.arguments);
@@ -64,6 +73,9 @@ TEST_F(zanctl, applies_a_file_and_reports_line_by_line)
     EXPECT_TRUE(has(result.text, "6 operations: 5 done, 1 failed, 0 forgiven, 0 cut"));
     EXPECT_EQ(run("list l3intf").text, "l3intf intf=1\nl3intf intf=2\n");
     EXPECT_EQ(run("list l3intf --from intf=2 --limit 1").text, "l3intf intf=2\n");
+
+    EXPECT_TRUE(has(run("apply " + write_file("raw", "\x1f\x8b\033[2J\n")).text,
+                    "line 1: ...[2J is no operation"));
 
     const std::string mixed = write_file("mixed", "create l3intf intf=4\n"
                                                   "create l3intf intf=4\n"
@@ -272,6 +284,9 @@ TEST_F(zanctl, shows_what_failed_and_lets_people_act)
                            "Input/output error after 2 retries; 1 taken out with it\n"
                            "2 out of service now; 2 taken out since the start, 0 put back\n");
     EXPECT_EQ(run("list iproute").text, "");
+    EXPECT_TRUE(has(run("quarantine ipnhgroup nhg_id=7").text, "\n2 out of service now; "));
+    EXPECT_FALSE(has(run("quarantine ipnhgroup nhg_id=7").text, "iproute"));
+    EXPECT_TRUE(has(run("history ipnhgroup nhg_id=7").text, "it is in quarantine"));
     ASSERT_EQ(run("sim --well").status, 0);
     EXPECT_EQ(run("quarantine ipnhgroup nhg_id=7 --release").text, "released: 2 objects\n");
     wait_for("quarantine", "0 out of service now; 2 taken out since the start, 2 put back\n");
@@ -462,7 +477,7 @@ TEST_F(zanctl, decodes_the_trace_ring)
               1);
     ASSERT_EQ(run("update iproute vrf_id=0 prefix=10.0.0.0/8 bgp_as=7").status, 0);
 
-    const std::string all = run("trace --errors").text;
+    const std::string all = run("--json trace --errors").text;
     const auto lines = std::count(all.begin(), all.end(), '\n');
     EXPECT_TRUE(has(run("--json status").text, "\"trace_errors\":" + std::to_string(lines) + ","))
         << all;
@@ -478,6 +493,17 @@ TEST_F(zanctl, decodes_the_trace_ring)
     EXPECT_TRUE(created < bound && bound < replaced && replaced != std::string::npos) << history;
     EXPECT_FALSE(has(history, "ipnhgroup_event")) << "another's life";
     EXPECT_EQ(run("trace --last 1 --trans 12345").text, "");
+    EXPECT_EQ(std::count(history.begin(), history.end(), '\n'),
+              1 + std::count(history.begin(), history.end(), '('))
+        << "the day stands in front once";
+
+    /* Another object gets its address, and none of its past. */
+    ASSERT_EQ(run("delete iproute vrf_id=0 prefix=10.0.0.0/8").status, 0);
+    ASSERT_EQ(run("create iproute vrf_id=0 prefix=13.0.0.0/8 next_obj.ipnhgroup.nhg_id=7").status,
+              0);
+    EXPECT_FALSE(has(run("history iproute vrf_id=0 prefix=13.0.0.0/8").text, "replaced"));
+    ASSERT_EQ(run("delete iproute vrf_id=0 prefix=10.0.0.0/8").status, 1);
+    EXPECT_TRUE(has(run("history iproute vrf_id=0 prefix=10.0.0.0/8").text, "iproute: not found"));
     EXPECT_EQ(run("--json trace --last 1").text.find("{\"time_ns\":"), 0u);
     EXPECT_EQ(run("history iproute vrf_id=0 prefix=12.0.0.0/8").status, 1);
     EXPECT_EQ(run("trace --table nonsense").status, 2);
@@ -498,6 +524,9 @@ TEST_F(zanctl, reads_the_trace_of_an_agent_that_was_killed)
     EXPECT_TRUE(has(run("trace --file " + file).text, "transaction_history_event created: table "));
     EXPECT_EQ(run("trace --file " + write_file("other", "no such thing")).status, 2);
     EXPECT_EQ(run("trace --file " + process.directory + "/none").status, 2);
+    EXPECT_TRUE(has(run("trace --file " + process.directory).text, "it is a directory"));
+    EXPECT_EQ(run("trace -f --file " + file).status, 2);
+    EXPECT_TRUE(has(run("trace --since 60 --file " + file).text, "l3intf_error"));
 
     /* One whose start is refused leaves it where it is, the next one keeps it. */
     const std::string directory = process.directory;
@@ -581,7 +610,7 @@ TEST_F(zanctl, loads_a_routing_table)
     EXPECT_EQ(first.status, 0) << first.text;
     for (const char *part :
          {"iproute                 3          3", "ip6route                1          1",
-          "1 prefixes stood in the input more than once", "3 in key order, 0 missing",
+          "1 prefix stood in the input more than once", "3 in key order, 0 missing",
           "refused   nothing", "1020 objects on NPUs: 0 missing, 0 different, 0 too many",
           "all well"})
         EXPECT_TRUE(has(first.text, part));
@@ -610,6 +639,16 @@ TEST_F(zanctl, loads_a_routing_table)
     const result_t replaced = run("load " + other);
     EXPECT_EQ(replaced.status, 0) << replaced.text;
     EXPECT_TRUE(has(run("get iproute vrf_id=0 prefix=7.0.0.0/8").text, "nhg_id=1"));
+
+    /* What others sent stands between the routes, which are all looked at. */
+    EXPECT_EQ(run("create iproute vrf_id=0 prefix=8.8.8.0/24").status, 0);
+    EXPECT_EQ(run("create iproute vrf_id=0 prefix=8.8.9.0/24").status, 0);
+    const result_t among = run("load " + file);
+    EXPECT_EQ(among.status, 0) << among.text;
+    EXPECT_TRUE(has(among.text, "3 in key order, 0 missing, 0 different, 0 out of order, 3 stra"));
+    const result_t rest = run("unload " + file);
+    EXPECT_EQ(rest.status, 1);
+    EXPECT_TRUE(has(rest.text, "\n  iproute: 3 stored, 3 identifiers, 9 on NPUs\n"));
 
     const result_t bad = run("load " + write_file("bad", "8.0.0.0/8\n8.0.0.1/8\n"));
     EXPECT_EQ(bad.status, 2);
