@@ -8,6 +8,7 @@
 
 #include "message_check.h"
 #include "npu_control.h"
+#include "table_crud_ctx.h"
 #include "transport.h"
 
 #include <string>
@@ -103,6 +104,10 @@ bool set_resources(const npu_control_t &npus, const char *const *words);
 std::string metrics_text(const node_t &node, const transport_t *transport);
 
 /* A failure count of an NPU, which its thread raises meanwhile. */
+/* What a table counts of its requests; it gives that out under its own name. Null for a table that
+ * does not. */
+const zan_resource_info_t *resource_info(const zan_table_def_t *def);
+
 inline uint32_t npu_errors(const uint32_t *count)
 {
     return __atomic_load_n(count, __ATOMIC_RELAXED);

@@ -293,6 +293,16 @@ TEST_F(zanctl, replays_what_a_client_sends_again)
     start({});
     std::string first, again;
     for (int i = 0; i < 100; i++) {
+    const std::string status = run("status").text;
+    const auto failures = [&status](const char *table) {
+        unsigned long long count = 0;
+        const size_t line = status.find(std::string("\n") + table + " ");
+        if (line != std::string::npos)
+            sscanf(status.c_str() + line, "%*s %*u %*u %*u %*u %llu", &count);
+        return count;
+    };
+    EXPECT_EQ(failures("iproute"), 1) << "a parent that a union names\n" << status;
+    EXPECT_GE(failures("ipnhgroup"), 3) << "writes that an NPU refused\n" << status;
         const std::string route = "create iproute vrf_id=0 prefix=10.0." + std::to_string(i) +
                                   ".0/24 next_obj.ipnhgroup.nhg_id=7 bgp_as=";
         first += route + "1\n";
