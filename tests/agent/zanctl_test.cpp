@@ -474,6 +474,7 @@ TEST_F(zanctl, reads_the_trace_of_an_agent_that_was_killed)
 
     /* One whose start is refused leaves it where it is, the next one keeps it. */
     const std::string directory = process.directory;
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
     for (const std::string wrong : {"refused --capacity nonsense=4", "refused --platform none",
                                     "other" /* which is no socket */}) {
         const std::string command = "timeout 20 " ZAN_AGENT_PROGRAM " --trace-file " + file +
