@@ -103,11 +103,11 @@ bool set_resources(const npu_control_t &npus, const char *const *words);
 /* All figures of the node as OpenMetrics text. */
 std::string metrics_text(const node_t &node, const transport_t *transport);
 
-/* A failure count of an NPU, which its thread raises meanwhile. */
 /* What a table counts of its requests; it gives that out under its own name. Null for a table that
  * does not. */
 const zan_resource_info_t *resource_info(const zan_table_def_t *def);
 
+/* A failure count of an NPU, which its thread raises meanwhile. */
 inline uint32_t npu_errors(const uint32_t *count)
 {
     return __atomic_load_n(count, __ATOMIC_RELAXED);
