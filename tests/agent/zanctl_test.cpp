@@ -225,6 +225,10 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
                           "\"yellow_clear\":40,\"red\":100,\"red_clear\":90,\"tables\":{"
                           "\"iproute\":3}}"));
     EXPECT_FALSE(has(run("resources --db acl").text, "lpm"));
+    EXPECT_FALSE(has(run("resources --db lpm --npu 1").text, "lpm              0"));
+    EXPECT_EQ(run("resources --npu 5").status, 2) << "there are two";
+    EXPECT_EQ(run("resources --db lpm --capacity 9 --npu 5").status, 2);
+    EXPECT_EQ(run("resources --db lpm --thresholds 80,75,95,90 --npu 1").status, 2);
     EXPECT_EQ(run("resources --db nonsense --capacity 3").status, 2);
     EXPECT_EQ(run("resources --capacity 3").status, 2) << "of which database?";
     EXPECT_EQ(run("resources --db lpm --thresholds 80,90,95,90").status, 2) << "clears above";
