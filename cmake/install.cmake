@@ -25,5 +25,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/zanConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/zanConfig.cmake ${CMAKE_BINARY_DIR}/zanConfigVersion.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zan)
+# Wherever `cmake --install --prefix` has put it.
+file(RELATIVE_PATH zan_prefix_of_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/zan.pc.in ${CMAKE_BINARY_DIR}/zan.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/zan.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
