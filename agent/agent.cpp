@@ -209,6 +209,20 @@ void give_metrics(node_t *node, const transport_t *transport, metrics_server_t *
     metrics_answer(metrics, std::move(text));
 }
 
+/* Once: a thread claims its ring when it traces first, which may be at any time. */
+void tell_of_rings_outside_file(const node_t &node)
+{
+    static bool told;
+    const int fault = zan_host_trace_file_fault();
+    if (fault == 0 || told)
+        return;
+    told = true;
+    fprintf(stderr,
+            "zan_agent: trace file %s: no room (%s): a ring is in memory, and ends with the "
+            "process\n",
+            node.trace_file.c_str(), strerror(fault));
+}
+
 void serve(node_t *node, transport_t *transport, metrics_server_t *metrics)
 {
     int rounds = 0;
@@ -233,6 +247,7 @@ void serve(node_t *node, transport_t *transport, metrics_server_t *metrics)
         }
         retry_ms = retry_failed_writes(node);
         zan_host_trace_tick();
+        tell_of_rings_outside_file(*node);
     }
 }
 

@@ -22,14 +22,16 @@
 #define MAX_NPUS         8
 #define MAX_RESOURCES    64
 #define MAX_STATS_PERIOD 86400
+#define MAX_PORT         65535
 
 static const char usage[] =
     "Usage: zan_agent [OPTION]...\n"
     "Serve forwarding-object tables to clients over a Unix-domain socket.\n"
     "\n"
     "  --socket PATH           listen there (default " DEFAULT_SOCKET ")\n"
-    "  --platform LIB          the platform's hooks: a file, or a name beside this program;\n"
-    "                          none for no platform (default " DEFAULT_PLATFORM ")\n"
+    "  --platform LIB          the platform's hooks: a file with its directory, or a name in\n"
+    "                          ../lib or beside this program; none for no platform\n"
+    "                          (default " DEFAULT_PLATFORM ")\n"
     "  --npus N                number of NPUs, 0 to 8 (default 2)\n"
     "  --no-hooks              run although the platform binds no hook\n"
     "  --standby               keep the database, touch no hardware\n"
@@ -65,6 +67,13 @@ static int parse_number(const char *option, const char *text, uint64_t max, uint
     }
     *out = value;
     return 0;
+}
+
+/* The port of [ADDRESS:]PORT. */
+static const char *port_of(const char *where)
+{
+    const char *colon = strrchr(where, ':');
+    return colon ? colon + 1 : where;
 }
 
 /* A library by name: in ../lib of this program's directory, beside it, or as the loader finds it.
@@ -106,11 +115,11 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
     };
-    static const char *resources[MAX_RESOURCES + 1];
+    static zan_agent_resource_t resources[MAX_RESOURCES + 1];
     int num_resources = 0;
     uint64_t number;
-    int c;
-    while ((c = getopt_long(argc, argv, "", table, NULL)) != -1) {
+    int c, index;
+    while ((c = getopt_long(argc, argv, "", table, &index)) != -1) {
         switch (c) {
         case 's':
             options->socket_path = optarg;
@@ -138,6 +147,8 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
             options->stepped = 1;
             break;
         case 'e':
+            if (parse_number("metrics", port_of(optarg), MAX_PORT, &number))
+                return 2;
             options->metrics = optarg;
             break;
         case 'f':
@@ -158,7 +169,8 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
                 fputs("zan_agent: at most 64 capacities and thresholds\n", stderr);
                 return 2;
             }
-            resources[num_resources++] = optarg;
+            resources[num_resources].option = table[index].name;
+            resources[num_resources++].words = optarg;
             options->resources = resources;
             break;
         case 'h':
@@ -189,6 +201,8 @@ int main(int argc, char **argv)
     if (options.platform && !open_library(options.platform)) {
         fprintf(stderr, "zan_agent: the platform %s cannot be loaded: %s\n", options.platform,
                 dlerror());
+        if (!strchr(options.platform, '/') && access(options.platform, R_OK) == 0)
+            fprintf(stderr, "zan_agent: write ./%s for a file here\n", options.platform);
         return 1;
     }
     void *agent = open_library(AGENT_LIBRARY);

@@ -48,9 +48,8 @@ bool remove_stale_socket(const sockaddr_un &address)
 void make_parent_directory(const char *path)
 {
     const std::string file = path;
-    const size_t slash = file.rfind('/');
-    if (slash != std::string::npos && slash != 0) /* a failure shows when the path is used */
-        mkdir(file.substr(0, slash).c_str(), 0755);
+    for (size_t slash = 1; (slash = file.find('/', slash)) != std::string::npos; slash++)
+        mkdir(file.substr(0, slash).c_str(), 0755); /* a failure shows when the path is used */
 }
 
 int open_listener(const char *path)

@@ -9,7 +9,9 @@
 #include "message_check.h"
 #include "npu_control.h"
 #include "replays.h"
+#include "table_crud_ctx.h"
 #include "transport.h"
+#include "zan_agent.h"
 
 #include <string>
 
@@ -89,12 +91,16 @@ void set_retries(uint32_t budget);
 /* Do what is due of failed writes; the milliseconds until there is more to do. */
 int64_t retry_failed_writes(node_t *node);
 
-/* What the command line says of the hardware databases: words like "lpm=100000" and
- * "lpm=80,75,95,90", ended by a null. False and a message when one says nothing. */
-bool set_resources(const npu_control_t &npus, const char *const *words);
+/* Do what the command line says of the hardware databases, ended by one without words. False and a
+ * message when one says nothing. */
+bool set_resources(const npu_control_t &npus, const zan_agent_resource_t *resources);
 
 /* All figures of the node as OpenMetrics text. */
 std::string metrics_text(const node_t &node, const transport_t *transport);
+
+/* What a table counts of its requests; it gives that out under its own name. Null for a table that
+ * does not. */
+const zan_resource_info_t *resource_info(const zan_table_def_t *def);
 
 /* A failure count of an NPU, which its thread raises meanwhile. */
 inline uint32_t npu_errors(const uint32_t *count)

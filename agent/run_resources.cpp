@@ -7,6 +7,8 @@
 
 #include "host_resources.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -76,37 +78,68 @@ answer_t answer(uint32_t num_npus)
     return {ZAN_FRAME_RESOURCES_REPLY, std::move(frame)};
 }
 
-/* "lpm=100000" or "lpm=80,75,95,90". */
-bool set_from_words(const npu_control_t &npus, const char *words)
+bool complain(const zan_agent_resource_t &said, const std::string &text)
 {
-    char name[32];
-    unsigned percent[4];
-    unsigned long long capacity;
-    char rest;
-    if (sscanf(words, "%31[^=]=%u,%u,%u,%u%c", name, &percent[0], &percent[1], &percent[2],
-               &percent[3], &rest) == 5) {
-        const uint8_t at[4] = {(uint8_t)percent[0], (uint8_t)percent[1], (uint8_t)percent[2],
-                               (uint8_t)percent[3]};
-        const bool small =
-            percent[0] <= 100 && percent[1] <= 100 && percent[2] <= 100 && percent[3] <= 100;
-        return small && set_thresholds(zan_hwdb_find(name), at);
+    fprintf(stderr, "zan_agent: --%s %s: %s\n", said.option, said.words, text.c_str());
+    return false;
+}
+
+std::string all_databases()
+{
+    std::string names = zan_hwdb_name(1);
+    for (uint32_t hwdb = 2; hwdb < ZAN_NUM_HWDBS; hwdb++)
+        names += std::string(", ") + zan_hwdb_name(hwdb);
+    return names;
+}
+
+/* The numbers of "80,75,95,90"; none when there is anything else. */
+std::vector<uint64_t> read_numbers(const std::string &text)
+{
+    std::vector<uint64_t> numbers;
+    const char *at = text.c_str(), *end = at + text.size();
+    for (;; at++) {
+        uint64_t number;
+        const auto [next, error] = std::from_chars(at, end, number);
+        if (error != std::errc() || (next != end && *next != ','))
+            return {};
+        numbers.push_back(number);
+        if (next == end)
+            return numbers;
+        at = next;
     }
-    return sscanf(words, "%31[^=]=%llu%c", name, &capacity, &rest) == 2 &&
-           set_capacity(npus, ZAN_MAX_NPUS, zan_hwdb_find(name), capacity);
+}
+
+bool set_from_words(const npu_control_t &npus, const zan_agent_resource_t &said)
+{
+    const std::string words = said.words;
+    const std::string name = words.substr(0, words.find('='));
+    const uint32_t hwdb = zan_hwdb_find(name.c_str());
+    const std::vector<uint64_t> numbers =
+        read_numbers(words.substr(std::min(words.size(), name.size() + 1)));
+    const bool is_capacity = strcmp(said.option, "capacity") == 0;
+    if (hwdb == ZAN_HWDB_NONE)
+        return complain(said, "there is no database " + name + "; there are " + all_databases());
+    if (is_capacity)
+        return (numbers.size() == 1 && set_capacity(npus, ZAN_MAX_NPUS, hwdb, numbers[0])) ||
+               complain(said, "give DATABASE=ENTRIES");
+    uint8_t at[4] = {};
+    bool well = numbers.size() == 4;
+    for (size_t i = 0; well && i < 4; i++) {
+        at[i] = (uint8_t)numbers[i];
+        well = numbers[i] <= 100;
+    }
+    return (well && set_thresholds(hwdb, at)) ||
+           complain(said, "give DATABASE=YELLOW,CLEAR,RED,CLEAR in percent, each CLEAR below the "
+                          "figure in front of it and RED's above YELLOW");
 }
 
 } // namespace
 
-bool set_resources(const npu_control_t &npus, const char *const *words)
+bool set_resources(const npu_control_t &npus, const zan_agent_resource_t *resources)
 {
-    for (; words && *words; words++)
-        if (!set_from_words(npus, *words)) {
-            fprintf(stderr,
-                    "zan_agent: %s: give DATABASE=ENTRIES, or DATABASE=YELLOW,CLEAR,RED,CLEAR in "
-                    "percent, each CLEAR below the figure in front of it and RED's above YELLOW\n",
-                    *words);
+    for (; resources && resources->words; resources++)
+        if (!set_from_words(npus, *resources))
             return false;
-        }
     return true;
 }
 
@@ -118,6 +151,9 @@ answer_t run_resources(node_t *node, const request_t &request)
     memcpy(&asked, request.payload.data(), sizeof asked);
     if (asked.set & ~(uint32_t)(ZAN_RESOURCES_SET_CAPACITY | ZAN_RESOURCES_SET_THRESHOLDS))
         return refuse_request(node, "set", "there is no such thing to set");
+    if ((asked.set & ZAN_RESOURCES_SET_CAPACITY) && asked.npu >= node->facts.num_npus &&
+        asked.npu != ZAN_RESOURCES_ALL_NPUS)
+        return refuse_request(node, "npu", "the node has no such NPU");
     const dispatcher_hold_t hold;
     if ((asked.set & ZAN_RESOURCES_SET_THRESHOLDS) && !set_thresholds(asked.hwdb, asked.thresholds))
         return refuse_request(node, "thresholds",
@@ -126,6 +162,6 @@ answer_t run_resources(node_t *node, const request_t &request)
     if ((asked.set & ZAN_RESOURCES_SET_CAPACITY) &&
         !set_capacity(node->npus, asked.npu, asked.hwdb, asked.capacity))
         return refuse_request(node, "capacity",
-                              "no such database or NPU, or more entries than can be counted");
+                              "no such database, or more entries than can be counted");
     return answer(node->facts.num_npus);
 }

@@ -79,17 +79,16 @@ bool fill_table(const node_t *node, uint32_t table_id, zan_status_st *status,
     out->identifiers = zan_host_identifiers_held(table_id);
     out->creates = counters[ZAN_CTR_CREATE];
     out->duplicates = counters[ZAN_CTR_CREATE_DUPLICATE];
-    out->resolve_failed = counters[ZAN_CTR_RESOLVE_REF_FAILED];
+    const zan_resource_info_t *info = resource_info(zan_table_defs[table_id]);
+    out->resolve_failed = info ? info->resolve_fail_cnt : 0;
     out->bind_failed = counters[ZAN_CTR_BIND_FAILED];
     out->reserve_failed = counters[ZAN_CTR_CREATE_RESERVE_FAILED];
-    out->insert_failed = counters[ZAN_CTR_INSERT_FAILED_A] + counters[ZAN_CTR_INSERT_FAILED_B];
+    out->insert_failed = counters[ZAN_CTR_INSERT_FAILED_A];
     out->hw_failed = counters[ZAN_CTR_CREATE_HW_FAILED];
     out->rolled_back = counters[ZAN_CTR_CREATE_ROLLED_BACK];
     out->updates = counters[ZAN_CTR_UPDATE];
     out->refs_changed = counters[ZAN_CTR_REFS_CHANGED_A];
-    out->update_failed = counters[ZAN_CTR_UPDATE_RESOLVE_FAILED] +
-                         counters[ZAN_CTR_UPDATE_RESOLVE_HOOK_FAILED_A] +
-                         counters[ZAN_CTR_UPDATE_BCAST_FAILED] + counters[ZAN_CTR_UPDATE_HW_FAILED];
+    out->update_failed = counters[ZAN_CTR_UPDATE_BCAST_FAILED] + counters[ZAN_CTR_UPDATE_HW_FAILED];
     out->deletes = counters[ZAN_CTR_DELETE];
     out->still_referenced = counters[ZAN_CTR_DELETE_REF_CNT];
     out->delete_failed =

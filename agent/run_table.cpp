@@ -14,15 +14,6 @@
 namespace
 {
 
-/* Each table gives its record out under its own name. */
-const zan_resource_info_t *resource_info(const zan_table_def_t *def)
-{
-    using get_t = const zan_resource_info_t *(*)(void);
-    const std::string name = std::string("kor_") + def->name + "_get_resource_info";
-    const auto get = (get_t)dlsym(RTLD_DEFAULT, name.c_str());
-    return get ? get() : nullptr;
-}
-
 void fill_info(const zan_table_def_t *def, zan_table_record_st *out)
 {
     const zan_resource_info_t *info = resource_info(def);
@@ -65,6 +56,14 @@ void fill_npus(const node_t *node, const zan_global_table_st &table, zan_table_r
 }
 
 } // namespace
+
+const zan_resource_info_t *resource_info(const zan_table_def_t *def)
+{
+    using get_t = const zan_resource_info_t *(*)(void);
+    const std::string name = std::string("kor_") + def->name + "_get_resource_info";
+    const auto get = (get_t)dlsym(RTLD_DEFAULT, name.c_str());
+    return get ? get() : nullptr;
+}
 
 answer_t run_table(node_t *node, const request_t &request)
 {

@@ -8,6 +8,13 @@
 
 #include <stdint.h>
 
+/* What the command line says of a hardware database: "DATABASE=CAPACITY" of --capacity, or
+ * "DATABASE=YELLOW,CLEAR,RED,CLEAR" of --thresholds. */
+typedef struct zan_agent_resource_t {
+    const char *option; /* its name without dashes */
+    const char *words;
+} zan_agent_resource_t;
+
 typedef struct zan_agent_options_t {
     const char *socket_path;
     const char *platform;   /* its file, for people; null for none */
@@ -23,9 +30,8 @@ typedef struct zan_agent_options_t {
         retries; /* of a failed write, before its object goes into quarantine; 0: without end */
     const char *metrics;   /* serve metrics there: "PORT" or "ADDRESS:PORT"; null: nowhere */
     uint32_t stats_period; /* seconds between two passes of the periodic statistics; 0: on demand */
-    /* Hardware databases: "DATABASE=CAPACITY" and "DATABASE=YELLOW,CLEAR,RED,CLEAR", ended by a
-     * null; null for none. */
-    const char *const *resources;
+    /* Ended by one without words; null for none. */
+    const zan_agent_resource_t *resources;
 } zan_agent_options_t;
 
 #ifdef __cplusplus

@@ -6,11 +6,7 @@
  * in any part, and the session goes on. After ZAN_CLIENT_LOST every further call fails: connect
  * again.
  *
- *   zan_client_t *client = zan_client_connect(path, "my tool", why, sizeof why);
- *   zan_batch_t *batch = zan_batch_new(0, 0);
- *   zan_table_base_st *route = zan_obj_parse(def, "vrf_id=0 prefix=10.0.0.0/8 ...", why, sizeof
- * why); zan_batch_append(batch, route, ZAN_TABLE_CREATE); if (zan_client_run(client, batch) == 0)
- *       rc = zan_batch_rc(batch, 0);
+ * C11 or C++17, on POSIX. examples/client.c is a whole client to copy.
  */
 #ifndef ZAN_CLIENT_H
 #define ZAN_CLIENT_H

@@ -152,7 +152,8 @@ typedef struct zan_table_status_st {
     uint64_t held[ZAN_MAX_NPUS];
     uint32_t hw_create_errors[ZAN_MAX_NPUS], hw_update_errors[ZAN_MAX_NPUS],
         hw_delete_errors[ZAN_MAX_NPUS];
-    /* Counters since the start. */
+    /* Counters since the start. resolve_failed: creates and updates; update_failed: what hardware
+     * refused, synchronously, as hw_failed of the creates. */
     uint32_t creates, duplicates, resolve_failed, bind_failed, reserve_failed, insert_failed,
         hw_failed, rolled_back;
     uint32_t updates, refs_changed, update_failed;

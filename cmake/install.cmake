@@ -4,8 +4,9 @@ include(CMakePackageConfigHelpers)
 
 set(zan_headers ${CMAKE_INSTALL_INCLUDEDIR}/zan)
 file(GLOB headers ${ZAN_DIR}/tables/*.h ${ZAN_DIR}/platform_api/*.h ${ZAN_DIR}/core/*.h ${ZAN_GEN}/*.h
-    platforms/npu_sim/npu_sim_control.h client/zan_client.h)
-install(FILES ${headers} DESTINATION ${zan_headers})
+    platforms/npu_sim/npu_sim_control.h client/zan_client.h
+    client/zan_wire.h)
+install(FILES ${headers} DESTINATION ${zan_headers} COMPONENT headers)
 
 set(zan_targets zan_tables zan_table_server zan_host zan_npu_sim zan_client zan_agent_library)
 foreach(target ${zan_targets} zan_agent zanctl zan_schema)
@@ -24,5 +25,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/zanConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/zanConfig.cmake ${CMAKE_BINARY_DIR}/zanConfigVersion.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zan)
+# Wherever `cmake --install --prefix` has put it.
+file(RELATIVE_PATH zan_prefix_of_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/zan.pc.in ${CMAKE_BINARY_DIR}/zan.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/zan.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,7 +1,10 @@
 /* status and compare: what the node holds and did, and whether its NPUs hold the same. */
 #include "objects.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
+#include <numeric>
 
 namespace
 {
@@ -126,10 +129,20 @@ void print_node(FILE *out, const zan_status_st &s)
                 (unsigned long long)s.npu[npu].deletes, (unsigned long long)s.npu[npu].failures);
 }
 
+/* A write that the client was waiting for is counted as a failure of the operation and of each NPU
+ * that refused it; of one that nobody waited for only the NPUs know. */
+uint64_t with_hardware(uint32_t operations, const uint32_t (&npus)[ZAN_MAX_NPUS])
+{
+    return std::max<uint64_t>(operations,
+                              std::accumulate(std::begin(npus), std::end(npus), uint64_t(0)));
+}
+
 uint64_t failures(const zan_table_status_st &t)
 {
     return (uint64_t)t.resolve_failed + t.bind_failed + t.reserve_failed + t.insert_failed +
-           t.hw_failed + t.duplicates + t.update_failed + t.delete_failed;
+           t.duplicates + with_hardware(t.hw_failed, t.hw_create_errors) +
+           with_hardware(t.update_failed, t.hw_update_errors) +
+           with_hardware(t.delete_failed, t.hw_delete_errors);
 }
 
 void print_tables(FILE *out, const zan_status_st &status, const zan_table_status_st *tables)

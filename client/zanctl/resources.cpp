@@ -33,12 +33,18 @@ std::string percent(const zan_resource_st &r)
     return r.capacity ? std::to_string(r.used * 100 / r.capacity) + " %" : "";
 }
 
-/* The rows to show: of one database, or of those that are used or limited, or of all. */
+/* Whether the row is of the database and the NPU that were asked for, if any was. */
+bool is_asked_for(const zan_resource_st &d, const resources_options_t &options)
+{
+    return (options.database.empty() || options.database == zan_hwdb_name(d.hwdb)) &&
+           (options.npu < 0 || d.npu == (uint32_t)options.npu);
+}
+
+/* For people: databases that are used or limited, or one that was asked for, or all. */
 bool is_shown(const zan_resource_st &d, const resources_options_t &options)
 {
-    if (!options.database.empty())
-        return options.database == zan_hwdb_name(d.hwdb);
-    return options.all || d.used || d.capacity || d.high_water;
+    return is_asked_for(d, options) &&
+           (options.all || !options.database.empty() || d.used || d.capacity || d.high_water);
 }
 
 void print(FILE *out, const resources_t &r, const resources_options_t &options)
@@ -69,7 +75,7 @@ json_t as_json(const resources_t &r, const resources_options_t &options)
     json_t out = json_t::array();
     for (uint32_t i = 0; i < r.head.num_databases; i++) {
         const zan_resource_st &d = r.databases.get()[i];
-        if (!options.database.empty() && !is_shown(d, options))
+        if (!is_asked_for(d, options))
             continue;
         json_t tables = json_t::object();
         for (uint32_t t = 0; t < r.head.num_tables; t++) {
@@ -127,6 +133,8 @@ int run_resources(session_t *session, const resources_options_t &options)
         request.capacity = *options.capacity;
     }
     if (!options.thresholds.empty()) {
+        if (options.npu >= 0)
+            return fail_text("--thresholds are those of all NPUs: leave --npu out");
         request.set |= ZAN_RESOURCES_SET_THRESHOLDS;
         if (!parse_thresholds(options.thresholds, request.thresholds))
             return fail_text("--thresholds takes four percentages: yellow, its clear, red, its "
@@ -139,6 +147,9 @@ int run_resources(session_t *session, const resources_options_t &options)
         return fail_session(session);
     r.databases.reset(databases);
     r.tables.reset(tables);
+    if (options.npu >= 0 && (uint32_t)options.npu >= r.head.num_npus)
+        return fail_text("the node has no NPU " + std::to_string(options.npu) + ": it has " +
+                         std::to_string(r.head.num_npus) + ", counted from 0");
     if (session->json)
         fprintf(session->out, "%s\n", as_json(r, options).dump().c_str());
     else

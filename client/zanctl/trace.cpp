@@ -29,6 +29,7 @@ struct filter_t {
 bool is_of_table(const zan_trace_record_st &r, uint32_t table_id)
 {
     return zan_trace_message_table((uint32_t)r.msg) == table_id ||
+           zan_trace_names_table(&r, table_id) ||
            (r.trace_class < ZAN_SHARED_TRACE_CLASS_BASE && r.trace_class / 3 == table_id);
 }
 

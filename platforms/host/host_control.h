@@ -60,6 +60,9 @@ ZAN_EXPORT uint32_t zan_host_frr_waiting(void);
  * behind its name, unless the process that made it lives. While no other thread traces. False, with
  * errno, when it cannot be had; the ring stays in memory then. */
 ZAN_EXPORT bool zan_host_trace_open(const char *path);
+/* Why a thread's ring found no room in the file, an errno: it is in memory, and ends with the
+ * process. 0: all are in the file, or there is none. Any thread. */
+ZAN_EXPORT int zan_host_trace_file_fault(void);
 /* Note in the file which cycle it is now; now and then. One thread. */
 ZAN_EXPORT void zan_host_trace_tick(void);
 /* The records of error classes since the last call, of all threads. It looks at what is new and at

@@ -117,6 +117,7 @@ zan_rcode unstore(const object_name_t &name, const zan_table_base_st *copy)
 
 void trace_put_back(const reason_t &reason)
 {
+    const host_trace_for_t transaction(reason.copy->base_trans_id);
     if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_EVENT__))
         _ringlog_3(ZAN_CLASS_ZAN_RETRY_EVENT__, HOST_TRACE_ID(PUT_BACK, 3), reason.copy->table_id,
                    reason.rc, reason.copy->base_trans_id);
@@ -278,9 +279,11 @@ zan_rcode host_quarantine_take_out(const object_name_t &root, failed_t *failed)
     } else {
         failed->followers.push_back(name);
     }
-    if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_ERROR__))
+    if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_ERROR__)) {
+        const host_trace_for_t transaction(reason.copy->base_trans_id);
         _ringlog_4(ZAN_CLASS_ZAN_RETRY_ERROR__, HOST_TRACE_ID(TAKEN_OUT, 4), name.table_id,
                    root.table_id, reason.rc, reason.copy->base_trans_id);
+    }
     zan_send_srv_notif(reason.copy, ZAN_NOTIF_OUT_OF_SERVICE);
     reasons[name] = std::move(reason);
     taken_out++;

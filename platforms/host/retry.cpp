@@ -142,10 +142,12 @@ void take_failure(write_failure_t *failure)
     const zan_table_base_st *stored = find_stored(failure->name);
     if (!concerns(*failure, stored != nullptr))
         return;
-    if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_ERROR__))
+    if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_ERROR__)) {
+        const host_trace_for_t transaction(failure->trans_id);
         _ringlog_5(ZAN_CLASS_ZAN_RETRY_ERROR__, HOST_TRACE_ID(WRITE_FAILED, 5),
                    failure->name.table_id, failure->operation, failure->npus, failure->rc,
-                   stored ? stored->base_trans_id : 0);
+                   failure->trans_id);
+    }
     const auto [at, is_new] = failures.try_emplace(failure->name);
     failed_t *failed = &at->second;
     failed->operation = failure->operation;
@@ -342,7 +344,9 @@ void settle(entry_t *entry)
 {
     failed_t *failed = &entry->second;
     if (zan_trace_is_on(ZAN_CLASS_ZAN_RETRY_EVENT__)) {
-        const zan_table_base_st *obj = find_stored(entry->first);
+        const zan_table_base_st *stored = find_stored(entry->first);
+        const zan_table_base_st *obj = stored ? stored : failed->gone.get();
+        const host_trace_for_t transaction(obj ? obj->base_trans_id : 0);
         _ringlog_4(ZAN_CLASS_ZAN_RETRY_EVENT__, HOST_TRACE_ID(RETRIED, 4), entry->first.table_id,
                    failed->attempts, failed->failed_again ? failed->rc : EOK,
                    obj ? obj->base_trans_id : 0);

@@ -50,6 +50,7 @@ ring_t rings[max_rings];
 uint64_t traces_lost;    /* of threads that found no ring */
 zan_trace_file_st *file; /* the rings lie behind it; null: each in memory of its own */
 int file_fd = -1;        /* locked: its process lives */
+int file_fault;          /* why a ring found no room in it, an errno; 0: each did */
 
 /* This thread's, or null: it has not traced yet, or has found none free. */
 thread_local constinit ring_t *own_ring = nullptr;
@@ -73,8 +74,11 @@ void put(uint64_t *at, uint64_t value)
 void *ring_memory(uint32_t ring)
 {
     const size_t at = ZAN_TRACE_FILE_HEAD_SIZE + ring * ring_bytes;
-    if (file && posix_fallocate(file_fd, (off_t)at, (off_t)ring_bytes) == 0)
+    const int fault = file ? posix_fallocate(file_fd, (off_t)at, (off_t)ring_bytes) : 0;
+    if (file && fault == 0)
         return (uint8_t *)file + at;
+    if (fault != 0)
+        __atomic_store_n(&file_fault, fault, __ATOMIC_RELAXED);
     return mmap(nullptr, ring_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 }
 
@@ -238,7 +242,8 @@ zan_trace_class_t zan_ringlog_en_with_retry(const zan_ringlog_enums_st *enums, u
     return (zan_trace_class_t)enums->level[level - 1];
 }
 
-/* Open and lock a new file of that name; the old one goes aside, unless its process lives. */
+/* Open and lock a new file of that name; the old one goes aside, unless its process lives. It is
+ * for its maker alone: keys and addresses stand in it. */
 static int new_file(const char *path)
 {
     const int old = open(path, O_RDWR | O_CLOEXEC);
@@ -254,7 +259,7 @@ static int new_file(const char *path)
         if (rename(path, aside) != 0)
             return -1;
     }
-    const int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    const int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd >= 0)
         flock(fd, LOCK_EX | LOCK_NB);
     return fd;
@@ -354,6 +359,11 @@ static uint64_t count_new_errors(const ring_t *ring, const record_t *records, ui
     }
     *seen = end;
     return errors;
+}
+
+int zan_host_trace_file_fault(void)
+{
+    return __atomic_load_n(&file_fault, __ATOMIC_RELAXED);
 }
 
 uint64_t zan_host_traces_lost(void)

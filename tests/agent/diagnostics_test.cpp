@@ -284,11 +284,12 @@ TEST_F(diagnostics, serves_metrics_with_the_figures_that_zanctl_shows)
     EXPECT_EQ(metrics.value("zan_watch_dropped_total"), 0);
 
     const std::string taken = "127.0.0.1:" + std::to_string(port);
-    for (const std::string &where : {taken, std::string("70000"), std::string("here:80")})
+    const std::pair<std::string, int> refused[] = {{taken, 1}, {"here:80", 1}, {"70000", 2}};
+    for (const auto &[where, status] : refused)
         EXPECT_EQ(system((ZAN_AGENT_PROGRAM " --socket " + process.directory +
                           "/other.sock --metrics " + where + " >/dev/null 2>&1")
                              .c_str()),
-                  256)
+                  status << 8)
             << where;
     EXPECT_EQ(ask_http(port, "GET /").find("HTTP/1.1 404"), 0u);
     EXPECT_EQ(ask_http(port, "DELETE /metrics").find("HTTP/1.1 405"), 0u);

@@ -237,6 +237,10 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
                           "\"yellow_clear\":40,\"red\":100,\"red_clear\":90,\"tables\":{"
                           "\"iproute\":3}}"));
     EXPECT_FALSE(has(run("resources --db acl").text, "lpm"));
+    EXPECT_FALSE(has(run("resources --db lpm --npu 1").text, "lpm              0"));
+    EXPECT_EQ(run("resources --npu 5").status, 2) << "there are two";
+    EXPECT_EQ(run("resources --db lpm --capacity 9 --npu 5").status, 2);
+    EXPECT_EQ(run("resources --db lpm --thresholds 80,75,95,90 --npu 1").status, 2);
     EXPECT_EQ(run("resources --db nonsense --capacity 3").status, 2);
     EXPECT_EQ(run("resources --capacity 3").status, 2) << "of which database?";
     EXPECT_EQ(run("resources --db lpm --thresholds 80,90,95,90").status, 2) << "clears above";
@@ -270,6 +274,9 @@ TEST_F(zanctl, shows_what_failed_and_lets_people_act)
     ASSERT_EQ(run("sim --fail 2 --table ipnhgroup --npu 1").status, 0);
     ASSERT_EQ(run("update ipnhgroup nhg_id=7 is_pbts=true").status, 0) << "nobody waits for it";
     wait_for("failed", "0 failed now; 2 retries since the start, 1 recovered, 0 taken out");
+    const std::string errors = run("trace --errors --table ipnhgroup").text;
+    EXPECT_TRUE(has(errors, "write failed: table ipnhgroup, operation update, npus 0x2, rc "));
+    EXPECT_FALSE(has(errors, "(trans 0)"));
     EXPECT_TRUE(has(run("table ipnhgroup").text,
                     "1               1            1              0              2"));
 
@@ -301,6 +308,16 @@ TEST_F(zanctl, shows_what_failed_and_lets_people_act)
     EXPECT_EQ(run("delete ipnhgroup nhg_id=9").status, 1);
     wait_for_line("delete ipnhgroup nhg_id=9: not found (type 17)");
     EXPECT_TRUE(has(run("--json graph ipnhgroup nhg_id=7 --depth 0").text, "\"attempts\":0"));
+    const std::string status = run("status").text;
+    const auto failures = [&status](const char *table) {
+        unsigned long long count = 0;
+        const size_t line = status.find(std::string("\n") + table + " ");
+        if (line != std::string::npos)
+            sscanf(status.c_str() + line, "%*s %*u %*u %*u %*u %llu", &count);
+        return count;
+    };
+    EXPECT_EQ(failures("iproute"), 1) << "a parent that a union names\n" << status;
+    EXPECT_GE(failures("ipnhgroup"), 3) << "writes that an NPU refused\n" << status;
 }
 
 TEST_F(zanctl, replays_what_a_client_sends_again)
@@ -483,13 +500,15 @@ TEST_F(zanctl, decodes_the_trace_ring)
         << all;
     const std::string errors = run("trace --errors --table iproute").text;
     for (const char *part :
-         {"iproute_error", "iproute: parent not found: trans 21474836", "nhg_id=8"})
+         {"iproute_error", "iproute: parent not found: trans 21474836", "nhg_id=8",
+          "batch failed: rc 0x2f908002 ZAN_RC_NOT_FOUND, table iproute, keep_going 1, trans "})
         EXPECT_TRUE(has(errors, part));
+    EXPECT_FALSE(has(errors, "(trans 0)"));
     EXPECT_FALSE(has(errors, "created"));
     const std::string history = run("history iproute vrf_id=0 prefix=10.0.0.0/8").text;
-    const size_t created = history.find("created: table 49"),
+    const size_t created = history.find("created: table iproute"),
                  bound = history.find("iproute: bound"),
-                 replaced = history.find("replaced: table 49");
+                 replaced = history.find("replaced: table iproute");
     EXPECT_TRUE(created < bound && bound < replaced && replaced != std::string::npos) << history;
     EXPECT_FALSE(has(history, "ipnhgroup_event")) << "another's life";
     EXPECT_EQ(run("trace --last 1 --trans 12345").text, "");
@@ -518,10 +537,11 @@ TEST_F(zanctl, reads_the_trace_of_an_agent_that_was_killed)
     int status = 0;
     ASSERT_EQ(waitpid(process.pid, &status, 0), process.pid);
     const std::string file = process.socket_path + ".trace";
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
     const std::string text = run("trace --table l3intf --file " + file).text;
-    for (const char *part : {"l3intf_error", "l3intf: not found: trans 21474836", "intf=101"})
+    for (const char *part : {"l3intf_error", "l3intf: not found: trans 21474836", "intf=101",
+                             "transaction_history_event created: table l3intf, obj 0x"})
         EXPECT_TRUE(has(text, part));
-    EXPECT_TRUE(has(run("trace --file " + file).text, "transaction_history_event created: table "));
     EXPECT_EQ(run("trace --file " + write_file("other", "no such thing")).status, 2);
     EXPECT_EQ(run("trace --file " + process.directory + "/none").status, 2);
     EXPECT_TRUE(has(run("trace --file " + process.directory).text, "it is a directory"));

@@ -8,6 +8,7 @@
 
 #include "zan_types.h"
 
+#include <sys/types.h>
 #include <time.h>
 
 ZAN_EXTERN_C_BEGIN

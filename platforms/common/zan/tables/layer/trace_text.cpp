@@ -43,12 +43,49 @@ uint32_t count_strings(const char *format)
     return count;
 }
 
-void print_number(char how, uint64_t value, text_out_t *out)
+void print_code(zan_rcode rc, text_out_t *out)
 {
-    if (how == 'x')
-        text_hex(out, value);
+    text_hex(out, rc);
+    const char *name = rc == EOK ? "" : zan_rcode_name(rc);
+    text_put(out, *name ? " " : "");
+    text_put(out, name);
+}
+
+void print_table(uint64_t id, text_out_t *out)
+{
+    const zan_table_def_t *def = id < ZAN_NUM_TABLES ? zan_table_def_get((uint32_t)id) : nullptr;
+    if (def)
+        text_put(out, def->name);
     else
+        text_number(out, id, 10);
+}
+
+/* False: no conversion of an argument that is a number. */
+bool print_argument(char how, uint64_t value, text_out_t *out)
+{
+    switch (how) {
+    case 'x':
+        text_hex(out, value);
+        return true;
+    case 'd':
+        text_put(out, (int64_t)value < 0 ? "-" : "");
+        text_number(out, (int64_t)value < 0 ? 0 - value : value, 10);
+        return true;
+    case 'u':
         text_number(out, value, 10);
+        return true;
+    case 'T':
+        print_table(value, out);
+        return true;
+    case 'O':
+        text_put(out, zan_table_operation_str((uint8_t)value));
+        return true;
+    case 'R':
+        print_code((zan_rcode)value, out);
+        return true;
+    default:
+        return false;
+    }
 }
 
 } // namespace
@@ -99,6 +136,16 @@ uint32_t zan_trace_message_table(uint32_t number)
 {
     const uint32_t table_id = (number - ZAN_MSG_TABLE_BASE) / ZAN_MSG_TABLE_STRIDE;
     return number >= ZAN_MSG_TABLE_BASE && table_id < ZAN_NUM_TABLES ? table_id : UINT32_MAX;
+}
+
+/* A % stands in front of an argument, and nowhere else. */
+bool zan_trace_names_table(const zan_trace_record_st *record, uint32_t table_id)
+{
+    const char *at = zan_trace_message_text((uint32_t)record->msg);
+    for (uint32_t arg = 0; at && arg < 7 && (at = strchr(at, '%')); arg++)
+        if (*++at == 'T' && record->arg[arg] == table_id)
+            return true;
+    return false;
 }
 
 uint32_t zan_trace_class_level(zan_trace_class_t c)
@@ -155,10 +202,10 @@ size_t zan_trace_print(const zan_trace_record_st *record, char *out, size_t size
     const uint32_t num_args = (uint32_t)(record->msg >> 32 & 0xff);
     if (!format) {
         text_put(&text, "message ");
-        print_number('x', (uint32_t)record->msg, &text);
+        text_hex(&text, (uint32_t)record->msg);
         for (uint32_t i = 0; i < num_args && i < 7; i++) {
             text_char(&text, ' ');
-            print_number('x', record->arg[i], &text);
+            text_hex(&text, record->arg[i]);
         }
         return text_end(&text);
     }
@@ -168,9 +215,7 @@ size_t zan_trace_print(const zan_trace_record_st *record, char *out, size_t size
         const char how = format[0] == '%' ? format[1] : 0;
         if (how == 's') {
             strings = take_string(strings, --strings_left == 0, &text);
-        } else if (how == 'u' || how == 'x') {
-            print_number(how, arg < 7 ? record->arg[arg] : 0, &text);
-        } else {
+        } else if (!print_argument(how, arg < 7 ? record->arg[arg] : 0, &text)) {
             text_char(&text, *format);
             continue;
         }

@@ -120,6 +120,15 @@ void prefetch_message(const zan_dispatch_msg_t *msg)
         __builtin_prefetch(ahead + at);
 }
 
+/* The object's entry has cleared its transaction, or has not run: what is traced of the object here
+ * carries it too. */
+#define BATCH_TRACE(obj, c, ...)                                                                   \
+    do {                                                                                           \
+        zan_set_trans_id((obj)->base_trans_id, nullptr, 0);                                        \
+        ZAN_TRACE(c, __VA_ARGS__);                                                                 \
+        zan_clear_trans_id();                                                                      \
+    } while (0)
+
 /* A failure of one object: it stops the batch unless the slot says that it is forgiven. */
 void object_failed(batch_t *batch, const zan_table_base_st *obj, const zan_table_response_st *slot,
                    zan_rcode rc)
@@ -127,14 +136,14 @@ void object_failed(batch_t *batch, const zan_table_base_st *obj, const zan_table
     if (batch->batch_rc != EOK)
         return;
     if (slot->batch_continue) {
-        ZAN_TRACE(ZAN_CLASS_ZAN_BATCH_CRUD_VERBOSE__, BATCH_FORGIVEN, rc, obj->table_id,
-                  obj->base_trans_id);
+        BATCH_TRACE(obj, ZAN_CLASS_ZAN_BATCH_CRUD_VERBOSE__, BATCH_FORGIVEN, rc, obj->table_id,
+                    obj->base_trans_id);
         return;
     }
     batch->batch_rc = rc;
     if (batch->hdr.client_id != 0)
-        ZAN_TRACE(ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__, BATCH_FAILED, rc, obj->table_id,
-                  batch->keep_going, obj->base_trans_id, batch->hdr.client_id);
+        BATCH_TRACE(obj, ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__, BATCH_FAILED, rc, obj->table_id,
+                    batch->keep_going, obj->base_trans_id, batch->hdr.client_id);
 }
 
 /* Dispatch, pass over, or cut the object, by the first rule that fits. */
@@ -147,16 +156,16 @@ void decide_object(batch_t *batch, zan_table_base_st *obj, zan_table_response_st
         slot->err_code = ZAN_RC_BATCH_CUT;
         slot->batch_cut = 1;
         batch->last_rc = (int32_t)ZAN_RC_BATCH_CUT;
-        ZAN_TRACE(ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__, BATCH_CUT, ZAN_RC_BATCH_CUT, obj->table_id,
-                  obj->base_trans_id, batch->hdr.client_id);
+        BATCH_TRACE(obj, ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__, BATCH_CUT, ZAN_RC_BATCH_CUT,
+                    obj->table_id, obj->base_trans_id, batch->hdr.client_id);
     } else {
         batch->last_rc = zan_table_server_block_dispatcher(obj, slot);
         if (slot->err_code != EOK)
             object_failed(batch, obj, slot, (zan_rcode)slot->err_code);
         return;
     }
-    ZAN_TRACE(ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__, BATCH_NOT_DISPATCHED, batch->hdr.client_id,
-              slot->err_code, obj->table_id, obj->base_trans_id);
+    BATCH_TRACE(obj, ZAN_CLASS_ZAN_BATCH_CRUD_ERROR__, BATCH_NOT_DISPATCHED, batch->hdr.client_id,
+                slot->err_code, obj->table_id, obj->base_trans_id);
 }
 
 /* One object, between the two reads of the coarse clock. */
