@@ -51,6 +51,7 @@ static const char usage[] =
     "  --metrics [ADDRESS:]PORT\n"
     "                          serve OpenMetrics there, on the loopback interface without an\n"
     "                          address (default: nowhere)\n"
+    "  --version               the program's version\n"
     "  --help                  this text\n"
     "\n"
     "SIGTERM and SIGINT stop it in order. Talk to it with zanctl.\n";
@@ -112,6 +113,7 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
         {"stats-period", required_argument, NULL, 'c'},
         {"trace-file", required_argument, NULL, 'f'},
         {"metrics", required_argument, NULL, 'e'},
+        {"version", no_argument, NULL, 'v'},
         {"help", no_argument, NULL, 'h'},
         {NULL, 0, NULL, 0},
     };
@@ -173,6 +175,9 @@ static int parse(int argc, char **argv, zan_agent_options_t *options)
             resources[num_resources++].words = optarg;
             options->resources = resources;
             break;
+        case 'v':
+            puts("zan_agent " ZAN_VERSION);
+            exit(0);
         case 'h':
             fputs(usage, stdout);
             exit(0);

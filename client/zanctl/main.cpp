@@ -55,6 +55,7 @@ void add_commands(CLI::App *app, arguments_t *a)
         ->envname("ZAN_SOCKET")
         ->capture_default_str();
     app->add_flag("--json", a->json, "JSON for scripts: one document a line");
+    app->set_version_flag("--version", "zanctl " ZAN_VERSION);
     app->require_subcommand(1);
     app->fallthrough();
 
