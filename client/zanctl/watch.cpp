@@ -28,6 +28,14 @@ const char *type_words(uint32_t type)
     }
 }
 
+/* The operation that is told of; going out of service and back is none of a client's. */
+std::string operation_text(const zan_notification_st &head)
+{
+    if (head.type == ZAN_NOTIF_OUT_OF_SERVICE || head.type == ZAN_NOTIF_IN_SERVICE)
+        return "";
+    return std::string(zan_table_operation_str((uint8_t)head.operation)) + " ";
+}
+
 struct watcher_t {
     const session_t *session;
     uint64_t left; /* to print */
@@ -61,7 +69,7 @@ void print(const zan_client_notification_t &n)
                resource_state_name(n.resource.state), (unsigned long long)n.resource.used,
                (unsigned long long)n.resource.capacity);
     else
-        printf("%s %s %s: %s (type %u)%s\n", zan_table_operation_str((uint8_t)n.head.operation),
+        printf("%s%s %s: %s (type %u)%s\n", operation_text(n.head).c_str(),
                kor_table_name_get(n.head.table_id), key_text(n.obj).c_str(),
                type_words(n.head.type), n.head.type,
                n.head.replaced ? ", and earlier ones of it" : "");

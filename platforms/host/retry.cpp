@@ -285,9 +285,10 @@ void tell_taken_out(const entry_t &entry)
     char key[128], text[256];
     zan_key_print(def, entry.first.key, key, sizeof key);
     snprintf(text, sizeof text,
-             "Taken out of service after %u retries: %s %s (0x%08x), and what depends on it; see "
+             "Taken out of service after %u %s: %s %s (0x%08x), and what depends on it; see "
              "zanctl quarantine",
-             entry.second.attempts, def->name, key, entry.second.rc);
+             entry.second.attempts, entry.second.attempts == 1 ? "retry" : "retries", def->name,
+             key, entry.second.rc);
     plat_errmsg(plat_msg_rec_zan_warn_err_getfn(), 3, text);
 }
 
