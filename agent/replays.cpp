@@ -68,6 +68,17 @@ template <typename visit_t> void for_each_object(const uint8_t *msg, size_t len,
     }
 }
 
+/* Null for that of all clients. */
+const zan_table_base_st *marker_of(const zan_table_base_st *start)
+{
+    return start->client_epoch == ZAN_EPOCH_ANY ? nullptr : start;
+}
+
+uint32_t swept_so_far(uint32_t table_id)
+{
+    return zan_get_global_ctx()->counters[0][table_id][ZAN_CTR_REPLAY_SWEPT];
+}
+
 } // namespace
 
 replay_batch_t::replay_batch_t(replays_t *replays, const message_verdict_t &verdict,
@@ -76,16 +87,10 @@ replay_batch_t::replay_batch_t(replays_t *replays, const message_verdict_t &verd
 {
     if (!concerns_)
         return;
-    if (verdict.replays)
-        for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++)
-            stored_.push_back(zan_db_count(id));
+    for (uint32_t id = 0; verdict.replays && id < ZAN_NUM_TABLES; id++)
+        before_.push_back({zan_db_count(id), swept_so_far(id)});
     for_each_object(msg, len, [this](const zan_table_base_st *obj) { look_at(obj); });
-    std::sort(marked_.begin(), marked_.end(),
-              [](const marked_t &a, const marked_t &b) { return a.name < b.name; });
-    marked_.erase(
-        std::unique(marked_.begin(), marked_.end(),
-                    [](const marked_t &a, const marked_t &b) { return same_name(a.name, b.name); }),
-        marked_.end());
+    merge_marked();
 }
 
 void replay_batch_t::look_at(const zan_table_base_st *obj)
@@ -93,22 +98,64 @@ void replay_batch_t::look_at(const zan_table_base_st *obj)
     switch (obj->table_operation) {
     case ZAN_TABLE_REPLAY_START:
         counters_.push_back(counters_of(obj->table_id));
-        break;
-    case ZAN_TABLE_REPLAY_END:
+        starts_[obj->table_id] = obj;
+        forget(obj->table_id); /* what the replay before came to is not told any more */
         break;
     case ZAN_TABLE_CREATE:
     case ZAN_TABLE_UPDATE:
     case ZAN_TABLE_DELETE:
         replays_only_ = false;
-        if (!replays_->of[obj->table_id].running)
-            break;
-        if (const zan_table_base_st *stored = zan_db_get(obj))
-            if (stored->flag & ZAN_FLAG_STALE)
-                marked_.push_back({name_of(stored), content_of(stored)});
+        look_at_write(obj);
         break;
     default:
         break;
     }
+}
+
+/* What a start in front of it in the batch will mark counts as marked. */
+void replay_batch_t::look_at_write(const zan_table_base_st *obj)
+{
+    const auto start = starts_.find(obj->table_id);
+    const bool starts = start != starts_.end();
+    if (!starts && !replays_->of[obj->table_id].running)
+        return;
+    const zan_table_base_st *stored = zan_db_get(obj);
+    if (!stored)
+        return;
+    const bool is_marked = starts ? zan_obj_is_replayed(zan_table_defs[obj->table_id], stored,
+                                                        marker_of(start->second))
+                                  : (stored->flag & ZAN_FLAG_STALE) != 0;
+    const bool is_plain =
+        obj->write_kind < ZAN_WRITE_KIND_REPLACE || obj->write_kind > ZAN_WRITE_KIND_REPLACE_REF;
+    if (is_marked)
+        marked_.push_back({name_of(stored), content_of(stored),
+                           obj->table_operation == ZAN_TABLE_CREATE && is_plain,
+                           obj->table_operation == ZAN_TABLE_DELETE});
+}
+
+/* Each object once, with all that the batch asks of it. */
+void replay_batch_t::merge_marked()
+{
+    std::stable_sort(marked_.begin(), marked_.end(),
+                     [](const marked_t &a, const marked_t &b) { return a.name < b.name; });
+    size_t kept = 0;
+    for (size_t i = 0; i < marked_.size(); i++) {
+        if (kept && same_name(marked_[kept - 1].name, marked_[i].name)) {
+            marked_[kept - 1].plain_create |= marked_[i].plain_create;
+            marked_[kept - 1].deletes |= marked_[i].deletes;
+        } else {
+            marked_[kept++] = marked_[i];
+        }
+    }
+    marked_.resize(kept);
+}
+
+void replay_batch_t::forget(uint32_t table_id)
+{
+    marked_.erase(
+        std::remove_if(marked_.begin(), marked_.end(),
+                       [table_id](const marked_t &m) { return m.name.table_id == table_id; }),
+        marked_.end());
 }
 
 void replay_batch_t::settle_marked()
@@ -116,35 +163,39 @@ void replay_batch_t::settle_marked()
     for (const marked_t &m : marked_) {
         const zan_table_base_st *stored = find_stored(m.name);
         replay_t *replay = &replays_->of[m.name.table_id];
-        if (!stored)
-            replay->deleted++;
-        else if (!(stored->flag & ZAN_FLAG_STALE))
+        if (!stored) {
+            replay->deleted += m.deletes; /* else the end of the replay has taken it */
+        } else if (!(stored->flag & ZAN_FLAG_STALE)) {
             (content_of(stored) == m.content ? replay->kept : replay->changed)++;
+            replays_->accepted[m.name.table_id] += m.plain_create;
+        }
     }
 }
 
-void replay_batch_t::begin(const zan_table_base_st *obj)
+void replay_batch_t::begin(const zan_table_base_st *start)
 {
-    replay_t *replay = &replays_->of[obj->table_id];
+    replay_t *replay = &replays_->of[start->table_id];
     replays_->running += !replay->running;
     *replay = {};
     replay->running = true;
     replay->before = counters_[begun_];
-    zan_host_quarantine_replay_start(obj->table_id,
-                                     obj->client_epoch == ZAN_EPOCH_ANY ? nullptr : obj);
+    zan_host_quarantine_replay_start(start->table_id, marker_of(start));
 }
 
 void replay_batch_t::end(uint32_t table_id)
 {
     replay_t *replay = &replays_->of[table_id];
-    replays_->running -= replay->running;
-    replay->running = false;
-    replay->dropped = zan_host_quarantine_replay_end(table_id);
-    if (!replays_only_ || replay->before.empty())
+    const uint32_t dropped = zan_host_quarantine_replay_end(table_id);
+    if (!replay->running)
         return;
-    const uint64_t swept =
-        counters_of(table_id)[ZAN_CTR_REPLAY_SWEPT] - replay->before[ZAN_CTR_REPLAY_SWEPT];
-    const uint64_t gone = stored_[table_id] - std::min(stored_[table_id], zan_db_count(table_id));
+    replays_->running--;
+    replay->running = false;
+    replay->dropped = dropped;
+    if (!replays_only_)
+        return;
+    const uint64_t stored = zan_db_count(table_id);
+    const uint64_t swept = swept_so_far(table_id) - before_[table_id].swept;
+    const uint64_t gone = before_[table_id].stored - std::min(before_[table_id].stored, stored);
     replay->left = swept - std::min(swept, gone);
 }
 
@@ -154,13 +205,14 @@ void replay_batch_t::note(const uint8_t *slots, uint32_t payload)
 {
     if (!concerns_ && !anything_in_quarantine())
         return;
-    settle_marked();
     size_t index = 0;
     for_each_object(msg_, len_, [&](const zan_table_base_st *obj) {
         switch (obj->table_operation) {
         case ZAN_TABLE_REPLAY_START:
             if (is_done(slots, payload, index))
                 begin(obj);
+            else
+                forget(obj->table_id);
             begun_++;
             break;
         case ZAN_TABLE_REPLAY_END:
@@ -176,4 +228,5 @@ void replay_batch_t::note(const uint8_t *slots, uint32_t payload)
         }
         index++;
     });
+    settle_marked();
 }

@@ -9,6 +9,7 @@
 #include "object_names.h"
 
 #include <cstddef>
+#include <map>
 #include <vector>
 
 /* The last replay of a table. */
@@ -18,13 +19,15 @@ struct replay_t {
     uint64_t kept;                /* marked, and sent again: nothing to change */
     uint64_t changed;             /* marked, and changed or made anew by the client */
     uint64_t deleted;             /* marked, and deleted by the client */
-    uint64_t left;                /* swept, and still stored: held back, or refused by hardware */
+    uint64_t left;                /* swept, and still stored: held back, or refused by hardware;
+                                     not known, and 0, of an end that came with other writes */
     uint32_t dropped;             /* objects in quarantine that were not sent again */
 };
 
 struct replays_t {
     replay_t of[ZAN_NUM_TABLES];
-    uint32_t running; /* how many */
+    uint32_t running;                  /* how many */
+    uint32_t accepted[ZAN_NUM_TABLES]; /* creates of what is stored that a replay let pass, ever */
 };
 
 /* One batch and the replays: made in front of the dispatcher's call, noted behind it. */
@@ -40,11 +43,19 @@ public:
 private:
     struct marked_t {
         object_name_t name;
-        size_t content; /* a hash of what it says */
+        size_t content;             /* a hash of what it says */
+        bool plain_create, deletes; /* asked of it */
+    };
+    struct before_t {
+        uint64_t stored;
+        uint32_t swept;
     };
     void look_at(const zan_table_base_st *obj);
+    void look_at_write(const zan_table_base_st *obj);
+    void merge_marked();
+    void forget(uint32_t table_id);
     void settle_marked();
-    void begin(const zan_table_base_st *obj);
+    void begin(const zan_table_base_st *start);
     void end(uint32_t table_id);
 
     replays_t *replays_;
@@ -52,10 +63,11 @@ private:
     size_t len_;
     bool concerns_;            /* a replay is under way, begins or ends */
     bool replays_only_ = true; /* nothing else changes the number of objects */
+    std::map<uint32_t, const zan_table_base_st *> starts_; /* in the batch so far, by table */
     std::vector<marked_t> marked_;
     std::vector<std::vector<uint32_t>> counters_; /* of the tables whose replay begins, in order */
     size_t begun_ = 0;
-    std::vector<uint64_t> stored_; /* objects of each table, if a replay begins or ends */
+    std::vector<before_t> before_; /* each table, if a replay begins or ends */
 };
 
 #endif

@@ -78,7 +78,8 @@ bool fill_table(const node_t *node, uint32_t table_id, zan_status_st *status,
     out->index_bytes = zan_db_index_bytes_of(table_id);
     out->identifiers = zan_host_identifiers_held(table_id);
     out->creates = counters[ZAN_CTR_CREATE];
-    out->duplicates = counters[ZAN_CTR_CREATE_DUPLICATE];
+    out->duplicates = counters[ZAN_CTR_CREATE_DUPLICATE] + counters[ZAN_CTR_CREATE_STRICT_DIFFERS] -
+                      node->replays.accepted[table_id];
     const zan_resource_info_t *info = resource_info(zan_table_defs[table_id]);
     out->resolve_failed = info ? info->resolve_fail_cnt : 0;
     out->bind_failed = counters[ZAN_CTR_BIND_FAILED];

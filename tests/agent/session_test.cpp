@@ -119,6 +119,50 @@ TEST_F(session, refuses_a_batch_and_goes_on)
     EXPECT_EQ(read("l3intf", "intf=1", &text), ZAN_RC_NOT_FOUND) << "no part of it was run";
 }
 
+/* A replay may begin and end in the midst of a batch; what it came to is told all the same. */
+TEST_F(session, replays_in_one_batch_with_its_objects)
+{
+    using operations_t = std::vector<std::tuple<const char *, zan_table_operation_et>>;
+    const zan_table_def_t *def = zan_table_def_find("punt");
+    auto run_all = [&](const operations_t &operations) {
+        const batch_t batch(zan_batch_new(ZAN_BATCH_CONTINUE_ON_ERROR, 0));
+        for (const auto &[text, operation] : operations) {
+            const object_t obj = *text ? parse("punt", text) : object_t(zan_obj_ctor(def, 0, 0));
+            zan_batch_append(batch.get(), obj.get(), operation);
+        }
+        EXPECT_EQ(zan_client_run(client, batch.get()), 0) << zan_client_error(client);
+        zan_table_record_st record = {};
+        EXPECT_EQ(zan_client_table(client, def->id, &record), 0) << zan_client_error(client);
+        return record;
+    };
+    for (int i = 1; i <= 5; i++)
+        ASSERT_EQ(create("punt", "punt_id=" + std::to_string(i)), (zan_rcode)EOK);
+    zan_table_record_st record = run_all({{"", ZAN_TABLE_REPLAY_START},
+                                          {"punt_id=1", ZAN_TABLE_CREATE},
+                                          {"punt_id=2", ZAN_TABLE_CREATE},
+                                          {"punt_id=3", ZAN_TABLE_DELETE}});
+    EXPECT_EQ(record.replaying, 1u);
+    EXPECT_EQ(record.replay_kept, 2u);
+    EXPECT_EQ(record.replay_deleted, 1u);
+    record = run_all({{"punt_id=4", ZAN_TABLE_CREATE}, {"", ZAN_TABLE_REPLAY_END}});
+    EXPECT_EQ(record.replaying, 0u);
+    EXPECT_EQ(record.replay_kept, 3u);
+    EXPECT_EQ(record.replay_deleted, 1u);
+    EXPECT_EQ(record.stored, 3u);
+    record = run_all({{"", ZAN_TABLE_REPLAY_END}});
+    EXPECT_EQ(record.replay_left, 0u) << "this one had no start";
+
+    zan_status_st status;
+    zan_table_status_st *tables = nullptr;
+    ASSERT_EQ(zan_client_status(client, &status, &tables), 0);
+    EXPECT_EQ(tables[0].duplicates, 0u) << "none was refused";
+    free(tables);
+    EXPECT_EQ(create("punt", "punt_id=1"), ZAN_RC_EXISTS);
+    ASSERT_EQ(zan_client_status(client, &status, &tables), 0);
+    EXPECT_EQ(tables[0].duplicates, 1u);
+    free(tables);
+}
+
 TEST_F(session, pipelines_replies_in_order)
 {
     std::vector<batch_t> batches;

@@ -135,9 +135,18 @@ void create_count_reference(create_op_t *op)
         kor_ref_adjust(op->def, op->crud.db_obj, true);
 }
 
+/* It is there again: somebody has it, whatever kind of create said so. */
+void create_clear_stale(create_op_t *op)
+{
+    zan_table_base_st *db_obj = op->crud.db_obj;
+    db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE;
+    if (op->def->obj_ref_cnt_offset && !*zan_obj_ref_cnt_set(op->def, db_obj))
+        kor_ref_set(op->def, db_obj, 1);
+}
+
 void create_accept_stored(create_op_t *op)
 {
-    op->crud.db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE;
+    create_clear_stale(op);
     op->response->obj = (uint64_t)(uintptr_t)op->crud.db_obj;
 }
 
@@ -146,7 +155,7 @@ void create_convert_to_update(create_op_t *op)
     zan_table_base_st *db_obj = op->crud.db_obj;
     zan_table_base_st *copy = op->create_to_update_copy;
     ZAN_ASSERT(copy, "create_to_update_copy");
-    db_obj->flag &= ~(uint32_t)ZAN_FLAG_STALE;
+    create_clear_stale(op);
     copy->table_operation = ZAN_TABLE_UPDATE;
     zan_server_api_update(op->def, copy, op->response, op->flags, nullptr);
     op->response->obj = (uint64_t)(uintptr_t)db_obj;
