@@ -62,10 +62,10 @@ public:
     }
     /* Replies or notifications wait to be sent. */
     bool has_output() const;
-    /* A frame is on its way in, or a request to its reply. */
+    /* A frame is on its way in, or a request to its reply, or there was no hello yet. */
     bool is_busy() const
     {
-        return hdr_len_ != 0 || under_way_ != 0;
+        return hdr_len_ != 0 || under_way_ != 0 || !greeted_;
     }
     /* What to poll(2) for. */
     short events(bool queue_has_room, bool stopping) const;

@@ -196,9 +196,9 @@ static int explain_connect(zan_client_t *client, const char *path, int error)
         return client_lose(client, "%s is a %s, no socket: name the one that zan_agent listens on",
                            path, S_ISDIR(facts.st_mode) ? "directory" : "file");
     if (error == ECONNREFUSED)
-        return client_lose(
-            client, "nobody listens at %s any more (%s): start zan_agent, or name its socket", path,
-            strerror(error));
+        return client_lose(client,
+                           "no agent listens at %s (%s): start zan_agent, or name its socket", path,
+                           strerror(error));
     return client_lose(client, "no agent at %s (%s): start zan_agent, or name its socket", path,
                        strerror(error));
 }

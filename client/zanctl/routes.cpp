@@ -144,12 +144,9 @@ struct walk_t {
     std::vector<uint64_t> gaps; /* ranks in front of which strangers stand */
 };
 
-/* Whether an object stands in front of the route of a rank, or behind it; every object stands in
- * front of the rank behind the last. */
+/* Whether an object stands in front of the route of a rank, or behind it. */
 bool is_before(const routes_t *routes, const zan_table_base_st *found, uint64_t rank)
 {
-    if (rank == routes->count)
-        return true;
     routes->make(routes->in_key_order[rank]);
     return zan_key_cmp(routes->def, zan_obj_key(routes->def, found),
                        zan_obj_key(routes->def, routes->obj.get())) < 0;
@@ -191,9 +188,10 @@ void check_answer(walk_t *walk, zan_rcode rc, const zan_table_base_st *found)
 {
     const routes_t *routes = walk->routes;
     const uint64_t rank = walk->next++;
-    if (rc != EOK || !found) {
-        if (rank < routes->count) /* behind the last there should be nothing */
-            note_missing(walk, rank, code_text(rc));
+    if (rank == routes->count) { /* what stands behind the last is not looked through */
+        walk->check->strangers += rc == EOK;
+    } else if (rc != EOK || !found) {
+        note_missing(walk, rank, code_text(rc));
     } else if (!is_before(routes, found, rank)) {
         check_place(walk, rank, found);
     } else if (rank == 0 || is_behind(routes, found, rank - 1)) {
@@ -237,7 +235,7 @@ bool cross_gap(session_t *session, walk_t *walk, uint64_t rank)
     if (zan_client_walk(session->client, routes->def, rank ? routes->obj.get() : nullptr, visit_gap,
                         &gap, &rc))
         return false;
-    if (!gap.ended && rank < routes->count)
+    if (!gap.ended)
         note_missing(walk, rank, code_text(rc ? rc : ZAN_RC_NOT_FOUND));
     return true;
 }

@@ -153,8 +153,10 @@ uint32_t zan_srv_default_async_notif_queue_enqueue(const zan_table_base_st *obj,
     zan_host_notification_t *message = new_message(obj->total_obj_size);
     if (message) {
         message->arg = arg;
-        const zan_counters_hold_t hold(props->def); /* it may be a stored one */
-        message->size = props->serialize(obj, message + 1);
+        {
+            const zan_counters_hold_t hold(props->def); /* it may be a stored one */
+            message->size = props->serialize(obj, message + 1);
+        }
         fill_header(obj, type, &message->hdr);
         props->fill_default_async_notif_cb((zan_table_base_st *)(message + 1), &message->hdr);
     }

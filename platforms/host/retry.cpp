@@ -197,7 +197,7 @@ void sent(entry_t *entry)
     unwait(entry);
     entry->second.state = ZAN_HOST_FAILED_UNDER_WAY;
     entry->second.failed_again = false;
-    entry->second.npus = 0;
+    entry->second.npus_before = std::exchange(entry->second.npus, 0);
     entry->second.attempts++;
     attempts++;
     round_sent.push_back(entry);
@@ -423,7 +423,7 @@ void fill(zan_host_failed_st *row, const object_name_t &name, const failed_t &fa
     row->stored = find_stored(name) != nullptr;
     row->state = failed.state;
     row->operation = failed.operation;
-    row->npu_mask = failed.npus;
+    row->npu_mask = failed.npus ? failed.npus : failed.npus_before;
     row->rc = failed.rc;
     row->attempts = failed.attempts;
     const int64_t now = host_retry_now_us();

@@ -14,6 +14,7 @@ struct failed_t {
     uint32_t operation;         /* that failed last */
     zan_rcode rc;               /* its code */
     kor_npu_mask_t npus;        /* where a write failed since the last attempt */
+    kor_npu_mask_t npus_before; /* where it had failed when the last attempt was sent */
     uint32_t attempts;          /* in all */
     uint32_t spent;             /* of the budget */
     int64_t due_us;             /* by CLOCK_MONOTONIC */

@@ -131,14 +131,30 @@ zan_table_base_st *zan_obj_ctor(const zan_table_def_t *def, uint32_t private_siz
     return obj;
 }
 
+/* Header and fixed part, and what lies behind them up to `size`. A stored object may be copied
+ * while its write is under way: then an NPU thread lowers `inflight` meanwhile, and nothing else.
+ */
+static void copy_fixed(const zan_table_def_t *def, const zan_table_base_st *from, void *to,
+                       uint32_t size)
+{
+    if (ZAN_LIKELY(!def->track_inflight)) {
+        memcpy(to, (const void *)from, size);
+        return;
+    }
+    constexpr uint32_t at = offsetof(zan_table_base_st, inflight), behind = at + 1;
+    memcpy(to, (const void *)from, at);
+    *((uint8_t *)to + at) = __atomic_load_n(&from->inflight, __ATOMIC_RELAXED);
+    memcpy((uint8_t *)to + behind, (const uint8_t *)from + behind, size - behind);
+}
+
 void zan_obj_copy_to(const zan_table_def_t *def, uint32_t private_size,
                      const zan_table_base_st *from, bool from_has_private, zan_table_base_st *to)
 {
     uint32_t inner_size = def->obj_size + private_size;
     if (from_has_private) {
-        memcpy((void *)to, (const void *)from, inner_size);
+        copy_fixed(def, from, to, inner_size);
     } else {
-        memcpy((void *)to, (const void *)from, def->obj_size);
+        copy_fixed(def, from, to, def->obj_size);
         if (private_size) /* the block may be a recycled one */
             memset((uint8_t *)to + def->obj_size, 0, private_size);
     }
@@ -175,7 +191,7 @@ uint32_t zan_obj_serialize(const zan_table_def_t *def, uint32_t private_size,
     uint32_t dyn_size = zan_obj_dyn_size(def, zan_obj_num_elements(def, obj));
     uint32_t written = def->obj_size;
 
-    memcpy(out, (const void *)obj, def->obj_size);
+    copy_fixed(def, obj, out, def->obj_size);
     clear_form_fields(def, out);
     if (private_size && obj->total_obj_size == def->obj_size + private_size + dyn_size) {
         memset(out + written, 0, private_size);
