@@ -31,20 +31,27 @@ bool set_thresholds(uint32_t hwdb, const uint8_t *percent)
     return zan_host_resource_set_thresholds(hwdb, &at);
 }
 
-zan_resource_st read_database(uint32_t npu, uint32_t hwdb)
+/* The books are what was accounted; this is what is there. */
+uint64_t objects_held(const npu_control_t &npus, uint32_t npu, uint32_t hwdb)
+{
+    if (!npus.count)
+        return UINT64_MAX;
+    uint64_t held = 0;
+    for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++)
+        if (zan_table_defs[id]->hwdb == hwdb)
+            held += npus.count(npu, id);
+    return held;
+}
+
+zan_resource_st read_database(const npu_control_t &npus, uint32_t npu, uint32_t hwdb)
 {
     zan_host_resource_st r;
     zan_host_resource_get(npu, hwdb, &r);
     zan_host_thresholds_st at;
     zan_host_resource_get_thresholds(hwdb, &at);
-    return {hwdb,
-            npu,
-            r.capacity,
-            r.used,
-            r.high_water,
-            r.state,
-            r.crossings,
-            {at.yellow, at.yellow_clear, at.red, at.red_clear},
+    return {hwdb,    npu,          r.capacity,
+            r.used,  r.high_water, objects_held(npus, npu, hwdb),
+            r.state, r.crossings,  {at.yellow, at.yellow_clear, at.red, at.red_clear},
             {}};
 }
 
@@ -54,12 +61,13 @@ template <class row_t> void append(std::vector<uint8_t> *frame, const std::vecto
     frame->insert(frame->end(), bytes, bytes + rows.size() * sizeof(row_t));
 }
 
-answer_t answer(uint32_t num_npus)
+answer_t answer(const node_t &node)
 {
+    const uint32_t num_npus = node.facts.num_npus;
     std::vector<zan_resource_st> databases;
     for (uint32_t hwdb = 1; hwdb < ZAN_NUM_HWDBS; hwdb++)
         for (uint32_t npu = 0; npu < num_npus; npu++)
-            databases.push_back(read_database(npu, hwdb));
+            databases.push_back(read_database(node.npus, npu, hwdb));
     std::vector<zan_resource_table_st> tables;
     for (uint32_t id = 0; id < ZAN_NUM_TABLES; id++) {
         zan_resource_table_st row = {id, zan_table_defs[id]->hwdb, {}};
@@ -163,5 +171,5 @@ answer_t run_resources(node_t *node, const request_t &request)
         !set_capacity(node->npus, asked.npu, asked.hwdb, asked.capacity))
         return refuse_request(node, "capacity",
                               "no such database, or more entries than can be counted");
-    return answer(node->facts.num_npus);
+    return answer(*node);
 }

@@ -272,12 +272,13 @@ ZAN_STATIC_ASSERT(sizeof(zan_resources_reply_st) == 16, "resources reply");
 typedef struct zan_resource_st {
     uint32_t hwdb, npu;
     uint64_t capacity, used, high_water;
+    uint64_t held;      /* objects that the NPU holds; UINT64_MAX where the platform cannot tell */
     uint32_t state;     /* 0 green, 1 yellow, 2 red */
     uint32_t crossings; /* changes of state so far */
     uint8_t thresholds[4];
     uint8_t reserved[4];
 } zan_resource_st;
-ZAN_STATIC_ASSERT(sizeof(zan_resource_st) == 48, "database of an NPU");
+ZAN_STATIC_ASSERT(sizeof(zan_resource_st) == 56, "database of an NPU");
 
 typedef struct zan_resource_table_st {
     uint32_t table_id, hwdb;

@@ -28,6 +28,12 @@ std::string occupants(const resources_t &r, const zan_resource_st &database)
     return text;
 }
 
+/* Whether it is known what the NPU holds. */
+bool can_tell(const zan_resource_st &r)
+{
+    return r.held != UINT64_MAX;
+}
+
 std::string percent(const zan_resource_st &r)
 {
     return r.capacity ? std::to_string(r.used * 100 / r.capacity) + " %" : "";
@@ -55,12 +61,13 @@ void print(FILE *out, const resources_t &r, const resources_options_t &options)
         if (!is_shown(d, options))
             continue;
         if (!shown++)
-            fprintf(out, "%-14s %3s %12s %12s %12s %6s %-7s %s\n", "database", "NPU", "capacity",
-                    "used", "highest", "full", "state", "by");
+            fprintf(out, "%-14s %3s %12s %12s %12s %12s %6s %-7s %s\n", "database", "NPU",
+                    "capacity", "used", "highest", "held", "full", "state", "by");
         const std::string by = occupants(r, d);
-        fprintf(out, "%-14s %3u %12s %12llu %12llu %6s %s", zan_hwdb_name(d.hwdb), d.npu,
+        fprintf(out, "%-14s %3u %12s %12llu %12llu %12s %6s %s", zan_hwdb_name(d.hwdb), d.npu,
                 d.capacity ? std::to_string(d.capacity).c_str() : "no limit",
-                (unsigned long long)d.used, (unsigned long long)d.high_water, percent(d).c_str(),
+                (unsigned long long)d.used, (unsigned long long)d.high_water,
+                can_tell(d) ? std::to_string(d.held).c_str() : "-", percent(d).c_str(),
                 resource_state_name(d.state));
         if (!by.empty())
             fprintf(out, "%*s %s", 7 - (int)strlen(resource_state_name(d.state)), "", by.c_str());
@@ -88,6 +95,7 @@ json_t as_json(const resources_t &r, const resources_options_t &options)
                        {"capacity", d.capacity},
                        {"used", d.used},
                        {"high_water", d.high_water},
+                       {"held", can_tell(d) ? json_t(d.held) : json_t()},
                        {"state", resource_state_name(d.state)},
                        {"crossings", d.crossings},
                        {"yellow", d.thresholds[0]},

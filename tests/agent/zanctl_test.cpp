@@ -215,9 +215,11 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
     EXPECT_EQ(run("compare").status, 1) << "the fifth has found no room";
     const std::string resources = run("resources").text;
     for (const char *part :
-         {"\nlpm              0            4            4            4  100 % red     iproute 4\n",
-          "\nlpm              1            4            4            4  100 % red     iproute 4\n",
-          " no limit            1            1        green   ipvrf 1\n"})
+         {"\nlpm              0            4            4            4            4  100 % red     "
+          "iproute 4\n",
+          "\nlpm              1            4            4            4            4  100 % red     "
+          "iproute 4\n",
+          " no limit            1            1            1        green   ipvrf 1\n"})
         EXPECT_TRUE(has(resources, part));
     EXPECT_FALSE(has(resources, "acl")) << "neither used nor limited";
 
@@ -232,10 +234,11 @@ TEST_F(zanctl, shows_how_full_the_hardware_is)
     EXPECT_TRUE(has(run("resources").text, "   75 % yellow  iproute 3\n"));
     EXPECT_EQ(run("resources --db lpm --capacity 3 --npu 1").status, 0);
     const std::string json = run("--json resources").text;
-    EXPECT_TRUE(has(json, "{\"database\":\"lpm\",\"npu\":1,\"capacity\":3,\"used\":3,"
-                          "\"high_water\":4,\"state\":\"red\",\"crossings\":6,\"yellow\":50,"
-                          "\"yellow_clear\":40,\"red\":100,\"red_clear\":90,\"tables\":{"
-                          "\"iproute\":3}}"));
+    EXPECT_TRUE(has(json,
+                    "{\"database\":\"lpm\",\"npu\":1,\"capacity\":3,\"used\":3,"
+                    "\"high_water\":4,\"held\":3,\"state\":\"red\",\"crossings\":6,\"yellow\":50,"
+                    "\"yellow_clear\":40,\"red\":100,\"red_clear\":90,\"tables\":{"
+                    "\"iproute\":3}}"));
     EXPECT_FALSE(has(run("resources --db acl").text, "lpm"));
     EXPECT_FALSE(has(run("resources --db lpm --npu 1").text, "lpm              0"));
     EXPECT_EQ(run("resources --npu 5").status, 2) << "there are two";
