@@ -420,7 +420,8 @@ typedef struct zan_table_record_st {
     uint64_t replay_kept;    /* sent again as they stood */
     uint64_t replay_changed; /* changed by what was sent, or made anew */
     uint64_t replay_deleted; /* deleted by the client before the end */
-    uint64_t replay_left;    /* swept, and still stored: held back, or refused by hardware */
+    uint64_t replay_left;    /* swept, and still stored: held back, or refused by hardware; 0, since
+                                it is not known, of an end that came with writes in its batch */
 } zan_table_record_st;
 ZAN_STATIC_ASSERT(sizeof(zan_table_record_st) == 1336, "record of a table");
 

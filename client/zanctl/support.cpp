@@ -107,7 +107,9 @@ bool rename_to_new(const std::string &from, const std::string &to)
 
 [[noreturn]] void fail_file(const std::string &path, int error)
 {
-    throw std::runtime_error(path + ": " + strerror(error));
+    throw std::runtime_error(
+        path + ": " +
+        (error == EEXIST ? "it is there, and is not overwritten: name another" : strerror(error)));
 }
 
 /* The archive on its way: all of it in one directory. It is written beside its place, under a name

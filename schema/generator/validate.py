@@ -15,7 +15,7 @@ OBJ_SIZE_MIN, OBJ_SIZE_MAX = 216, 7584
 NAME = re.compile(r"[a-z_][a-z0-9_]*$")
 # Fields of every object, and words that the text form reads as something else.
 RESERVED = {"base", "adj_list", "trans_id", "npu_mask_req", "npu_mask_req_set", "key",
-            "obj_ref_cnt", "num_elements", "handle", "reserved_end"}
+            "obj_ref_cnt", "obj_ref_cnt_set", "num_elements", "handle", "reserved_end"}
 # Words of C and C++ that the names meet as members.
 KEYWORDS = {"and", "auto", "bool", "break", "case", "char", "class", "const", "continue", "default",
             "delete", "do", "double", "else", "enum", "explicit", "export", "extern", "false",
